@@ -1,0 +1,99 @@
+#pragma once
+
+// The platform coordinator: what the framework asks the hosting application
+// (its name, its group, its preferred log level) and how it runs background
+// activities. The application registers its own coordinator at start with
+// ORVRegisterPlatformCoordinator(); until then ORVCoordinator answers with
+// the shared default coordinator.
+//
+// Background activities are systemd-logind inhibitor locks (what
+// "sleep:idle", mode "block") taken over D-Bus on the system bus. When logind
+// does not answer, the activity is a token that holds nothing.
+
+#include <OrvellaKit/ORVErrors.h>
+
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+// A log level of the logging convention: off 0, error 1, warning 3, info 7,
+// debug 15, verbose 31.
+using ORVLogLevel = quint32;
+
+// A running background activity. Holding it keeps the inhibitor lock, if
+// any; ending it (or destroying it) releases the lock.
+class ORVBackgroundActivity {
+public:
+    ~ORVBackgroundActivity();
+    ORVBackgroundActivity(const ORVBackgroundActivity &) = delete;
+    ORVBackgroundActivity &operator=(const ORVBackgroundActivity &) = delete;
+
+    const QString &reason() const { return _reason; }
+    // The activity options, as the platform numbers them (255: background).
+    quint64 options() const { return _options; }
+    // True while an inhibitor lock is held.
+    bool isInhibiting() const;
+    // Releases the lock; later calls do nothing.
+    void end();
+
+private:
+    friend class ORVPlatformCoordinator;
+    ORVBackgroundActivity(QString reason, quint64 options, int inhibitorFd);
+
+    QString _reason;
+    quint64 _options;
+    mutable std::mutex _lock;
+    int _inhibitorFd;
+};
+
+using ORVBackgroundTaskToken = std::shared_ptr<ORVBackgroundActivity>;
+
+// Both the interface and the default coordinator. Subclass it and override
+// what the application knows; appName() and appGroupIdentifier() must be
+// overridden (the defaults throw the abstract-method exception).
+class ORVPlatformCoordinator {
+public:
+    ORVPlatformCoordinator();
+    virtual ~ORVPlatformCoordinator();
+    ORVPlatformCoordinator(const ORVPlatformCoordinator &) = delete;
+    ORVPlatformCoordinator &operator=(const ORVPlatformCoordinator &) = delete;
+
+    virtual QString appName() const;
+    virtual bool isRunningInBackground() const;
+    virtual double backgroundTimeRemaining() const;
+    // Begins an activity with the background options (255); the reason is
+    // the name, or "ORVPlatformCoordinator" when the name is null. The
+    // expiration handler is neither kept nor called.
+    virtual ORVBackgroundTaskToken beginBackgroundTaskWithName(const QString &name,
+                                                               std::function<void()> expirationHandler = {});
+    virtual void endBackgroundTask(const ORVBackgroundTaskToken &token);
+    virtual QString appGroupIdentifier() const;
+    // The spelling is deliberate; 1 is the error level.
+    virtual ORVLogLevel prefererredDefaultLogLevel() const;
+
+    // Made once per process, as an instance of the class that asks first:
+    //   MyCoordinator::sharedCoordinator<MyCoordinator>()
+    template <typename Class = ORVPlatformCoordinator>
+    static std::shared_ptr<ORVPlatformCoordinator> sharedCoordinator()
+    {
+        return sharedCoordinatorMadeBy([] { return std::shared_ptr<ORVPlatformCoordinator>(new Class()); });
+    }
+
+private:
+    static std::shared_ptr<ORVPlatformCoordinator>
+    sharedCoordinatorMadeBy(const std::function<std::shared_ptr<ORVPlatformCoordinator>()> &make);
+};
+
+class ORVCoordinator {
+public:
+    ORVCoordinator() = delete;
+    // The registered coordinator, or else the shared default one.
+    static std::shared_ptr<ORVPlatformCoordinator> platformCoordinator();
+};
+
+// Registers the application's coordinator, once, at start on the main
+// thread. A null coordinator fails "coordinator != nil"; a second
+// registration fails "A platform coordinator was already set".
+void ORVRegisterPlatformCoordinator(std::shared_ptr<ORVPlatformCoordinator> coordinator);

@@ -1,0 +1,76 @@
+#pragma once
+
+// ORVDispatchQueue: serial and concurrent executors.
+//
+// - The main queue is the Qt main thread: blocks are posted to the
+//   application object's event loop (a QCoreApplication must exist).
+// - Serial queues run one block at a time, in order, on threads of the
+//   framework's own pool (not QThreadPool::globalInstance(), which has only
+//   as many threads as cores). The pool starts a thread whenever work waits
+//   and no thread is idle, up to 64 running blocks; a thread that waits in
+//   sync() does not count, so a block that waits for another queue never
+//   holds the last free thread.
+// - Global queues run blocks concurrently on the same pool; higher qualities
+//   of service are taken first.
+//
+// isCurrent() is the "am I running on this queue" test. A block that throws
+// is reported on the Qt log and does not stop the queue; sync() rethrows the
+// exception in the caller.
+
+#include <QString>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+class ORVDispatchQueue : public std::enable_shared_from_this<ORVDispatchQueue> {
+public:
+    enum class QualityOfService { Background, Utility, Default, UserInitiated, UserInteractive };
+
+    using Block = std::function<void()>;
+
+    // A new serial queue.
+    static std::shared_ptr<ORVDispatchQueue> create(const QString &label);
+    // The queue of the Qt main thread.
+    static std::shared_ptr<ORVDispatchQueue> mainQueue();
+    // The shared concurrent queue of a quality of service.
+    static std::shared_ptr<ORVDispatchQueue> globalQueue(QualityOfService qos = QualityOfService::Default);
+    // The innermost queue whose block the calling thread is running, or the
+    // main queue on the main thread, or null.
+    static std::shared_ptr<ORVDispatchQueue> currentQueue();
+
+    virtual ~ORVDispatchQueue();
+    ORVDispatchQueue(const ORVDispatchQueue &) = delete;
+    ORVDispatchQueue &operator=(const ORVDispatchQueue &) = delete;
+
+    const QString &label() const { return _label; }
+    bool isSerial() const { return _kind != Kind::Concurrent; }
+    bool isMainQueue() const { return _kind == Kind::Main; }
+
+    // True while the calling thread runs a block of this queue (for the main
+    // queue: while it is the main thread).
+    bool isCurrent() const;
+
+    // Runs the block later, on this queue.
+    void async(Block block);
+    // Runs the block on this queue and waits for it. Called from a block
+    // already running on this (serial) queue it runs inline instead of
+    // deadlocking.
+    void sync(const Block &block);
+    // Runs the block on this queue once the delay has passed.
+    void after(std::chrono::milliseconds delay, Block block);
+
+protected:
+    enum class Kind { Main, Serial, Concurrent };
+    ORVDispatchQueue(QString label, Kind kind, QualityOfService qos);
+
+private:
+    struct Private;
+    friend struct Private;
+    void drain();
+
+    QString _label;
+    Kind _kind;
+    QualityOfService _qos;
+    std::unique_ptr<Private> d;
+};

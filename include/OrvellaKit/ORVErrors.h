@@ -1,0 +1,23 @@
+#pragma once
+
+// The framework's cancel error and the abstract-method exception.
+
+#include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVException.h>
+
+extern const QString ORVOrvellaKitErrorDomain; // "com.orvella.orvellakit"
+constexpr qint64 ORVUserCancelledErrorCode = 3072;
+
+// "com.orvella.orvellakit" 3072, no user info.
+ORVError orv_orvellaKitCancelError();
+bool orv_isOrvellaKitCancelError(const ORVError &error);
+// "NSCocoaErrorDomain" 3072.
+bool orv_isCocoaCancelError(const ORVError &error);
+
+// Returns (does not throw) the exception that a base class raises from a
+// method its subclasses must override: "AbstractMethodException", reason
+// "You must override <selector> in a subclass". A null selector fails
+// "selector != NULL".
+ORVException orv_abstractMethodException(const char *selector);
+
+extern const QString ORVAbstractMethodExceptionName; // "AbstractMethodException"

@@ -1,0 +1,69 @@
+#pragma once
+
+// The hosting application's account object and the blocks through which the
+// framework reaches it. The framework never owns account storage: the
+// application registers a block that returns the current account and one
+// that saves an account.
+
+#include <OrvellaKit/ORVError.h>
+
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+// How the account signs in.
+enum ORVOrvellaAccountType : qint64 {
+    ORVOrvellaAccountTypeNone = 0,
+    ORVOrvellaAccountTypePassword = 1,
+    ORVOrvellaAccountTypeApple = 2,
+    ORVOrvellaAccountTypeGoogle = 3,
+};
+
+// An endpoint of the account server or a page of the public web site; the
+// numbers are shared with the application's account class.
+enum ORVOrvellaServerEndpoint : quint64 {};
+
+class ORVOrvellaAccount {
+public:
+    virtual ~ORVOrvellaAccount();
+
+    virtual QString identifier() const = 0;
+    // Nothing while nobody is signed in.
+    virtual std::optional<QString> username() const = 0;
+    virtual QString emailAddress() const = 0;
+    virtual ORVOrvellaAccountType orvellaAccountType() const = 0;
+    virtual QString displayName() const = 0;
+    virtual void setDisplayName(const QString &displayName) = 0;
+    virtual std::shared_ptr<ORVOrvellaAccount> copy() const = 0;
+
+    // Answers that belong to the account's class rather than to one account:
+    // they must not depend on the instance's state.
+    //
+    // The URL of an endpoint on this account's server (empty for an unknown
+    // endpoint).
+    virtual QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint endpoint) const = 0;
+    // The URL of the account server's programming interface; its host is
+    // the one bearer tokens may be sent to.
+    virtual QUrl serverURLForAPIAccess() const = 0;
+};
+
+using ORVOrvellaAccountFetchBlock = std::function<std::shared_ptr<ORVOrvellaAccount>()>;
+using ORVOrvellaAccountSaveCompletion = std::function<void(const ORVError &error)>;
+using ORVOrvellaAccountSaveBlock =
+    std::function<void(std::shared_ptr<ORVOrvellaAccount> account, ORVOrvellaAccountSaveCompletion completion)>;
+
+// Replace the previous block (no check for a second registration).
+void ORVRegisterOrvellaAccountFetchBlock(ORVOrvellaAccountFetchBlock block);
+void ORVRegisterOrvellaAccountSaveBlock(ORVOrvellaAccountSaveBlock block);
+
+// Calls the fetch block. Calling it before a block is registered is a
+// programming error: it fails the assertion "fetchBlock != nil" and gives
+// nothing when the assertion handler returns.
+std::shared_ptr<ORVOrvellaAccount> ORVFetchOrvellaAccount();
+// Calls the save block with both arguments; the application calls the
+// completion on the queue it chooses. Without a block it fails
+// "saveBlock != nil".
+void ORVSaveOrvellaAccount(std::shared_ptr<ORVOrvellaAccount> account, ORVOrvellaAccountSaveCompletion completion);

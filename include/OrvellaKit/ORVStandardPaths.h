@@ -1,0 +1,31 @@
+#pragma once
+
+// Where the folders an application expects live on Linux. The mapping (see
+// the README) follows the XDG base directories:
+//
+//   Library                 $XDG_STATE_HOME            (~/.local/state)
+//   Library/Logs            $XDG_STATE_HOME/Logs
+//   Application Support     $XDG_DATA_HOME/<bundle id> (~/.local/share/<id>)
+//   Caches                  $XDG_CACHE_HOME/<bundle id>
+//   group container G       $XDG_DATA_HOME/group-containers/G
+//   temporary directory     QDir::tempPath()           ($TMPDIR or /tmp)
+//
+// Functions that say "created" make the folder (and its parents) when it is
+// missing; they return a null string when that fails.
+
+#include <QString>
+
+// Every application of the family shares the Library folder, as on the
+// platform the framework comes from; files inside are named per application.
+QString ORVUserLibraryDirectory(bool create = true);
+// The application's own data folder (bundle identifier; the executable name
+// when there is none), created.
+QString ORVApplicationSupportDirectory(bool create = true);
+QString ORVCachesDirectory(bool create = true);
+// The shared container of an application group, created.
+QString ORVGroupContainerDirectory(const QString &groupIdentifier, bool create = true);
+QString ORVTemporaryDirectory();
+
+// The name used for per-application folders: the main bundle's identifier,
+// else QCoreApplication::applicationName(), else the executable's name.
+QString ORVApplicationFolderName();

@@ -1,0 +1,6 @@
+#pragma once
+
+#include <QString>
+
+// The library's version, "major.minor.patch".
+QString ORVOrvellaKitVersionString();

@@ -1,0 +1,19 @@
+#pragma once
+
+// The core headers of OrvellaKit.
+
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVCoordinator.h>
+#include <OrvellaKit/ORVData.h>
+#include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVErrors.h>
+#include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVISO8601DateFormatter.h>
+#include <OrvellaKit/ORVJSON.h>
+#include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKit/ORVNotificationCenter.h>
+#include <OrvellaKit/ORVOrvellaAccount.h>
+#include <OrvellaKit/ORVStandardPaths.h>
+#include <OrvellaKit/ORVStringWithFormat.h>
+#include <OrvellaKit/ORVVersion.h>

@@ -1,0 +1,7 @@
+#include <OrvellaKit/ORVVersion.h>
+#include <OrvellaKitWidgets/ORVWidgets.h>
+
+QString ORVOrvellaKitWidgetsVersionString()
+{
+    return ORVOrvellaKitVersionString();
+}
