@@ -2,8 +2,9 @@
 
 // ORVDispatchQueue: serial and concurrent executors.
 //
-// - The main queue is the Qt main thread: blocks are posted to the
-//   application object's event loop (a QCoreApplication must exist).
+// - The main queue is the Qt main thread: its blocks run from the
+//   application object's event loop, in order. Blocks added before the
+//   QCoreApplication exists wait for its event loop.
 // - Serial queues run one block at a time, in order, on threads of the
 //   framework's own pool (not QThreadPool::globalInstance(), which has only
 //   as many threads as cores). The pool starts a thread whenever work waits

@@ -1,6 +1,9 @@
 #include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVException.h>
 
 #include <QCoreApplication>
+#include <QPointer>
+#include <QSocketNotifier>
 #include <QThread>
 #include <QtGlobal>
 
@@ -13,6 +16,9 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -177,6 +183,76 @@ private:
     bool _started = false;
 };
 
+// The main queue's blocks wait in a list of our own, guarded by a
+// std::mutex, and an eventfd wakes the main thread's event loop through a
+// QSocketNotifier. Posting captured functors through Qt's event queue would
+// hand our data between threads inside Qt's uninstrumented code, where
+// ThreadSanitizer cannot see the synchronisation; and blocks added before
+// the application object exists are kept until its event loop runs.
+class MainQueuePump {
+public:
+    static MainQueuePump &instance()
+    {
+        static MainQueuePump *pump = new MainQueuePump;
+        return *pump;
+    }
+
+    void add(std::function<void()> block)
+    {
+        {
+            std::lock_guard lock(_mutex);
+            _blocks.push_back(std::move(block));
+        }
+        wake();
+    }
+
+    // Runs on the main thread when the application object is created.
+    void attach()
+    {
+        if (_eventFd < 0 || !QCoreApplication::instance())
+            return;
+        auto *notifier = new QSocketNotifier(_eventFd, QSocketNotifier::Read, QCoreApplication::instance());
+        QObject::connect(notifier, &QSocketNotifier::activated, notifier, [this] { drain(); });
+        // Blocks added before the application existed.
+        wake();
+    }
+
+private:
+    MainQueuePump() : _eventFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+    void wake()
+    {
+        if (_eventFd < 0)
+            return;
+        const quint64 one = 1;
+        [[maybe_unused]] const auto written = ::write(_eventFd, &one, sizeof one);
+    }
+
+    void drain()
+    {
+        quint64 count = 0;
+        [[maybe_unused]] const auto read = ::read(_eventFd, &count, sizeof count);
+        std::deque<std::function<void()>> blocks;
+        {
+            std::lock_guard lock(_mutex);
+            blocks.swap(_blocks);
+        }
+        for (auto &block : blocks) {
+            block();
+            block = nullptr;
+        }
+    }
+
+    std::mutex _mutex;
+    std::deque<std::function<void()>> _blocks;
+    int _eventFd;
+};
+
+void attachMainQueuePump()
+{
+    MainQueuePump::instance().attach();
+}
+
 int levelFor(ORVDispatchQueue::QualityOfService qos)
 {
     return static_cast<int>(qos);
@@ -189,6 +265,8 @@ bool onMainThread()
 }
 
 } // namespace
+
+Q_COREAPP_STARTUP_FUNCTION(attachMainQueuePump)
 
 struct ORVDispatchQueue::Private {
     std::mutex mutex;
@@ -257,21 +335,12 @@ void ORVDispatchQueue::async(Block block)
     if (!block)
         return;
     switch (_kind) {
-    case Kind::Main: {
-        QCoreApplication *app = QCoreApplication::instance();
-        if (!app) {
-            qCritical("ORVDispatchQueue: no QCoreApplication exists; a block for the main queue was dropped");
-            return;
-        }
-        QMetaObject::invokeMethod(
-            app,
-            [self = shared_from_this(), block = std::move(block)] {
-                QueueScope scope(self.get());
-                runGuarded(*self, block);
-            },
-            Qt::QueuedConnection);
+    case Kind::Main:
+        MainQueuePump::instance().add([self = shared_from_this(), block = std::move(block)] {
+            QueueScope scope(self.get());
+            runGuarded(*self, block);
+        });
         return;
-    }
     case Kind::Concurrent:
         DispatchPool::instance().submit(
             [self = shared_from_this(), block = std::move(block)] {
@@ -323,8 +392,9 @@ void ORVDispatchQueue::sync(const Block &block)
         return;
     }
     if (_kind == Kind::Main && !QCoreApplication::instance()) {
-        qCritical("ORVDispatchQueue: no QCoreApplication exists; a block for the main queue was dropped");
-        return;
+        // Nobody could ever run it: fail instead of waiting for ever.
+        throw ORVException(ORVException::internalInconsistencyName,
+                           QStringLiteral("sync() on the main queue needs a QCoreApplication"));
     }
 
     std::mutex mutex;
