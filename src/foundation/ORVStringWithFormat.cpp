@@ -115,7 +115,7 @@ QString variantText(const QVariant &value)
     return QStringLiteral("<%1>").arg(QString::fromLatin1(value.typeName()));
 }
 
-struct Spec {
+struct Directive {
     QByteArray flags;
     int width = -1;
     int precision = -1;
@@ -123,25 +123,25 @@ struct Spec {
     char conversion = 0;
 };
 
-QString pad(QString text, const Spec &spec)
+QString pad(QString text, const Directive &directive)
 {
-    if (spec.precision >= 0 && text.size() > spec.precision)
-        text.truncate(spec.precision);
-    if (spec.width > text.size()) {
-        const QString fill(spec.width - text.size(), u' ');
-        text = spec.flags.contains('-') ? text + fill : fill + text;
+    if (directive.precision >= 0 && text.size() > directive.precision)
+        text.truncate(directive.precision);
+    if (directive.width > text.size()) {
+        const QString fill(directive.width - text.size(), u' ');
+        text = directive.flags.contains('-') ? text + fill : fill + text;
     }
     return text;
 }
 
-QString cFormat(const Spec &spec, const char *length, char conversion, auto value)
+QString cFormat(const Directive &directive, const char *length, char conversion, auto value)
 {
     QByteArray format = "%";
-    format += spec.flags;
-    if (spec.width >= 0)
-        format += QByteArray::number(spec.width);
-    if (spec.precision >= 0)
-        format += '.' + QByteArray::number(spec.precision);
+    format += directive.flags;
+    if (directive.width >= 0)
+        format += QByteArray::number(directive.width);
+    if (directive.precision >= 0)
+        format += '.' + QByteArray::number(directive.precision);
     format += length;
     format += conversion;
     char small[128];
@@ -179,34 +179,34 @@ long long narrowSigned(long long value, int bytes)
     }
 }
 
-QString convert(const Spec &spec, const ORVFormatArgument &arg)
+QString convert(const Directive &directive, const ORVFormatArgument &arg)
 {
     using Kind = ORVFormatArgument::Kind;
-    const int bytes = spec.lengthBytes ? std::min(spec.lengthBytes, arg.byteWidth()) : arg.byteWidth();
-    switch (spec.conversion) {
+    const int bytes = directive.lengthBytes ? std::min(directive.lengthBytes, arg.byteWidth()) : arg.byteWidth();
+    switch (directive.conversion) {
     case '@':
-        return pad(arg.objectDescription(), spec);
+        return pad(arg.objectDescription(), directive);
     case 's':
     case 'S':
-        return pad(arg.kind() == Kind::Null ? kNull : arg.objectDescription(), spec);
+        return pad(arg.kind() == Kind::Null ? kNull : arg.objectDescription(), directive);
     case 'd':
     case 'i':
         if (arg.kind() == Kind::Text || arg.kind() == Kind::Null)
-            return pad(arg.objectDescription(), spec);
-        return cFormat(spec, "ll", 'd', narrowSigned(arg.signedValue(), bytes));
+            return pad(arg.objectDescription(), directive);
+        return cFormat(directive, "ll", 'd', narrowSigned(arg.signedValue(), bytes));
     case 'u':
     case 'o':
     case 'x':
     case 'X':
         if (arg.kind() == Kind::Text || arg.kind() == Kind::Null)
-            return pad(arg.objectDescription(), spec);
-        return cFormat(spec, "ll", spec.conversion, narrowUnsigned(arg.unsignedValue(), bytes));
+            return pad(arg.objectDescription(), directive);
+        return cFormat(directive, "ll", directive.conversion, narrowUnsigned(arg.unsignedValue(), bytes));
     case 'c':
     case 'C': {
         if (arg.kind() == Kind::Text)
-            return pad(arg.objectDescription().left(1), spec);
+            return pad(arg.objectDescription().left(1), directive);
         const auto code = static_cast<char32_t>(arg.unsignedValue() & 0x1FFFFF);
-        return pad(QString::fromUcs4(&code, 1), spec);
+        return pad(QString::fromUcs4(&code, 1), directive);
     }
     case 'f':
     case 'F':
@@ -217,10 +217,10 @@ QString convert(const Spec &spec, const ORVFormatArgument &arg)
     case 'a':
     case 'A':
         if (arg.kind() == Kind::Text || arg.kind() == Kind::Null)
-            return pad(arg.objectDescription(), spec);
-        return cFormat(spec, "", spec.conversion, arg.doubleValue());
+            return pad(arg.objectDescription(), directive);
+        return cFormat(directive, "", directive.conversion, arg.doubleValue());
     case 'p':
-        return pad(QStringLiteral("0x") + QString::number(arg.unsignedValue(), 16), spec);
+        return pad(QStringLiteral("0x") + QString::number(arg.unsignedValue(), 16), directive);
     default:
         return {};
     }
@@ -429,7 +429,7 @@ QString ORVStringWithFormatArguments(QStringView format, std::initializer_list<O
             return static_cast<int>(value);
         };
 
-        Spec spec;
+        Directive directive;
         qsizetype position = -1;
         // Positional argument: digits followed by '$'.
         {
@@ -442,36 +442,36 @@ QString ORVStringWithFormatArguments(QStringView format, std::initializer_list<O
         }
         while (i < n && QStringView(u"-+ #0'").contains(format[i])) {
             if (format[i] != u'\'')
-                spec.flags += static_cast<char>(format[i].unicode());
+                directive.flags += static_cast<char>(format[i].unicode());
             ++i;
         }
         if (i < n && format[i] == u'*') {
             const int width = static_cast<int>(argumentAt(nextArgument++).signedValue());
             if (width < 0) {
-                spec.flags += '-';
-                spec.width = std::min(-width, 1 << 20);
+                directive.flags += '-';
+                directive.width = std::min(-width, 1 << 20);
             } else {
-                spec.width = std::min(width, 1 << 20);
+                directive.width = std::min(width, 1 << 20);
             }
             ++i;
         } else if (i < n && format[i].isDigit()) {
-            spec.width = readNumber(i);
+            directive.width = readNumber(i);
         }
         if (i < n && format[i] == u'.') {
             ++i;
             if (i < n && format[i] == u'*') {
-                spec.precision = std::clamp(static_cast<int>(argumentAt(nextArgument++).signedValue()), -1, 1 << 20);
+                directive.precision = std::clamp(static_cast<int>(argumentAt(nextArgument++).signedValue()), -1, 1 << 20);
                 ++i;
             } else {
-                spec.precision = readNumber(i);
+                directive.precision = readNumber(i);
             }
         }
         while (i < n) {
             const char16_t c = format[i].unicode();
             if (c == u'h') {
-                spec.lengthBytes = spec.lengthBytes == 2 ? 1 : 2;
+                directive.lengthBytes = directive.lengthBytes == 2 ? 1 : 2;
             } else if (c == u'l' || c == u'q' || c == u'z' || c == u'j' || c == u't' || c == u'L') {
-                spec.lengthBytes = 8;
+                directive.lengthBytes = 8;
             } else {
                 break;
             }
@@ -482,14 +482,14 @@ QString ORVStringWithFormatArguments(QStringView format, std::initializer_list<O
             result += format.mid(start);
             break;
         }
-        spec.conversion = format[i].unicode() < 128 ? static_cast<char>(format[i].unicode()) : 0;
+        directive.conversion = format[i].unicode() < 128 ? static_cast<char>(format[i].unicode()) : 0;
         ++i;
-        if (!QByteArrayView("@diuoxXcCsSfFeEgGaAp").contains(spec.conversion)) {
+        if (!QByteArrayView("@diuoxXcCsSfFeEgGaAp").contains(directive.conversion)) {
             result += format.mid(start, i - start);
             continue;
         }
         const qsizetype index = position >= 0 ? position : nextArgument++;
-        result += convert(spec, argumentAt(index));
+        result += convert(directive, argumentAt(index));
     }
     return result;
 }
