@@ -22,7 +22,7 @@ const QString &launchExecutablePath()
 }
 
 // Reads the path while the library is being loaded, before main() runs.
-[[maybe_unused]] const bool kLaunchPathRead = !launchExecutablePath().isNull() || true;
+[[maybe_unused]] const QString &kLaunchPath = launchExecutablePath();
 
 constexpr qint64 kMaxInfoSize = 1 << 20;
 

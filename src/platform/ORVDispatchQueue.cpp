@@ -292,7 +292,7 @@ std::shared_ptr<ORVDispatchQueue> ORVDispatchQueue::create(const QString &label)
 std::shared_ptr<ORVDispatchQueue> ORVDispatchQueue::mainQueue()
 {
     struct Main : ORVDispatchQueue {
-        Main() : ORVDispatchQueue(QStringLiteral("com.apple.main-thread"), Kind::Main, QualityOfService::UserInteractive) {}
+        Main() : ORVDispatchQueue(QStringLiteral("com.orvella.main-thread"), Kind::Main, QualityOfService::UserInteractive) {}
     };
     static const std::shared_ptr<ORVDispatchQueue> queue = std::make_shared<Main>();
     return queue;
