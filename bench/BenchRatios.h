@@ -20,6 +20,20 @@ struct Comparison {
 
 std::vector<Comparison> &comparisons();
 
+// A plain measurement printed as "<name> ns=<nanoseconds per iteration>".
+struct Report {
+    std::string name;
+    std::string benchmark;
+};
+std::vector<Report> &reports();
+
+struct RegisterReport {
+    RegisterReport(std::string name, std::string benchmark)
+    {
+        reports().push_back({std::move(name), std::move(benchmark)});
+    }
+};
+
 struct RegisterComparison {
     RegisterComparison(std::string name, std::string ours, std::string peer)
     {

@@ -16,6 +16,12 @@ std::vector<Comparison> &comparisons()
     return list;
 }
 
+std::vector<Report> &reports()
+{
+    static std::vector<Report> list;
+    return list;
+}
+
 namespace {
 
 // Shows the usual table on stderr and keeps each run's time per iteration.
@@ -27,7 +33,14 @@ public:
         for (const Run &run : runs) {
             if (run.error_occurred || run.run_type != Run::RT_Iteration)
                 continue;
-            times[run.benchmark_name()] = run.GetAdjustedRealTime();
+            // Repetitions of one benchmark keep their best time.
+            std::string name = run.run_name.function_name;
+            if (!run.run_name.args.empty())
+                name += '/' + run.run_name.args;
+            const double seconds = run.real_accumulated_time / static_cast<double>(run.iterations);
+            auto [it, inserted] = times.emplace(name, seconds);
+            if (!inserted)
+                it->second = std::min(it->second, seconds);
         }
     }
     std::map<std::string, double> times;
@@ -63,6 +76,11 @@ int main(int argc, char **argv)
         }
         if (lowest != std::numeric_limits<double>::infinity())
             std::printf("%s ratio=%.2f\n", comparison.name.c_str(), lowest);
+    }
+    for (const auto &report : orv::bench::reports()) {
+        const auto found = reporter.times.find(report.benchmark);
+        if (found != reporter.times.end())
+            std::printf("%s ns=%.2f\n", report.name.c_str(), found->second * 1e9);
     }
     return 0;
 }

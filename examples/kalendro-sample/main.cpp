@@ -12,6 +12,8 @@
 #include <QTextStream>
 #include <QTimer>
 
+ORV_LOG_FILE("Kalendro")
+
 namespace {
 
 class KalendroCoordinator : public ORVPlatformCoordinator {
@@ -57,7 +59,18 @@ int main(int argc, char **argv)
                             registered->appName(), registered->prefererredDefaultLogLevel(),
                             registered->appGroupIdentifier()));
 
-    // 2. The account blocks: the application owns the account and its storage.
+    // 2. Logging: the launch banner goes to the log file, errors also to syslog.
+    ORVDebug::sharedDebug()->setupLogging();
+    orvRegisterFileLogLevel();
+    ORVLogError("Kalendro sample started with OrvellaKit %@", ORVOrvellaKitVersionString());
+    ORVDebug::sharedDebug()->fileLogger()->flush();
+    say(ORVStringWithFormat("logging set up at level %lu; log files in %@:",
+                            ORVDebug::sharedDebug()->logLevel(),
+                            ORVDebug::sharedDebug()->logsDirectoryURL().toLocalFile()));
+    for (const QString &path : ORVDebug::sharedDebug()->fileLogger()->sortedLogFilePaths())
+        say(QStringLiteral("  ") + path);
+
+    // 3. The account blocks: the application owns the account and its storage.
     auto current = std::make_shared<KalendroAccount>(QStringLiteral("local-1"), std::nullopt, QString(),
                                                      ORVOrvellaAccountTypeNone, QStringLiteral("127.0.0.1"));
     ORVRegisterOrvellaAccountFetchBlock([&current] { return std::static_pointer_cast<ORVOrvellaAccount>(current); });
@@ -79,14 +92,13 @@ int main(int argc, char **argv)
     });
     say(ORVStringWithFormat("display name after save: %@", ORVFetchOrvellaAccount()->displayName()));
 
-    // 3. A background activity around start-up work.
+    // 4. A background activity around start-up work.
     auto activity = registered->beginBackgroundTaskWithName(QStringLiteral("Kalendro start-up"));
     say(ORVStringWithFormat("began background activity \"%@\" (%@)", activity->reason(),
                             activity->isInhibiting() ? "logind inhibitor lock held" : "logind not reachable, no lock"));
     registered->endBackgroundTask(activity);
 
-    say(ORVStringWithFormat("logs folder %@/Logs/%@, data folder %@", ORVUserLibraryDirectory(false),
-                            bundle.bundleIdentifier(), ORVApplicationSupportDirectory(false)));
+    say(ORVStringWithFormat("data folder %@", ORVApplicationSupportDirectory(false)));
 
     // The main queue runs once the event loop does.
     ORVDispatchQueue::mainQueue()->async([] {

@@ -11,6 +11,7 @@
 // started. The application may instead set its dictionary at start.
 
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 #include <QVariantMap>
 
@@ -39,6 +40,12 @@ public:
     // Replaces the dictionary (an application that does not ship Info.json).
     void setInfoDictionary(const QVariantMap &info);
     QVariant objectForInfoDictionaryKey(const QString &key) const;
+
+    // The localisations to use, best first: the first entry of
+    // "CFBundleLocalizations" (default: "CFBundleDevelopmentRegion", else
+    // "en") that matches one of the user's interface languages, else the
+    // development region.
+    QStringList preferredLocalizations() const;
 
     // "CFBundleIdentifier", or a null string.
     QString bundleIdentifier() const;

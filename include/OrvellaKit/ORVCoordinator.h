@@ -11,16 +11,13 @@
 // does not answer, the activity is a token that holds nothing.
 
 #include <OrvellaKit/ORVErrors.h>
+#include <OrvellaKit/ORVLogLevel.h>
 
 #include <QString>
 
 #include <functional>
 #include <memory>
 #include <mutex>
-
-// A log level of the logging convention: off 0, error 1, warning 3, info 7,
-// debug 15, verbose 31.
-using ORVLogLevel = quint32;
 
 // A running background activity. Holding it keeps the inhibitor lock, if
 // any; ending it (or destroying it) releases the lock.

@@ -113,6 +113,8 @@ public:
     unsigned long long unsignedValue() const;
     double doubleValue() const;
     int byteWidth() const { return _byteWidth; }
+    // The text of a Text argument.
+    const QString &text() const { return _text; }
 
 private:
     Kind _kind = Kind::Null;

@@ -3,8 +3,10 @@
 // The core headers of OrvellaKit.
 
 #include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVCommandLogger.h>
 #include <OrvellaKit/ORVCoordinator.h>
 #include <OrvellaKit/ORVData.h>
+#include <OrvellaKit/ORVDebug.h>
 #include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVErrors.h>
@@ -12,8 +14,10 @@
 #include <OrvellaKit/ORVISO8601DateFormatter.h>
 #include <OrvellaKit/ORVJSON.h>
 #include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKit/ORVLogging.h>
 #include <OrvellaKit/ORVNotificationCenter.h>
 #include <OrvellaKit/ORVOrvellaAccount.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
+#include <OrvellaKit/ORVURLRequest.h>
 #include <OrvellaKit/ORVVersion.h>

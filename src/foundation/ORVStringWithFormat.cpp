@@ -179,6 +179,52 @@ long long narrowSigned(long long value, int bytes)
     }
 }
 
+QString convert(const Directive &directive, const ORVFormatArgument &arg);
+
+// Appends the conversion of one argument to `out`.
+void convertInto(QString &out, const Directive &directive, const ORVFormatArgument &arg)
+{
+    using Kind = ORVFormatArgument::Kind;
+    // The common plain cases skip the C formatter: they are most of what a
+    // log statement prints.
+    const bool plain = directive.flags.isEmpty() && directive.width < 0 && directive.precision < 0;
+    if (plain) {
+        const int bytes = directive.lengthBytes ? std::min(directive.lengthBytes, arg.byteWidth()) : arg.byteWidth();
+        switch (directive.conversion) {
+        case '@':
+            if (arg.kind() == Kind::Text) {
+                out += arg.text();
+                return;
+            }
+            break;
+        case 'd':
+        case 'i':
+            if (arg.kind() == Kind::Signed || arg.kind() == Kind::Unsigned) {
+                out += QString::number(narrowSigned(arg.signedValue(), bytes));
+                return;
+            }
+            break;
+        case 'u':
+        case 'x':
+        case 'X':
+            if (arg.kind() == Kind::Signed || arg.kind() == Kind::Unsigned) {
+                const unsigned long long value = narrowUnsigned(arg.unsignedValue(), bytes);
+                if (directive.conversion == 'u')
+                    out += QString::number(value);
+                else if (directive.conversion == 'x')
+                    out += QString::number(value, 16);
+                else
+                    out += QString::number(value, 16).toUpper();
+                return;
+            }
+            break;
+        default:
+            break;
+        }
+    }
+    out += convert(directive, arg);
+}
+
 QString convert(const Directive &directive, const ORVFormatArgument &arg)
 {
     using Kind = ORVFormatArgument::Kind;
@@ -489,7 +535,7 @@ QString ORVStringWithFormatArguments(QStringView format, std::initializer_list<O
             continue;
         }
         const qsizetype index = position >= 0 ? position : nextArgument++;
-        result += convert(directive, argumentAt(index));
+        convertInto(result, directive, argumentAt(index));
     }
     return result;
 }

@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLocale>
 
 namespace {
 
@@ -136,6 +137,32 @@ QString ORVBundle::bundleIdentifier() const
 {
     const QVariant value = objectForInfoDictionaryKey(QStringLiteral("CFBundleIdentifier"));
     return value.typeId() == QMetaType::QString ? value.toString() : QString();
+}
+
+QStringList ORVBundle::preferredLocalizations() const
+{
+    const QVariantMap info = infoDictionary();
+    QString development = info.value(QStringLiteral("CFBundleDevelopmentRegion")).toString();
+    if (development.isEmpty())
+        development = QStringLiteral("en");
+    QStringList available = info.value(QStringLiteral("CFBundleLocalizations")).toStringList();
+    available.removeAll(QString());
+    if (available.isEmpty())
+        available << development;
+    auto normalized = [](QString tag) { return tag.replace(u'_', u'-').toLower(); };
+    for (const QString &language : QLocale().uiLanguages()) {
+        const QString wanted = normalized(language);
+        for (const QString &candidate : available) {
+            if (normalized(candidate) == wanted)
+                return {candidate};
+        }
+        const QString base = wanted.section(u'-', 0, 0);
+        for (const QString &candidate : available) {
+            if (normalized(candidate).section(u'-', 0, 0) == base)
+                return {candidate};
+        }
+    }
+    return {available.contains(development) ? development : available.first()};
 }
 
 QString ORVBundle::loadError() const

@@ -1,0 +1,98 @@
+// Logging: a million info messages through the framework's path into the
+// rolling file sink, against a raw spdlog async logger with a plain file
+// sink; and the cost of a statement whose flag is off.
+
+#include "BenchRatios.h"
+
+#include <OrvellaKit/ORVCoordinator.h>
+#include <OrvellaKit/ORVDebug.h>
+#include <OrvellaKit/ORVLogging.h>
+
+#include <QDir>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+#include <spdlog/async.h>
+#include <spdlog/async_logger.h>
+#include <spdlog/details/thread_pool.h>
+#include <spdlog/sinks/basic_file_sink.h>
+
+ORV_LOG_FILE("Benchmark")
+
+namespace {
+
+constexpr int kMessages = 1000000;
+
+class BenchCoordinator : public ORVPlatformCoordinator {
+public:
+    QString appName() const override { return QStringLiteral("bench"); }
+    QString appGroupIdentifier() const override { return {}; }
+    ORVLogLevel prefererredDefaultLogLevel() const override { return ORVLogLevelInfo; }
+};
+
+// Logs land in a scratch XDG state folder, never in the user's own.
+QTemporaryDir &scratch()
+{
+    static QTemporaryDir dir;
+    return dir;
+}
+
+std::shared_ptr<ORVDebug> setUpFrameworkLogging()
+{
+    static std::shared_ptr<ORVDebug> debug = [] {
+        qputenv("XDG_STATE_HOME", scratch().filePath("state").toUtf8());
+        ORVRegisterPlatformCoordinator(std::make_shared<BenchCoordinator>());
+        auto shared = ORVDebug::sharedDebug();
+        shared->setupLogging();
+        orvRegisterFileLogLevel();
+        return shared;
+    }();
+    return debug;
+}
+
+void BM_LoggingOurs(benchmark::State &state)
+{
+    auto debug = setUpFrameworkLogging();
+    const QString subject = QStringLiteral("benchmark");
+    for (auto _ : state) {
+        for (int i = 0; i < kMessages; ++i)
+            ORVLogInfo("Message %d of %@", i, subject);
+        debug->fileLogger()->flush(); // everything queued is written
+    }
+    state.SetItemsProcessed(state.iterations() * kMessages);
+}
+
+void BM_LoggingSpdlog(benchmark::State &state)
+{
+    const std::string path = scratch().filePath("raw.log").toStdString();
+    for (auto _ : state) {
+        auto pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
+        auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
+        auto logger = std::make_shared<spdlog::async_logger>("raw", sink, pool, spdlog::async_overflow_policy::block);
+        for (int i = 0; i < kMessages; ++i)
+            logger->info("Message {} of {}", i, "benchmark");
+        logger.reset();
+        pool.reset(); // joins once the queue is written out
+        sink->flush();
+    }
+    state.SetItemsProcessed(state.iterations() * kMessages);
+}
+
+void BM_LogStatementOff(benchmark::State &state)
+{
+    setUpFrameworkLogging();
+    int i = 0;
+    for (auto _ : state) {
+        ORVLogDebug("never formatted %d", i);
+        benchmark::DoNotOptimize(++i);
+    }
+}
+
+} // namespace
+
+BENCHMARK(BM_LoggingOurs)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(false);
+BENCHMARK(BM_LoggingSpdlog)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(false);
+BENCHMARK(BM_LogStatementOff);
+
+static orv::bench::RegisterComparison logging("logging_vs_spdlog", "BM_LoggingOurs", "BM_LoggingSpdlog");
+static orv::bench::RegisterReport loggingOff("log_statement_off", "BM_LogStatementOff");

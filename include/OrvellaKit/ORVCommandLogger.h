@@ -1,0 +1,37 @@
+#pragma once
+
+// ORVCommandLogger holds the application's command logger: the object that
+// receives one entry per exchange of a categorised account request. What it
+// does with an entry (where it writes it, how it formats it) is the
+// application's own; the framework masks secrets before it calls.
+
+#include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVURLRequest.h>
+
+#include <QByteArray>
+#include <QString>
+
+#include <memory>
+#include <optional>
+
+class ORVCommandLogging {
+public:
+    virtual ~ORVCommandLogging();
+    // `responseData` is null when there are no response bytes; `response`
+    // is empty when there was no HTTP response; `error` is null for none.
+    virtual void logRequest(const ORVURLRequest &request, const QString &category, const QByteArray &responseData,
+                            const std::optional<ORVHTTPURLResponse> &response, bool maskRequestBody,
+                            const ORVError &error) = 0;
+};
+
+class ORVCommandLogger {
+public:
+    ORVCommandLogger() = delete;
+    // The logger last set, or null.
+    static std::shared_ptr<ORVCommandLogging> sharedLogger();
+    // Once, on the main thread, during launch: a second call fails "A shared
+    // logger was already set", a call off the main thread fails "Shared
+    // logger not set on the main thread"; the logger is stored either way
+    // when the assertion handler returns.
+    static void setSharedLogger(std::shared_ptr<ORVCommandLogging> logger);
+};

@@ -1,0 +1,321 @@
+#include "ORVLoggingCore.h"
+#include "ORVRollingFileSink.h"
+
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVCoordinator.h>
+#include <OrvellaKit/ORVDebug.h>
+#include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVLogging.h>
+#include <OrvellaKit/ORVStandardPaths.h>
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QLocale>
+#include <QStringDecoder>
+#include <QSysInfo>
+#include <QTimeZone>
+
+#include <spdlog/sinks/syslog_sink.h>
+
+#include <syslog.h>
+
+struct ORVFileLogger::Private {
+    std::shared_ptr<orv::detail::RollingFileSink> sink;
+};
+
+// ORVDebug's own level: registered by sharedDebug() itself, since the
+// registration goes through the shared instance being made.
+namespace {
+std::atomic<ORVLogLevel> debugFileLogLevel{ORVLogLevelError};
+
+constexpr const char *kDebugFile = "ORVDebug";
+const QString kNoCategory = QStringLiteral("No category");
+constexpr qsizetype kRecentLogLength = 10240;
+
+#define ORVDebugLog(flag, ...) ORVLogWithLevel(debugFileLogLevel, flag, __VA_ARGS__)
+
+QString lastPathComponent(const char *file)
+{
+    const QString path = QString::fromUtf8(file);
+    const qsizetype slash = path.lastIndexOf(u'/');
+    return slash < 0 ? path : path.mid(slash + 1);
+}
+
+// Apple's time-zone description: "Europe/Berlin (CET) offset 3600".
+QString timeZoneDescription(const QTimeZone &zone)
+{
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    return ORVStringWithFormat("%@ (%@) offset %d", QString::fromUtf8(zone.id()),
+                               zone.abbreviation(now), zone.offsetFromUtc(now));
+}
+
+// The file's text: a byte-order mark picks UTF-16 or UTF-32, otherwise it
+// must be valid UTF-8. Anything else is unreadable and gives nothing.
+QString readLogText(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    const QByteArray bytes = file.readAll();
+    auto encoding = QStringConverter::encodingForData(bytes);
+    QStringDecoder decoder(encoding.value_or(QStringConverter::Utf8), QStringConverter::Flag::Stateless);
+    QString text = decoder.decode(bytes);
+    if (decoder.hasError())
+        return {};
+    return text;
+}
+
+} // namespace
+
+ORVDebug::ORVDebug() = default;
+ORVDebug::~ORVDebug() = default;
+
+std::shared_ptr<ORVDebug> ORVDebug::sharedDebugMadeBy(const std::function<std::shared_ptr<ORVDebug>()> &make)
+{
+    static std::once_flag once;
+    static std::shared_ptr<ORVDebug> shared;
+    std::call_once(once, [&] {
+        shared = make();
+        shared->registerLogLevel(&debugFileLogLevel, __FILE__, QStringLiteral("Debug"));
+    });
+    return shared;
+}
+
+ORVLogLevel ORVDebug::logLevel() const
+{
+    std::lock_guard lock(_registrationQueue);
+    return _logLevel;
+}
+
+void ORVDebug::setLogLevel(ORVLogLevel level)
+{
+    std::lock_guard lock(_registrationQueue);
+    ORVDebugLog(ORVLogFlagError, "Changing log level: %d", level);
+    _logLevel = level;
+    for (auto *variable : std::as_const(_logLevels))
+        variable->store(level, std::memory_order_relaxed);
+}
+
+void ORVDebug::registerLogLevel(std::atomic<ORVLogLevel> *logLevel, const char *file, const QString &category)
+{
+    constexpr const char *method = "registerLogLevel:forFile:category:";
+    ORVMethodParameterAssert(logLevel != nullptr, "logLevel != NULL", method, "ORVDebug", kDebugFile);
+    const bool hasFile = ORVMethodParameterAssert(file != nullptr, "file != NULL", method, "ORVDebug", kDebugFile);
+
+    std::lock_guard lock(_registrationQueue);
+    if (!ORVMethodAssert(logLevel != nullptr, method, "ORVDebug", kDebugFile, QStringLiteral("logLevel must not be null")))
+        return;
+    if (!hasFile)
+        return;
+    logLevel->store(_logLevel != 0 ? _logLevel : defaultLogLevel(), std::memory_order_relaxed);
+    const QString fileName = lastPathComponent(file);
+    _logLevels.insert(fileName, logLevel);
+    _logCategories[category.isNull() ? kNoCategory : category].append(fileName);
+}
+
+QUrl ORVDebug::sharedLogsDirectoryURL() const
+{
+    const QString group = ORVCoordinator::platformCoordinator()->appGroupIdentifier();
+    const QString library = group.isEmpty() ? ORVUserLibraryDirectory(true)
+                                            : ORVGroupContainerDirectory(group) + QStringLiteral("/Library");
+    return QUrl::fromLocalFile(library + QStringLiteral("/Logs/"));
+}
+
+QUrl ORVDebug::logsDirectoryURL() const
+{
+    return sharedLogsDirectoryURL().resolved(QUrl(ORVApplicationFolderName() + QLatin1Char('/')));
+}
+
+void ORVDebug::setupLogging()
+{
+    // 1. The system log receives errors only.
+    // A second call replaces the sinks of the first instead of doubling them.
+    static std::shared_ptr<spdlog::sinks::sink> installedSystemLog;
+    auto systemLog = std::make_shared<spdlog::sinks::syslog_sink_mt>(ORVApplicationFolderName().toStdString(),
+                                                                     LOG_PID, LOG_USER, false);
+    systemLog->set_level(spdlog::level::err);
+    {
+        std::lock_guard lock(_registrationQueue);
+        if (installedSystemLog)
+            orv::detail::removeLogSink(installedSystemLog);
+        installedSystemLog = systemLog;
+    }
+    orv::detail::addLogSink(systemLog);
+
+    // 2. The rolling file logger, without a level of its own.
+    const QString logsDirectory = logsDirectoryURL().toLocalFile();
+    auto fileLogger = std::make_shared<ORVFileLogger>(logsDirectory, ORVApplicationFolderName());
+    fileLogger->setMaximumNumberOfLogFiles(10);
+    fileLogger->setMaximumFileSize(4194304);
+    fileLogger->setRollingFrequency(std::chrono::seconds(86400));
+    {
+        std::lock_guard lock(_registrationQueue);
+        if (_fileLogger)
+            orv::detail::removeLogSink(_fileLogger->_d->sink);
+        _fileLogger = fileLogger;
+    }
+    orv::detail::addLogSink(fileLogger->_d->sink);
+
+    // 3. The banner's values.
+    const ORVBundle &bundle = ORVBundle::mainBundle();
+    const QString version = bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString();
+    const QString build = bundle.objectForInfoDictionaryKey(QStringLiteral("BuildIdentifier")).toString();
+    const QString localization = bundle.preferredLocalizations().value(0);
+    const QString languageCode = QLocale::languageToCode(QLocale().language());
+
+    // 4.
+    ORVDebugLog(ORVLogFlagError, "%@ (%@, %@, %@/%@) launching", QFileInfo(bundle.bundlePath()).fileName(), version,
+                build, localization, languageCode);
+    ORVDebugLog(ORVLogFlagError, "System version: %@",
+                ORVStringWithFormat("%@ (%@ %@)", QSysInfo::prettyProductName(), QSysInfo::kernelType(),
+                                    QSysInfo::kernelVersion()));
+
+    // 5.
+    setLogLevel(ORVCoordinator::platformCoordinator()->prefererredDefaultLogLevel());
+
+    // 6.
+    ORVDebugLog(ORVLogFlagError, "Default log level: %d", logLevel());
+    ORVDebugLog(ORVLogFlagError, "System time zone: %@", timeZoneDescription(QTimeZone::systemTimeZone()));
+    ORVDebugLog(ORVLogFlagError, "Default time zone: %@",
+                timeZoneDescription(QDateTime::currentDateTime().timeZone()));
+
+    // 7. The file logger makes its files lazily; the folder is made here.
+    if (!QFileInfo(logsDirectory).isDir()) {
+        ORVDebugLog(ORVLogFlagInfo, "Creating Logs directory");
+        QDir().mkpath(logsDirectory); // a failure is not reported
+    }
+}
+
+QString ORVDebug::recentLogContent() const
+{
+    const auto logger = fileLogger();
+    if (!logger)
+        return QStringLiteral("");
+    logger->flush();
+    QString result;
+    for (const QString &path : logger->sortedLogFilePaths()) {
+        const QString text = readLogText(path);
+        if (!text.isEmpty())
+            result.prepend(text);
+        if (text.toUtf8().size() > kRecentLogLength)
+            break;
+    }
+    if (result.size() < kRecentLogLength + 1)
+        return result;
+    // Begins 10241 characters before the end and so leaves the last
+    // character out: the established output, kept on purpose.
+    return result.mid(result.size() - (kRecentLogLength + 1), kRecentLogLength);
+}
+
+bool ORVDebug::isDebuggerAttached() const
+{
+    static const bool attached = [] {
+        QFile status(QStringLiteral("/proc/self/status"));
+        if (!status.open(QIODevice::ReadOnly | QIODevice::Text))
+            return false;
+        while (!status.atEnd()) {
+            const QByteArray line = status.readLine();
+            if (line.startsWith("TracerPid:"))
+                return line.mid(10).trimmed().toLongLong() != 0;
+        }
+        return false;
+    }();
+    return attached;
+}
+
+std::shared_ptr<ORVFileLogger> ORVDebug::fileLogger() const
+{
+    std::lock_guard lock(_registrationQueue);
+    return _fileLogger;
+}
+
+ORVDebug::LogLevelRegistry ORVDebug::logLevels() const
+{
+    std::lock_guard lock(_registrationQueue);
+    return _logLevels;
+}
+
+void ORVDebug::setLogLevels(const LogLevelRegistry &logLevels)
+{
+    std::lock_guard lock(_registrationQueue);
+    _logLevels = logLevels;
+}
+
+QMap<QString, QStringList> ORVDebug::logCategories() const
+{
+    std::lock_guard lock(_registrationQueue);
+    return _logCategories;
+}
+
+void ORVDebug::setLogCategories(const QMap<QString, QStringList> &logCategories)
+{
+    std::lock_guard lock(_registrationQueue);
+    _logCategories = logCategories;
+}
+
+// --- ORVFileLogger ---------------------------------------------------------
+
+ORVFileLogger::ORVFileLogger(const QString &logsDirectory, const QString &baseName)
+    : _d(std::make_unique<Private>())
+{
+    _d->sink = std::make_shared<orv::detail::RollingFileSink>(std::filesystem::path(logsDirectory.toStdString()),
+                                                              baseName.toStdString());
+}
+
+ORVFileLogger::~ORVFileLogger() = default;
+
+QString ORVFileLogger::logsDirectory() const
+{
+    return QString::fromStdString(_d->sink->directory().string());
+}
+
+QStringList ORVFileLogger::sortedLogFilePaths() const
+{
+    QStringList paths;
+    for (const auto &path : _d->sink->sortedLogFiles())
+        paths << QString::fromStdString(path.string());
+    return paths;
+}
+
+QString ORVFileLogger::currentLogFilePath() const
+{
+    const auto path = _d->sink->currentFile();
+    return path.empty() ? QString() : QString::fromStdString(path.string());
+}
+
+quint64 ORVFileLogger::maximumFileSize() const
+{
+    return _d->sink->maximumFileSize();
+}
+
+void ORVFileLogger::setMaximumFileSize(quint64 bytes)
+{
+    _d->sink->setMaximumFileSize(bytes);
+}
+
+std::chrono::seconds ORVFileLogger::rollingFrequency() const
+{
+    return _d->sink->rollingFrequency();
+}
+
+void ORVFileLogger::setRollingFrequency(std::chrono::seconds frequency)
+{
+    _d->sink->setRollingFrequency(frequency);
+}
+
+quint32 ORVFileLogger::maximumNumberOfLogFiles() const
+{
+    return _d->sink->maximumNumberOfFiles();
+}
+
+void ORVFileLogger::setMaximumNumberOfLogFiles(quint32 count)
+{
+    _d->sink->setMaximumNumberOfFiles(count);
+}
+
+void ORVFileLogger::flush()
+{
+    orv::detail::flushLogs();
+}

@@ -1,0 +1,156 @@
+#include "ORVLoggingCore.h"
+
+#include <OrvellaKit/ORVDebug.h>
+#include <OrvellaKit/ORVLogging.h>
+
+#include <spdlog/async.h>
+#include <spdlog/async_logger.h>
+#include <spdlog/details/periodic_worker.h>
+#include <spdlog/details/thread_pool.h>
+#include <spdlog/sinks/base_sink.h>
+#include <spdlog/sinks/dist_sink.h>
+#include <spdlog/spdlog.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdlib>
+#include <mutex>
+
+namespace orv::detail {
+
+namespace {
+
+constexpr size_t kQueueSize = 8192;
+
+// Created on first use and never destroyed, so that logging from other
+// static destructors stays safe; an exit handler drains the queue instead.
+struct LoggingCore {
+    LoggingCore()
+        : sinks(std::make_shared<spdlog::sinks::dist_sink_mt>()),
+          sync(std::make_shared<spdlog::logger>("orvellakit", sinks)),
+          pool(std::make_shared<spdlog::details::thread_pool>(kQueueSize, 1)),
+          async(std::make_shared<spdlog::async_logger>("orvellakit-async", sinks, pool,
+                                                        spdlog::async_overflow_policy::block))
+    {
+        sync->set_level(spdlog::level::trace);
+        async->set_level(spdlog::level::trace);
+        // A failing sink must never take the process down or spam stderr.
+        sync->set_error_handler([](const std::string &) {});
+        async->set_error_handler([](const std::string &) {});
+        // Buffered file text reaches the disk within a second.
+        flusher = std::make_unique<spdlog::details::periodic_worker>([this] { async->flush(); },
+                                                                      std::chrono::seconds(1));
+        std::atexit([] { instance().shutDown(); });
+    }
+
+    static LoggingCore &instance()
+    {
+        static LoggingCore *core = new LoggingCore;
+        return *core;
+    }
+
+    void shutDown()
+    {
+        closed.store(true, std::memory_order_release);
+        flusher.reset();
+        // The pool's destructor lets its thread write out what is queued.
+        pool.reset();
+        sync->flush();
+    }
+
+    std::shared_ptr<spdlog::sinks::dist_sink_mt> sinks;
+    std::shared_ptr<spdlog::logger> sync;
+    std::shared_ptr<spdlog::details::thread_pool> pool;
+    std::shared_ptr<spdlog::async_logger> async;
+    std::unique_ptr<spdlog::details::periodic_worker> flusher;
+    std::atomic<bool> closed = false;
+};
+
+// Tells a waiting thread that the pool's worker reached a given message.
+class MarkerSink final : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    void wait(std::chrono::milliseconds timeout)
+    {
+        std::unique_lock lock(_doneMutex);
+        _written.wait_for(lock, timeout, [this] { return _done; });
+    }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg &) override
+    {
+        std::lock_guard lock(_doneMutex);
+        _done = true;
+        _written.notify_all();
+    }
+    void flush_() override {}
+
+private:
+    std::mutex _doneMutex;
+    std::condition_variable _written;
+    bool _done = false;
+};
+
+spdlog::level::level_enum levelFor(ORVLogFlag flag)
+{
+    switch (flag) {
+    case ORVLogFlagError:
+        return spdlog::level::err;
+    case ORVLogFlagWarning:
+        return spdlog::level::warn;
+    case ORVLogFlagInfo:
+        return spdlog::level::info;
+    case ORVLogFlagDebug:
+        return spdlog::level::debug;
+    default:
+        return spdlog::level::trace;
+    }
+}
+
+} // namespace
+
+void logMessage(ORVLogFlag flag, const char *file, const char *function, int line, const QString &message)
+{
+    LoggingCore &core = LoggingCore::instance();
+    const QByteArray text = message.toUtf8();
+    const spdlog::source_loc location{file, line, function};
+    const spdlog::string_view_t view(text.constData(), static_cast<size_t>(text.size()));
+    // Errors are written before the call returns; after shut-down everything is.
+    if (flag == ORVLogFlagError || core.closed.load(std::memory_order_acquire))
+        core.sync->log(location, levelFor(flag), view);
+    else
+        core.async->log(location, levelFor(flag), view);
+}
+
+void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, const char *category)
+{
+    ORVDebug::sharedDebug()->registerLogLevel(level, file, category ? QString::fromUtf8(category) : QString());
+}
+
+void addLogSink(std::shared_ptr<spdlog::sinks::sink> sink)
+{
+    LoggingCore::instance().sinks->add_sink(std::move(sink));
+}
+
+void removeLogSink(const std::shared_ptr<spdlog::sinks::sink> &sink)
+{
+    LoggingCore::instance().sinks->remove_sink(sink);
+}
+
+void flushLogs()
+{
+    LoggingCore &core = LoggingCore::instance();
+    if (!core.closed.load(std::memory_order_acquire)) {
+        // The pool has one worker that takes messages in order: once it
+        // reaches a marker sent after everything logged so far, all of that
+        // has been written.
+        auto marker = std::make_shared<MarkerSink>();
+        auto markerLogger = std::make_shared<spdlog::async_logger>("orvellakit-flush-marker", marker, core.pool,
+                                                                   spdlog::async_overflow_policy::block);
+        markerLogger->set_error_handler([](const std::string &) {});
+        markerLogger->log(spdlog::level::info, "flush");
+        marker->wait(std::chrono::seconds(5));
+    }
+    core.sinks->flush();
+}
+
+} // namespace orv::detail

@@ -1,0 +1,314 @@
+#include "OrvTestSupport.h"
+
+#include <OrvellaKit/ORVCommandLogger.h>
+#include <OrvellaKit/ORVCoordinator.h>
+#include <OrvellaKit/ORVDebug.h>
+#include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVLogging.h>
+#include <OrvellaKit/ORVStandardPaths.h>
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <thread>
+
+using namespace orv::test;
+
+ORV_LOG_FILE("Logging Tests")
+
+namespace {
+
+// Each test runs in a process of its own under CTest; the registrations
+// below are made once per process.
+class TestCoordinator : public ORVPlatformCoordinator {
+public:
+    QString appName() const override { return QStringLiteral("Kalendro"); }
+    QString appGroupIdentifier() const override
+    {
+        std::lock_guard lock(mutex);
+        return group;
+    }
+    ORVLogLevel prefererredDefaultLogLevel() const override { return ORVLogLevelInfo; }
+
+    static TestCoordinator &instance()
+    {
+        static auto coordinator = [] {
+            auto made = std::make_shared<TestCoordinator>();
+            ORVRegisterPlatformCoordinator(made);
+            return made;
+        }();
+        return *coordinator;
+    }
+
+    mutable std::mutex mutex;
+    QString group;
+};
+
+class LoggingTest : public XdgHomeTest {
+protected:
+    void SetUp() override
+    {
+        TestCoordinator::instance().group.clear();
+        debug = ORVDebug::sharedDebug();
+    }
+
+    QString logsDirectory() const { return debug->logsDirectoryURL().toLocalFile(); }
+
+    static QString readAll(const QString &path)
+    {
+        QFile file(path);
+        return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+    }
+
+    std::shared_ptr<ORVDebug> debug;
+};
+
+std::atomic<ORVLogLevel> earlyLevel{0};
+std::atomic<ORVLogLevel> lateLevel{0};
+std::atomic<ORVLogLevel> uncategorised{0};
+
+} // namespace
+
+TEST_F(LoggingTest, LogDirectoryFollowsTheAppGroup)
+{
+    const QString bundleFolder = ORVApplicationFolderName();
+    EXPECT_EQ(logsDirectory(), home.filePath(".local/state/Logs/" + bundleFolder + "/"));
+    TestCoordinator::instance().group = QStringLiteral("group.com.orvella");
+    EXPECT_EQ(debug->sharedLogsDirectoryURL().toLocalFile(),
+              home.filePath(".local/share/group-containers/group.com.orvella/Library/Logs/"));
+    EXPECT_EQ(logsDirectory(),
+              home.filePath(".local/share/group-containers/group.com.orvella/Library/Logs/" + bundleFolder + "/"));
+}
+
+TEST_F(LoggingTest, RegistrationBeforeAndAfterSetup)
+{
+    debug->registerLogLevel(&earlyLevel, "/src/somewhere/EarlyFile.cpp", QStringLiteral("Early"));
+    EXPECT_EQ(earlyLevel.load(), ORVLogLevelError) << "level 1 until one is set";
+    EXPECT_EQ(debug->logLevel(), 0u);
+
+    debug->setupLogging();
+    EXPECT_EQ(debug->logLevel(), ORVLogLevelInfo) << "the coordinator's preferred level";
+    EXPECT_EQ(earlyLevel.load(), ORVLogLevelInfo);
+    debug->registerLogLevel(&lateLevel, "LateFile.cpp", QString());
+    EXPECT_EQ(lateLevel.load(), ORVLogLevelInfo) << "a later registration receives the current level";
+
+    debug->setLogLevel(7);
+    debug->setLogLevel(ORVLogLevelVerbose);
+    EXPECT_EQ(earlyLevel.load(), ORVLogLevelVerbose);
+    EXPECT_EQ(lateLevel.load(), ORVLogLevelVerbose);
+    EXPECT_EQ(debug->logLevels().value("EarlyFile.cpp"), &earlyLevel);
+    EXPECT_EQ(debug->logCategories().value("Early"), QStringList{"EarlyFile.cpp"});
+    EXPECT_TRUE(debug->logCategories().value("No category").contains("LateFile.cpp"));
+    EXPECT_TRUE(debug->logCategories().value("Debug").contains("ORVDebug.cpp"));
+
+    // The convention's own registration files this test under its category.
+    orvRegisterFileLogLevel();
+    EXPECT_EQ(debug->logCategories().value("Logging Tests"), QStringList{"LoggingTests.cpp"});
+    EXPECT_EQ(orvFileLogLevel.load(), ORVLogLevelVerbose);
+
+    debug->fileLogger()->flush();
+    const QString log = readAll(debug->fileLogger()->currentLogFilePath());
+    EXPECT_TRUE(log.contains(QStringLiteral(" launching\n")));
+    EXPECT_TRUE(log.contains(QStringLiteral("  System version: ")));
+    EXPECT_TRUE(log.contains(QStringLiteral("  Changing log level: 7\n")));
+    EXPECT_TRUE(log.contains(QStringLiteral("  Default log level: 7\n")));
+    EXPECT_TRUE(log.contains(QStringLiteral("  System time zone: ")));
+    EXPECT_TRUE(log.contains(QStringLiteral("  Default time zone: ")));
+    // The banner's errors made the file, and with it the folder, before the
+    // last step looks for the folder.
+    EXPECT_FALSE(log.contains(QStringLiteral("Creating Logs directory")));
+    EXPECT_LT(log.indexOf("Changing log level: 7"), log.indexOf("Default log level: 7"));
+}
+
+TEST_F(LoggingTest, RegistrationAssertionsAndDuplicates)
+{
+    RecordAssertions record;
+    debug->registerLogLevel(nullptr, "File.cpp", QString());
+    debug->registerLogLevel(&uncategorised, nullptr, QString());
+    EXPECT_EQ(record.descriptions(), QStringList({"Invalid parameter not satisfying: logLevel != NULL",
+                                                  "logLevel must not be null",
+                                                  "Invalid parameter not satisfying: file != NULL"}));
+    EXPECT_FALSE(debug->logLevels().contains("File.cpp"));
+
+    std::atomic<ORVLogLevel> replacement{0};
+    debug->registerLogLevel(&uncategorised, "dir/Same.cpp", QString());
+    debug->registerLogLevel(&replacement, "other/Same.cpp", QString());
+    EXPECT_EQ(debug->logLevels().value("Same.cpp"), &replacement) << "the later registration replaces the pointer";
+    EXPECT_EQ(debug->logCategories().value("No category").count("Same.cpp"), 2) << "duplicates are kept";
+}
+
+TEST_F(LoggingTest, StatementsHonourTheFileLevel)
+{
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    debug->setLogLevel(ORVLogLevelWarning);
+    ORVLogInfo("info %d is filtered", 1);
+    ORVLogWarn("warning %@ passes", QStringLiteral("two"));
+    ORVLogError("error %d passes", 3);
+    debug->fileLogger()->flush();
+    const QString log = readAll(debug->fileLogger()->currentLogFilePath());
+    EXPECT_FALSE(log.contains("is filtered"));
+    EXPECT_TRUE(log.contains("warning two passes"));
+    EXPECT_TRUE(log.contains("error 3 passes"));
+}
+
+TEST_F(LoggingTest, RollsAtFourMebibytesAndKeepsTen)
+{
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    auto logger = debug->fileLogger();
+    EXPECT_EQ(logger->maximumFileSize(), 4194304u);
+    EXPECT_EQ(logger->maximumNumberOfLogFiles(), 10u);
+    EXPECT_EQ(logger->rollingFrequency(), std::chrono::seconds(86400));
+
+    // About 56 MiB in 1 KiB lines: 13 files' worth.
+    const QString line(1000, u'x');
+    for (int i = 0; i < 57000; ++i)
+        ORVLogError("%d %@", i, line);
+    logger->flush();
+
+    const QStringList files = logger->sortedLogFilePaths();
+    EXPECT_EQ(files.size(), 10);
+    for (const QString &path : files)
+        EXPECT_LE(QFileInfo(path).size(), 4194304) << qPrintable(path);
+    EXPECT_EQ(files.first(), logger->currentLogFilePath()) << "newest first";
+    EXPECT_TRUE(readAll(files.first()).contains("56999 x"));
+    // Newest first: each file's first message comes after the next file's.
+    auto firstNumber = [&](const QString &path) {
+        const QString text = readAll(path);
+        const qsizetype start = text.indexOf(QStringLiteral("  ")) + 2;
+        return text.mid(start, text.indexOf(u' ', start) - start).toInt();
+    };
+    for (qsizetype i = 0; i + 1 < files.size(); ++i)
+        EXPECT_GT(firstNumber(files[i]), firstNumber(files[i + 1])) << i;
+}
+
+TEST_F(LoggingTest, RecentLogContentOfShortAndLongLogs)
+{
+    EXPECT_EQ(debug->recentLogContent(), "") << "nothing before setup";
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    debug->fileLogger()->flush();
+    const QString shortLog = readAll(debug->fileLogger()->currentLogFilePath());
+    ASSERT_FALSE(shortLog.isEmpty());
+    ASSERT_LT(shortLog.size(), 10241);
+    EXPECT_EQ(debug->recentLogContent(), shortLog) << "a short log comes back whole";
+
+    for (int i = 0; i < 400; ++i)
+        ORVLogError("line %03d %@", i, QString(60, u'y'));
+    const QString recent = debug->recentLogContent();
+    const QString whole = readAll(debug->fileLogger()->currentLogFilePath());
+    ASSERT_GT(whole.size(), 20000);
+    EXPECT_EQ(recent.size(), 10240);
+    EXPECT_EQ(recent, whole.mid(whole.size() - 10241, 10240)) << "ends one character before the end";
+    EXPECT_TRUE(whole.endsWith(u'\n'));
+    EXPECT_FALSE(recent.endsWith(u'\n'));
+}
+
+TEST_F(LoggingTest, RecentLogContentReadsOlderFilesOldestFirst)
+{
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    auto logger = debug->fileLogger();
+    logger->flush();
+    const QString dir = logger->logsDirectory();
+    const QString base = ORVApplicationFolderName();
+    // An older file from an earlier run, and a non-UTF-8 one that cannot be read.
+    QFile older(dir + "/" + base + " 2000-01-01--00-00-00-000.log");
+    ASSERT_TRUE(older.open(QIODevice::WriteOnly));
+    older.write("older run\n");
+    older.close();
+    QFile binary(dir + "/" + base + " 2000-01-02--00-00-00-000.log");
+    ASSERT_TRUE(binary.open(QIODevice::WriteOnly));
+    binary.write("\xff\xfe\xfd not text \xc3\x28");
+    binary.close();
+
+    const QString recent = debug->recentLogContent();
+    EXPECT_TRUE(recent.startsWith("older run\n")) << qPrintable(recent.left(80));
+    EXPECT_FALSE(recent.contains("not text"));
+    EXPECT_TRUE(recent.contains(" launching"));
+}
+
+TEST_F(LoggingTest, DeletedFileAndUnwritableDirectoryDoNotStopLogging)
+{
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    auto logger = debug->fileLogger();
+    logger->flush();
+    const QString first = logger->currentLogFilePath();
+    ASSERT_TRUE(QFile::remove(first));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    ORVLogError("after the file was deleted");
+    logger->flush();
+    const QString second = logger->currentLogFilePath();
+    EXPECT_NE(second, first);
+    EXPECT_TRUE(readAll(second).contains("after the file was deleted"));
+
+    // The directory turns read-only (root ignores permissions, so a plain
+    // file takes the directory's place instead).
+    ASSERT_TRUE(QDir(logger->logsDirectory()).removeRecursively());
+    QFile blocker(QDir::cleanPath(logger->logsDirectory()));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    for (int i = 0; i < 100; ++i)
+        ORVLogError("nowhere to go %d", i);
+    logger->flush();
+    EXPECT_TRUE(logger->sortedLogFilePaths().isEmpty());
+    EXPECT_EQ(debug->recentLogContent(), "");
+
+    // Once the directory can be made again, logging carries on.
+    ASSERT_TRUE(QFile::remove(blocker.fileName()));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    ORVLogError("back again");
+    logger->flush();
+    EXPECT_TRUE(debug->recentLogContent().contains("back again"));
+}
+
+TEST(DebuggerAttached, ReadsTracerPid)
+{
+    QFile status("/proc/self/status");
+    ASSERT_TRUE(status.open(QIODevice::ReadOnly));
+    const bool traced = !status.readAll().contains("TracerPid:\t0\n");
+    EXPECT_EQ(ORVDebug::sharedDebug()->isDebuggerAttached(), traced);
+}
+
+namespace {
+class RecordingCommandLogger : public ORVCommandLogging {
+public:
+    void logRequest(const ORVURLRequest &request, const QString &category, const QByteArray &, 
+                    const std::optional<ORVHTTPURLResponse> &, bool, const ORVError &) override
+    {
+        entries << category + " " + request.URL().toString();
+    }
+    QStringList entries;
+};
+} // namespace
+
+TEST(CommandLogger, SetOnceOnTheMainThread)
+{
+    EXPECT_EQ(ORVCommandLogger::sharedLogger(), nullptr);
+    auto first = std::make_shared<RecordingCommandLogger>();
+    ORVCommandLogger::setSharedLogger(first);
+    EXPECT_EQ(ORVCommandLogger::sharedLogger(), first);
+    try {
+        ORVCommandLogger::setSharedLogger(std::make_shared<RecordingCommandLogger>());
+        FAIL() << "a second logger must be refused";
+    } catch (const ORVException &exception) {
+        EXPECT_EQ(exception.reason(), "A shared logger was already set");
+    }
+    EXPECT_EQ(ORVCommandLogger::sharedLogger(), first);
+
+    QStringList offMain;
+    std::thread([&] {
+        RecordAssertions record;
+        ORVCommandLogger::setSharedLogger(first);
+        offMain = record.descriptions();
+    }).join();
+    EXPECT_EQ(offMain, QStringList({"A shared logger was already set", "Shared logger not set on the main thread"}));
+
+    ORVURLRequest request(QUrl("https://127.0.0.1/v1/auth/device/"));
+    ORVCommandLogger::sharedLogger()->logRequest(request, "Orvella: Token", {}, std::nullopt, false, {});
+    EXPECT_EQ(first->entries, QStringList{"Orvella: Token https://127.0.0.1/v1/auth/device/"});
+}
