@@ -22,6 +22,31 @@ namespace {
 
 constexpr size_t kQueueSize = 8192;
 
+// Counts the markers the pool's worker has reached, so that a thread can
+// wait until everything queued before its marker has been written.
+class MarkerSink final : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    bool waitFor(quint64 marker, std::chrono::milliseconds timeout)
+    {
+        std::unique_lock lock(_countMutex);
+        return _written.wait_for(lock, timeout, [&] { return _reached >= marker; });
+    }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg &) override
+    {
+        std::lock_guard lock(_countMutex);
+        ++_reached;
+        _written.notify_all();
+    }
+    void flush_() override {}
+
+private:
+    std::mutex _countMutex;
+    std::condition_variable _written;
+    quint64 _reached = 0;
+};
+
 // Created on first use and never destroyed, so that logging from other
 // static destructors stays safe; an exit handler drains the queue instead.
 struct LoggingCore {
@@ -32,6 +57,13 @@ struct LoggingCore {
           async(std::make_shared<spdlog::async_logger>("orvellakit-async", sinks, pool,
                                                         spdlog::async_overflow_policy::block))
     {
+        // Lives as long as the process: the pool's worker drops its
+        // references to it inside the uninstrumented spdlog library, which
+        // ThreadSanitizer would take for an unsynchronised free.
+        markers = std::make_shared<MarkerSink>();
+        markerLogger = std::make_shared<spdlog::async_logger>("orvellakit-flush-marker", markers, pool,
+                                                               spdlog::async_overflow_policy::block);
+        markerLogger->set_error_handler([](const std::string &) {});
         sync->set_level(spdlog::level::trace);
         async->set_level(spdlog::level::trace);
         // A failing sink must never take the process down or spam stderr.
@@ -63,31 +95,11 @@ struct LoggingCore {
     std::shared_ptr<spdlog::details::thread_pool> pool;
     std::shared_ptr<spdlog::async_logger> async;
     std::unique_ptr<spdlog::details::periodic_worker> flusher;
+    std::shared_ptr<MarkerSink> markers;
+    std::shared_ptr<spdlog::async_logger> markerLogger;
+    std::mutex markerMutex;
+    quint64 markersSent = 0;
     std::atomic<bool> closed = false;
-};
-
-// Tells a waiting thread that the pool's worker reached a given message.
-class MarkerSink final : public spdlog::sinks::base_sink<std::mutex> {
-public:
-    void wait(std::chrono::milliseconds timeout)
-    {
-        std::unique_lock lock(_doneMutex);
-        _written.wait_for(lock, timeout, [this] { return _done; });
-    }
-
-protected:
-    void sink_it_(const spdlog::details::log_msg &) override
-    {
-        std::lock_guard lock(_doneMutex);
-        _done = true;
-        _written.notify_all();
-    }
-    void flush_() override {}
-
-private:
-    std::mutex _doneMutex;
-    std::condition_variable _written;
-    bool _done = false;
 };
 
 spdlog::level::level_enum levelFor(ORVLogFlag flag)
@@ -143,12 +155,13 @@ void flushLogs()
         // The pool has one worker that takes messages in order: once it
         // reaches a marker sent after everything logged so far, all of that
         // has been written.
-        auto marker = std::make_shared<MarkerSink>();
-        auto markerLogger = std::make_shared<spdlog::async_logger>("orvellakit-flush-marker", marker, core.pool,
-                                                                   spdlog::async_overflow_policy::block);
-        markerLogger->set_error_handler([](const std::string &) {});
-        markerLogger->log(spdlog::level::info, "flush");
-        marker->wait(std::chrono::seconds(5));
+        quint64 marker = 0;
+        {
+            std::lock_guard lock(core.markerMutex);
+            marker = ++core.markersSent;
+            core.markerLogger->log(spdlog::level::info, "flush");
+        }
+        core.markers->waitFor(marker, std::chrono::seconds(5));
     }
     core.sinks->flush();
 }
