@@ -2,11 +2,13 @@
 
 // The core headers of OrvellaKit.
 
+#include <OrvellaKit/ORVAsyncOperation.h>
 #include <OrvellaKit/ORVBundle.h>
 #include <OrvellaKit/ORVCommandLogger.h>
 #include <OrvellaKit/ORVCoordinator.h>
 #include <OrvellaKit/ORVData.h>
 #include <OrvellaKit/ORVDebug.h>
+#include <OrvellaKit/ORVDispatchMainQueue.h>
 #include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVErrors.h>
@@ -16,8 +18,11 @@
 #include <OrvellaKit/ORVLocalization.h>
 #include <OrvellaKit/ORVLogging.h>
 #include <OrvellaKit/ORVNotificationCenter.h>
+#include <OrvellaKit/ORVOperation.h>
 #include <OrvellaKit/ORVOrvellaAccount.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVURLRequest.h>
 #include <OrvellaKit/ORVVersion.h>
+#include <OrvellaKit/ORVWorkItem.h>
+#include <OrvellaKit/ORVWorkItemMultiplexer.h>

@@ -1,0 +1,90 @@
+#pragma once
+
+// ORVAsyncOperation: an asynchronous operation whose life follows the work
+// item's state machine (0 not started, 1 executing, 2 finishing, 3
+// finished) and publishes it to its observers: tryStart() and tryFinish()
+// change "isExecuting", finishWithError() changes "isFinished", tryCancel()
+// changes "isCancelled", each as will-change, change, did-change with the
+// value's recursive lock held (an observer may read the values back).
+//
+// Subclasses override start(): tryStart(), work only on yes, and at the end
+// tryFinish() and, on yes, finishWithError(). Unlike a work item the
+// completion handler runs at once, on the thread that finishes.
+//
+// ORVBlockOperation runs an execution handler instead of a subclass's
+// start(). Create both with std::make_shared.
+
+#include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVOperation.h>
+#include <OrvellaKit/ORVWorkItem.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+
+class ORVAsyncOperation : public ORVOperation {
+public:
+    using CompletionHandler =
+        std::function<void(const std::shared_ptr<ORVAsyncOperation> &operation, const ORVError &error)>;
+
+    ORVAsyncOperation();
+    ~ORVAsyncOperation() override;
+
+    void start() override {}
+    bool isAsynchronous() const override { return true; }
+    bool isExecuting() const override;
+    bool isFinished() const override;
+    bool isCancelled() const override;
+
+    bool tryStart();
+    bool tryFinish();
+    bool tryCancel();
+    // tryCancel() and then tryFinish(); when both say yes, finishes with the
+    // framework's cancel error.
+    void cancel() override;
+    // From state 0 or 2 only; otherwise fails "Unable to complete operation,
+    // it is likely -finishWithError: was called without an affirmative
+    // response from tryFinish or called multiple times.".
+    void finishWithError(const ORVError &error = ORVError());
+
+    CompletionHandler completionHandler() const;
+    // Before submission only: fails "completionHandler can only be safely
+    // mutated before submitting operation." afterwards.
+    void setCompletionHandler(CompletionHandler handler);
+
+private:
+    qint8 _state = ORVWorkItemStateNotStarted;
+    mutable std::recursive_mutex _stateLock;  // "state"
+    bool _cancelled = false;
+    mutable std::recursive_mutex _cancelLock; // "cancel"
+    CompletionHandler _completionHandler;
+    mutable std::mutex _completionHandlerLock;
+};
+
+class ORVBlockOperation : public ORVAsyncOperation {
+public:
+    // Takes the operation; answers whether the work is finished now. When it
+    // answers false it must call didFinishExecution() itself later.
+    using ExecutionHandler = std::function<bool(const std::shared_ptr<ORVBlockOperation> &operation)>;
+
+    ORVBlockOperation();
+    ~ORVBlockOperation() override;
+
+    // An operation that runs the block and finishes when it returns.
+    static std::shared_ptr<ORVBlockOperation>
+    blockOperationWithBlock(std::function<void(const std::shared_ptr<ORVBlockOperation> &operation)> block);
+
+    ExecutionHandler executionHandler() const;
+    // Publishes "executionHandler" to observers.
+    void setExecutionHandler(ExecutionHandler handler);
+
+    // Takes the handler out (so it runs at most once) and runs it when
+    // tryStart() says yes. Without a handler it fails "executionHandler != nil".
+    void start() override;
+    // tryFinish() and, on yes, finishWithError() with no error.
+    void didFinishExecution();
+
+private:
+    ExecutionHandler _executionHandler;
+    mutable std::mutex _executionHandlerLock;
+};

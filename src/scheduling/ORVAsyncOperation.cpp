@@ -1,0 +1,192 @@
+#include <OrvellaKit/ORVAsyncOperation.h>
+#include <OrvellaKit/ORVErrors.h>
+#include <OrvellaKit/ORVException.h>
+
+namespace {
+const QString kIsExecuting = QStringLiteral("isExecuting");
+const QString kIsFinished = QStringLiteral("isFinished");
+const QString kIsCancelled = QStringLiteral("isCancelled");
+const QString kExecutionHandler = QStringLiteral("executionHandler");
+} // namespace
+
+ORVAsyncOperation::ORVAsyncOperation() = default;
+ORVAsyncOperation::~ORVAsyncOperation() = default;
+
+bool ORVAsyncOperation::isExecuting() const
+{
+    std::lock_guard lock(_stateLock);
+    return _state == ORVWorkItemStateStarted;
+}
+
+bool ORVAsyncOperation::isFinished() const
+{
+    std::lock_guard lock(_stateLock);
+    return _state == ORVWorkItemStateFinished;
+}
+
+bool ORVAsyncOperation::isCancelled() const
+{
+    std::lock_guard lock(_cancelLock);
+    return _cancelled;
+}
+
+// Observers may drop the last reference to the operation from inside a
+// notification (a queue removing a finished operation); each notifying
+// method holds one of its own until it returns.
+
+bool ORVAsyncOperation::tryStart()
+{
+    const auto self = weak_from_this().lock();
+    std::lock_guard lock(_stateLock);
+    if (_state != ORVWorkItemStateNotStarted)
+        return false;
+    willChangeValueForKey(kIsExecuting);
+    _state = ORVWorkItemStateStarted;
+    didChangeValueForKey(kIsExecuting);
+    return true;
+}
+
+bool ORVAsyncOperation::tryFinish()
+{
+    const auto self = weak_from_this().lock();
+    std::lock_guard lock(_stateLock);
+    if (_state >= ORVWorkItemStateFinishing)
+        return false;
+    // "isExecuting": the operation stops executing here and is finished only
+    // in finishWithError().
+    willChangeValueForKey(kIsExecuting);
+    _state = ORVWorkItemStateFinishing;
+    didChangeValueForKey(kIsExecuting);
+    return true;
+}
+
+bool ORVAsyncOperation::tryCancel()
+{
+    const auto self = weak_from_this().lock();
+    std::lock_guard lock(_cancelLock);
+    if (_cancelled)
+        return false;
+    willChangeValueForKey(kIsCancelled);
+    _cancelled = true;
+    didChangeValueForKey(kIsCancelled);
+    return true;
+}
+
+void ORVAsyncOperation::cancel()
+{
+    if (tryCancel() && tryFinish())
+        finishWithError(orv_orvellaKitCancelError());
+}
+
+void ORVAsyncOperation::finishWithError(const ORVError &error)
+{
+    const auto self = weak_from_this().lock();
+    // 1. Not the work item's test: state 1 (skipped tryFinish) and state 3
+    //    are caught, a never-started operation (state 0) is let through.
+    bool misuse = false;
+    {
+        std::lock_guard lock(_stateLock);
+        misuse = _state != ORVWorkItemStateNotStarted && _state != ORVWorkItemStateFinishing;
+        if (!misuse) {
+            willChangeValueForKey(kIsFinished);
+            _state = ORVWorkItemStateFinished;
+            didChangeValueForKey(kIsFinished);
+        }
+    }
+    if (misuse) {
+        ORVMethodAssert(false, "finishWithError:", "ORVAsyncOperation", "ORVAsyncOperation",
+                        QStringLiteral("Unable to complete operation, it is likely -finishWithError: was called "
+                                       "without an affirmative response from tryFinish or called multiple times."));
+        return;
+    }
+    // 2.
+    CompletionHandler handler;
+    {
+        std::lock_guard lock(_completionHandlerLock);
+        handler = std::exchange(_completionHandler, nullptr);
+    }
+    // 3. At once, on this thread.
+    if (handler) {
+        auto operation = std::static_pointer_cast<ORVAsyncOperation>(self);
+        if (!operation)
+            operation = std::shared_ptr<ORVAsyncOperation>(std::shared_ptr<void>(), this);
+        handler(operation, error);
+    }
+}
+
+ORVAsyncOperation::CompletionHandler ORVAsyncOperation::completionHandler() const
+{
+    std::lock_guard handlerLock(_completionHandlerLock);
+    std::lock_guard stateLock(_stateLock);
+    return _completionHandler;
+}
+
+void ORVAsyncOperation::setCompletionHandler(CompletionHandler handler)
+{
+    std::lock_guard handlerLock(_completionHandlerLock);
+    std::lock_guard stateLock(_stateLock);
+    if (!ORVMethodAssert(_state == ORVWorkItemStateNotStarted, "setCompletionHandler:", "ORVAsyncOperation",
+                         "ORVAsyncOperation",
+                         QStringLiteral("completionHandler can only be safely mutated before submitting operation.")))
+        return;
+    _completionHandler = std::move(handler);
+}
+
+// --- ORVBlockOperation -----------------------------------------------------------
+
+ORVBlockOperation::ORVBlockOperation() = default;
+ORVBlockOperation::~ORVBlockOperation() = default;
+
+std::shared_ptr<ORVBlockOperation>
+ORVBlockOperation::blockOperationWithBlock(std::function<void(const std::shared_ptr<ORVBlockOperation> &)> block)
+{
+    auto operation = std::make_shared<ORVBlockOperation>();
+    operation->setExecutionHandler([block = std::move(block)](const std::shared_ptr<ORVBlockOperation> &op) {
+        if (block)
+            block(op);
+        return true;
+    });
+    return operation;
+}
+
+ORVBlockOperation::ExecutionHandler ORVBlockOperation::executionHandler() const
+{
+    std::lock_guard lock(_executionHandlerLock);
+    return _executionHandler;
+}
+
+void ORVBlockOperation::setExecutionHandler(ExecutionHandler handler)
+{
+    // The property publishes its changes in the default way.
+    willChangeValueForKey(kExecutionHandler);
+    {
+        std::lock_guard lock(_executionHandlerLock);
+        _executionHandler = std::move(handler);
+    }
+    didChangeValueForKey(kExecutionHandler);
+}
+
+void ORVBlockOperation::start()
+{
+    ExecutionHandler handler;
+    {
+        std::lock_guard lock(_executionHandlerLock);
+        handler = std::exchange(_executionHandler, nullptr);
+    }
+    if (!ORVMethodParameterAssert(static_cast<bool>(handler), "executionHandler != nil", "start",
+                                  "ORVBlockOperation", "ORVBlockOperation"))
+        return;
+    if (!tryStart())
+        return;
+    auto self = std::static_pointer_cast<ORVBlockOperation>(weak_from_this().lock());
+    if (!self)
+        self = std::shared_ptr<ORVBlockOperation>(std::shared_ptr<void>(), this);
+    if (handler(self))
+        didFinishExecution();
+}
+
+void ORVBlockOperation::didFinishExecution()
+{
+    if (tryFinish())
+        finishWithError(ORVError());
+}

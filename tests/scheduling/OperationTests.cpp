@@ -1,0 +1,220 @@
+#include "OrvTestSupport.h"
+
+#include <OrvellaKit/ORVAsyncOperation.h>
+#include <OrvellaKit/ORVDispatchMainQueue.h>
+#include <OrvellaKit/ORVErrors.h>
+#include <OrvellaKit/ORVOperation.h>
+
+#include <atomic>
+#include <thread>
+
+using namespace orv::test;
+
+namespace {
+// Records every notification with the values the operation reports while
+// the change is being published. Like any observer it reads back only the
+// values guarded by the lock that is held: the state for "isExecuting" and
+// "isFinished", the flag for "isCancelled" (reading the other would take
+// the two locks in both orders).
+class Recorder : public ORVOperationObserver {
+public:
+    void operationWillChangeValueForKey(ORVOperation &op, const QString &key) override { record(op, "will " + key); }
+    void operationDidChangeValueForKey(ORVOperation &op, const QString &key) override { record(op, "did " + key); }
+    QStringList events() const
+    {
+        std::lock_guard guard(lock);
+        return list;
+    }
+
+private:
+    void record(ORVOperation &op, const QString &what)
+    {
+        const QString values = what.endsWith("isCancelled")
+                                   ? QStringLiteral(" c%1").arg(int(op.isCancelled()))
+                                   : QStringLiteral(" e%1f%2").arg(int(op.isExecuting())).arg(int(op.isFinished()));
+        std::lock_guard guard(lock);
+        list << what + values;
+    }
+    mutable std::mutex lock;
+    QStringList list;
+};
+} // namespace
+
+TEST(AsyncOperation, NotificationsInOrderThroughARealQueue)
+{
+    ORVOperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    std::atomic<int> runs = 0;
+    auto operation = ORVBlockOperation::blockOperationWithBlock([&](const auto &) { ++runs; });
+    EXPECT_TRUE(operation->isAsynchronous());
+    EXPECT_FALSE(operation->isExecuting());
+    EXPECT_FALSE(operation->isFinished());
+    auto recorder = std::make_shared<Recorder>();
+    operation->addObserver(recorder);
+    std::atomic<int> completions = 0;
+    ORVError received("unset", 1);
+    operation->setCompletionHandler([&](const auto &, const ORVError &error) {
+        received = error;
+        ++completions;
+    });
+    queue.addOperation(operation);
+    queue.waitUntilAllOperationsAreFinished();
+    ASSERT_TRUE(waitUntil([&] { return completions.load() == 1; }));
+    EXPECT_EQ(runs.load(), 1);
+    EXPECT_FALSE(received);
+    EXPECT_EQ(queue.operationCount(), 0);
+    // Executing goes off at tryFinish, before finished goes on.
+    EXPECT_EQ(recorder->events(), QStringList({"will isExecuting e0f0", "did isExecuting e1f0",
+                                               "will isExecuting e1f0", "did isExecuting e0f0",
+                                               "will isFinished e0f0", "did isFinished e0f1"}));
+    EXPECT_FALSE(operation->executionHandler()) << "cleared once run";
+}
+
+TEST(AsyncOperation, CancelBeforeStart)
+{
+    auto operation = ORVBlockOperation::blockOperationWithBlock([](const auto &) { FAIL() << "must not run"; });
+    auto recorder = std::make_shared<Recorder>();
+    operation->addObserver(recorder);
+    ORVError received;
+    bool calledInline = false;
+    operation->setCompletionHandler([&](const auto &, const ORVError &error) {
+        received = error;
+        calledInline = true;
+    });
+    operation->cancel();
+    EXPECT_TRUE(calledInline) << "an operation's completion runs at once";
+    EXPECT_TRUE(orv_isOrvellaKitCancelError(received));
+    EXPECT_TRUE(operation->isFinished());
+    operation->start();
+    EXPECT_FALSE(operation->isExecuting());
+    EXPECT_FALSE(operation->executionHandler()) << "start still clears the handler, unrun";
+    EXPECT_EQ(recorder->events(), QStringList({"will isCancelled c0", "did isCancelled c1",
+                                               "will isExecuting e0f0", "did isExecuting e0f0",
+                                               "will isFinished e0f0", "did isFinished e0f1"}));
+
+    // A queue given an operation cancelled while waiting drops it.
+    ORVOperationQueue queue;
+    queue.setSuspended(true);
+    auto waiting = ORVBlockOperation::blockOperationWithBlock([](const auto &) { FAIL() << "must not run"; });
+    queue.addOperation(waiting);
+    EXPECT_EQ(queue.operationCount(), 1);
+    queue.cancelAllOperations();
+    EXPECT_EQ(queue.operationCount(), 0);
+    queue.setSuspended(false);
+    queue.waitUntilAllOperationsAreFinished();
+}
+
+TEST(AsyncOperation, AssertionTexts)
+{
+    RecordAssertions record;
+    auto operation = std::make_shared<ORVAsyncOperation>();
+    ASSERT_TRUE(operation->tryStart());
+    operation->finishWithError(); // executing, without tryFinish
+    EXPECT_FALSE(operation->isFinished());
+    operation->setCompletionHandler(nullptr);
+    ASSERT_TRUE(operation->tryFinish());
+    operation->finishWithError();
+    operation->finishWithError(); // a second finish
+
+    auto unstarted = std::make_shared<ORVAsyncOperation>();
+    unstarted->finishWithError(); // state 0 is let through
+    EXPECT_TRUE(unstarted->isFinished());
+
+    auto empty = std::make_shared<ORVBlockOperation>();
+    empty->start();
+    const QString misuse = "Unable to complete operation, it is likely -finishWithError: was called without an "
+                           "affirmative response from tryFinish or called multiple times.";
+    EXPECT_EQ(record.descriptions(),
+              QStringList({misuse, "completionHandler can only be safely mutated before submitting operation.",
+                           misuse, "Invalid parameter not satisfying: executionHandler != nil"}));
+    EXPECT_EQ(record.failures()[3].file, "ORVBlockOperation");
+}
+
+TEST(AsyncOperation, HandlerThatFinishesLater)
+{
+    ORVOperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    std::shared_ptr<ORVBlockOperation> pending;
+    std::mutex lock;
+    auto first = std::make_shared<ORVBlockOperation>();
+    first->setExecutionHandler([&](const std::shared_ptr<ORVBlockOperation> &op) {
+        std::lock_guard guard(lock);
+        pending = op;
+        return false; // finishes later
+    });
+    std::atomic<bool> secondRan = false;
+    queue.addOperation(first);
+    queue.addOperationWithBlock([&] { secondRan = true; });
+    ASSERT_TRUE(waitUntil([&] {
+        std::lock_guard guard(lock);
+        return pending != nullptr;
+    }));
+    spinFor(50ms);
+    EXPECT_FALSE(secondRan) << "a maximum of one keeps the second waiting";
+    EXPECT_TRUE(first->isExecuting());
+    {
+        std::lock_guard guard(lock);
+        pending->didFinishExecution();
+    }
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(secondRan);
+    EXPECT_TRUE(first->isFinished());
+}
+
+TEST(OperationQueue, RespectsTheMaximumAndRunsEverything)
+{
+    ORVOperationQueue queue;
+    queue.setMaxConcurrentOperationCount(3);
+    std::atomic<int> running = 0, peak = 0, done = 0;
+    for (int i = 0; i < 60; ++i) {
+        queue.addOperationWithBlock([&] {
+            const int now = ++running;
+            int seen = peak.load();
+            while (now > seen && !peak.compare_exchange_weak(seen, now)) {
+            }
+            std::this_thread::sleep_for(1ms);
+            --running;
+            ++done;
+        });
+    }
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(done.load(), 60);
+    EXPECT_LE(peak.load(), 3);
+    EXPECT_GE(peak.load(), 2) << "operations do run side by side";
+    std::atomic<bool> completionBlockRan = false;
+    auto operation = ORVBlockOperation::blockOperationWithBlock([](const auto &) {});
+    operation->setCompletionBlock([&] { completionBlockRan = true; });
+    queue.addOperation(operation);
+    EXPECT_TRUE(waitUntil([&] { return completionBlockRan.load(); }));
+}
+
+TEST(MainQueueFunctions, InlineOnTheMainQueue)
+{
+    EXPECT_TRUE(ORVDispatchIsMainQueue());
+    bool ran = false;
+    ORVDispatchMainQueueAsync([&] { ran = true; });
+    EXPECT_TRUE(ran) << "ran before returning";
+    ran = false;
+    ORVDispatchMainQueueSync([&] { ran = true; });
+    EXPECT_TRUE(ran);
+
+    std::atomic<bool> workerOnMain = true, syncRanOnMain = false, asyncRanOnMain = false;
+    std::thread worker([&] {
+        workerOnMain = ORVDispatchIsMainQueue();
+        ORVDispatchMainQueueAsync([&] { asyncRanOnMain = ORVDispatchIsMainQueue(); });
+    });
+    worker.join();
+    EXPECT_FALSE(workerOnMain);
+    EXPECT_TRUE(waitUntil([&] { return asyncRanOnMain.load(); }));
+
+    std::thread syncWorker([&] { ORVDispatchMainQueueSync([&] { syncRanOnMain = ORVDispatchIsMainQueue(); }); });
+    EXPECT_TRUE(waitUntil([&] { return syncRanOnMain.load(); }));
+    syncWorker.join();
+
+    RecordAssertions record;
+    ORVDispatchMainQueueAsync(nullptr);
+    ORVDispatchMainQueueSync(nullptr);
+    EXPECT_EQ(record.descriptions(), QStringList({"Invalid parameter not satisfying: block != NULL",
+                                                  "Invalid parameter not satisfying: block != NULL"}));
+    EXPECT_EQ(record.failures()[0].file, "ORVDispatchMainQueue");
+}
