@@ -20,17 +20,19 @@ struct Comparison {
 
 std::vector<Comparison> &comparisons();
 
-// A plain measurement printed as "<name> ns=<nanoseconds per iteration>".
+// A plain measurement: "<name> ns=<nanoseconds per iteration>", or with a
+// number of items per iteration "<name> per_second=<items per second>".
 struct Report {
     std::string name;
     std::string benchmark;
+    long long itemsPerIteration = 0;
 };
 std::vector<Report> &reports();
 
 struct RegisterReport {
-    RegisterReport(std::string name, std::string benchmark)
+    RegisterReport(std::string name, std::string benchmark, long long itemsPerIteration = 0)
     {
-        reports().push_back({std::move(name), std::move(benchmark)});
+        reports().push_back({std::move(name), std::move(benchmark), itemsPerIteration});
     }
 };
 

@@ -79,7 +79,12 @@ int main(int argc, char **argv)
     }
     for (const auto &report : orv::bench::reports()) {
         const auto found = reporter.times.find(report.benchmark);
-        if (found != reporter.times.end())
+        if (found == reporter.times.end())
+            continue;
+        if (report.itemsPerIteration > 0)
+            std::printf("%s per_second=%.0f\n", report.name.c_str(),
+                        static_cast<double>(report.itemsPerIteration) / found->second);
+        else
             std::printf("%s ns=%.2f\n", report.name.c_str(), found->second * 1e9);
     }
     return 0;

@@ -15,6 +15,7 @@
 // start(). Create both with std::make_shared.
 
 #include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVLocks.h>
 #include <OrvellaKit/ORVOperation.h>
 #include <OrvellaKit/ORVWorkItem.h>
 
@@ -54,11 +55,11 @@ public:
 
 private:
     qint8 _state = ORVWorkItemStateNotStarted;
-    mutable std::recursive_mutex _stateLock;  // "state"
+    mutable ORVRecursiveLock _stateLock;  // "state"
     bool _cancelled = false;
-    mutable std::recursive_mutex _cancelLock; // "cancel"
+    mutable ORVRecursiveLock _cancelLock; // "cancel"
     CompletionHandler _completionHandler;
-    mutable std::mutex _completionHandlerLock;
+    mutable ORVUnfairLock _completionHandlerLock;
 };
 
 class ORVBlockOperation : public ORVAsyncOperation {
@@ -86,5 +87,7 @@ public:
 
 private:
     ExecutionHandler _executionHandler;
-    mutable std::mutex _executionHandlerLock;
+    mutable ORVUnfairLock _executionHandlerLock;
+    // The block of blockOperationWithBlock(); only its handler touches it.
+    std::function<void(const std::shared_ptr<ORVBlockOperation> &)> _block;
 };

@@ -9,9 +9,12 @@
 // an operation once it has said "isFinished" with isFinished() true.
 
 #include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVLocks.h>
 
 #include <QString>
+#include <QVarLengthArray>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -21,6 +24,11 @@
 #include <vector>
 
 class ORVOperation;
+
+// The keys an operation publishes.
+extern const QString ORVOperationIsExecutingKey; // "isExecuting"
+extern const QString ORVOperationIsFinishedKey;  // "isFinished"
+extern const QString ORVOperationIsCancelledKey; // "isCancelled"
 
 class ORVOperationObserver {
 public:
@@ -56,18 +64,36 @@ public:
     void removeObserver(const ORVOperationObserver *observer);
 
 protected:
+    bool hasObservers() const
+    {
+        return _observerCount.load(std::memory_order_acquire) > 0 || _hasQueueObserver.load(std::memory_order_acquire);
+    }
     // Call these around a change of a published value, with the lock that
     // guards the value held.
     void willChangeValueForKey(const QString &key);
     void didChangeValueForKey(const QString &key);
 
 private:
-    std::vector<std::shared_ptr<ORVOperationObserver>> liveObservers();
+    friend class ORVOperationQueue;
+    // The queue the operation was added to hears its did-change of
+    // "isFinished" directly, without the general observer list.
+    void setQueueObserver(const std::shared_ptr<ORVOperationObserver> &queue);
 
-    mutable std::mutex _lock;
+    // Observers to call, collected without allocating for the usual one or two.
+    using ObserverList = QVarLengthArray<std::shared_ptr<ORVOperationObserver>, 4>;
+    ObserverList liveObservers();
+
+    // Its sections are a few instructions long and an operation passes
+    // through it on each of its notifications.
+    mutable ORVUnfairLock _lock;
     QString _name;
     std::function<void()> _completionBlock;
-    std::vector<std::weak_ptr<ORVOperationObserver>> _observers;
+    QVarLengthArray<std::weak_ptr<ORVOperationObserver>, 2> _observers;
+    // Lets a notification without observers skip the lock.
+    std::atomic<int> _observerCount = 0;
+    std::atomic<bool> _hasCompletionBlock = false;
+    std::weak_ptr<ORVOperationObserver> _queueObserver;
+    std::atomic<bool> _hasQueueObserver = false;
 };
 
 // The default maximum: as many as the worker pool runs at once.

@@ -15,6 +15,7 @@
 
 #include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVLocks.h>
 
 #include <functional>
 #include <memory>
@@ -65,11 +66,11 @@ public:
 
 private:
     qint8 _state = ORVWorkItemStateNotStarted;
-    mutable std::mutex _stateLock;
+    mutable ORVUnfairLock _stateLock;
     bool _cancelled = false;
-    mutable std::mutex _cancelLock;
+    mutable ORVUnfairLock _cancelLock;
     CompletionHandler _completionHandler;
-    mutable std::mutex _completionHandlerLock;
+    mutable ORVUnfairLock _completionHandlerLock;
     std::shared_ptr<ORVDispatchQueue> _completionQueue;
-    mutable std::mutex _completionQueueLock;
+    mutable ORVUnfairLock _completionQueueLock;
 };

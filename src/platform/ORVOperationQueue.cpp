@@ -5,6 +5,10 @@
 
 #include <algorithm>
 
+const QString ORVOperationIsExecutingKey = QStringLiteral("isExecuting");
+const QString ORVOperationIsFinishedKey = QStringLiteral("isFinished");
+const QString ORVOperationIsCancelledKey = QStringLiteral("isCancelled");
+
 ORVOperationObserver::~ORVOperationObserver() = default;
 void ORVOperationObserver::operationWillChangeValueForKey(ORVOperation &, const QString &) {}
 void ORVOperationObserver::operationDidChangeValueForKey(ORVOperation &, const QString &) {}
@@ -35,6 +39,7 @@ std::function<void()> ORVOperation::completionBlock() const
 void ORVOperation::setCompletionBlock(std::function<void()> block)
 {
     std::lock_guard lock(_lock);
+    _hasCompletionBlock.store(static_cast<bool>(block), std::memory_order_release);
     _completionBlock = std::move(block);
 }
 
@@ -42,22 +47,25 @@ void ORVOperation::addObserver(const std::shared_ptr<ORVOperationObserver> &obse
 {
     std::lock_guard lock(_lock);
     _observers.push_back(observer);
+    _observerCount.store(static_cast<int>(_observers.size()), std::memory_order_release);
 }
 
 void ORVOperation::removeObserver(const ORVOperationObserver *observer)
 {
     std::lock_guard lock(_lock);
-    std::erase_if(_observers, [&](const std::weak_ptr<ORVOperationObserver> &weak) {
+    _observers.removeIf([&](const std::weak_ptr<ORVOperationObserver> &weak) {
         const auto strong = weak.lock();
         return !strong || strong.get() == observer;
     });
+    _observerCount.store(static_cast<int>(_observers.size()), std::memory_order_release);
 }
 
-std::vector<std::shared_ptr<ORVOperationObserver>> ORVOperation::liveObservers()
+ORVOperation::ObserverList ORVOperation::liveObservers()
 {
-    std::vector<std::shared_ptr<ORVOperationObserver>> observers;
+    ObserverList observers;
+    if (_observerCount.load(std::memory_order_acquire) == 0)
+        return observers;
     std::lock_guard lock(_lock);
-    observers.reserve(_observers.size());
     for (const auto &weak : _observers) {
         if (auto strong = weak.lock())
             observers.push_back(std::move(strong));
@@ -71,15 +79,34 @@ void ORVOperation::willChangeValueForKey(const QString &key)
         observer->operationWillChangeValueForKey(*this, key);
 }
 
+void ORVOperation::setQueueObserver(const std::shared_ptr<ORVOperationObserver> &queue)
+{
+    std::lock_guard lock(_lock);
+    _queueObserver = queue;
+    _hasQueueObserver.store(queue != nullptr, std::memory_order_release);
+}
+
 void ORVOperation::didChangeValueForKey(const QString &key)
 {
     for (const auto &observer : liveObservers())
         observer->operationDidChangeValueForKey(*this, key);
-    if (key == QLatin1String("isFinished") && isFinished()) {
+    if (key != ORVOperationIsFinishedKey)
+        return;
+    if (_hasQueueObserver.load(std::memory_order_acquire)) {
+        std::shared_ptr<ORVOperationObserver> queue;
+        {
+            std::lock_guard lock(_lock);
+            queue = _queueObserver.lock();
+        }
+        if (queue)
+            queue->operationDidChangeValueForKey(*this, key);
+    }
+    if (_hasCompletionBlock.load(std::memory_order_acquire) && isFinished()) {
         std::function<void()> block;
         {
             std::lock_guard lock(_lock);
             block = std::exchange(_completionBlock, nullptr);
+            _hasCompletionBlock.store(false, std::memory_order_release);
         }
         if (block)
             ORVDispatchQueue::globalQueue()->async(std::move(block));
@@ -91,6 +118,7 @@ void ORVOperation::didChangeValueForKey(const QString &key)
 namespace {
 // What "let the pool decide" means: as many as the worker pool runs at once.
 constexpr int kDefaultLimit = 64;
+constexpr auto kRunnerLinger = std::chrono::milliseconds(2);
 } // namespace
 
 // The queue's state. It observes its operations and is shared with the
@@ -99,8 +127,11 @@ constexpr int kDefaultLimit = 64;
 // The queue's mutex is never held while an operation's own methods run:
 // operations call the queue back with their state lock held.
 struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_shared_from_this<Shared> {
-    mutable std::mutex mutex;
-    std::condition_variable idle;
+    // A producer adding operations and a runner taking them meet here many
+    // times a second; a lock that spins briefly before yielding keeps them
+    // from putting each other to sleep in the kernel on every collision.
+    mutable ORVUnfairLock mutex;
+    std::condition_variable_any idle;
     QString name;
     int maxCount = ORVOperationQueueDefaultMaxConcurrentOperationCount;
     ORVDispatchQueue::QualityOfService qos = ORVDispatchQueue::QualityOfService::Default;
@@ -108,14 +139,24 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
     std::deque<std::shared_ptr<ORVOperation>> waiting;
     std::vector<std::shared_ptr<ORVOperation>> running;
     int runners = 0;
+    int idleRunners = 0;
+    std::condition_variable_any workAvailable;
+    // waiting.size(), readable without the lock.
+    std::atomic<size_t> waitingCount = 0;
 
     int limit() const { return maxCount < 0 ? kDefaultLimit : maxCount; }
 
-    // With the mutex held: whether another runner should start.
-    bool needsRunner() const
+    // With the mutex held: wakes a lingering runner when there is work for
+    // it, and answers whether another runner should start.
+    bool needsRunner()
     {
-        const auto max = static_cast<size_t>(limit());
-        return !suspended && !waiting.empty() && static_cast<size_t>(runners) < max && running.size() < max;
+        if (!canStartOne())
+            return false;
+        if (idleRunners > 0) {
+            workAvailable.notify_one();
+            return false;
+        }
+        return static_cast<size_t>(runners) < static_cast<size_t>(limit());
     }
 
     void startRunner()
@@ -123,20 +164,44 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
         ORVDispatchQueue::globalQueue(qos)->async([self = shared_from_this()] { self->run(); });
     }
 
+    bool canStartOne() const
+    {
+        return !suspended && !waiting.empty() && running.size() < static_cast<size_t>(limit());
+    }
+
     // A runner takes operations one after another while the limit allows,
     // so a stream of short operations needs no thread hand-off per operation.
+    // Out of work, it lingers a moment for more before it gives its thread
+    // back: a producer that adds operations one by one then wakes a waiting
+    // runner instead of starting a new one for each.
     void run()
     {
         for (;;) {
             std::shared_ptr<ORVOperation> operation;
             {
-                std::lock_guard lock(mutex);
-                if (suspended || waiting.empty() || running.size() >= static_cast<size_t>(limit())) {
-                    --runners;
-                    return;
+                std::unique_lock lock(mutex);
+                if (!canStartOne() && waitingCount.load(std::memory_order_relaxed) == 0) {
+                    // A producer adding one operation after another is
+                    // usually a moment behind: look again for a few
+                    // microseconds before sleeping, which spares it a wake-up
+                    // call per operation.
+                    lock.unlock();
+                    for (int spin = 0; spin < 512 && waitingCount.load(std::memory_order_relaxed) == 0; ++spin)
+                        ORV_CPU_RELAX();
+                    lock.lock();
+                }
+                if (!canStartOne()) {
+                    ++idleRunners;
+                    const bool more = workAvailable.wait_for(lock, kRunnerLinger, [&] { return canStartOne(); });
+                    --idleRunners;
+                    if (!more) {
+                        --runners;
+                        return;
+                    }
                 }
                 operation = std::move(waiting.front());
                 waiting.pop_front();
+                waitingCount.store(waiting.size(), std::memory_order_relaxed);
                 running.push_back(operation);
             }
             try {
@@ -170,6 +235,7 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
                     return;
                 removed = std::move(*waitingIt);
                 waiting.erase(waitingIt);
+                waitingCount.store(waiting.size(), std::memory_order_relaxed);
             }
             spawn = needsRunner();
             if (spawn)
@@ -183,7 +249,7 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
 
     void operationDidChangeValueForKey(ORVOperation &operation, const QString &key) override
     {
-        if (key == QLatin1String("isFinished") && operation.isFinished())
+        if (key == ORVOperationIsFinishedKey && operation.isFinished())
             finished(&operation);
     }
 
@@ -192,7 +258,7 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
         int spawn = 0;
         {
             std::lock_guard lock(mutex);
-            while (needsRunner() && static_cast<size_t>(runners) < waiting.size() + running.size()) {
+            while (static_cast<size_t>(runners) < waiting.size() + running.size() && needsRunner()) {
                 ++runners;
                 ++spawn;
             }
@@ -263,11 +329,12 @@ void ORVOperationQueue::addOperation(const std::shared_ptr<ORVOperation> &operat
 {
     if (!operation)
         return;
-    operation->addObserver(_shared);
+    operation->setQueueObserver(_shared);
     bool spawn = false;
     {
         std::lock_guard lock(_shared->mutex);
         _shared->waiting.push_back(operation);
+        _shared->waitingCount.store(_shared->waiting.size(), std::memory_order_relaxed);
         spawn = _shared->needsRunner();
         if (spawn)
             ++_shared->runners;

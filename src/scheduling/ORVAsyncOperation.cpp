@@ -3,9 +3,9 @@
 #include <OrvellaKit/ORVException.h>
 
 namespace {
-const QString kIsExecuting = QStringLiteral("isExecuting");
-const QString kIsFinished = QStringLiteral("isFinished");
-const QString kIsCancelled = QStringLiteral("isCancelled");
+const QString &kIsExecuting = ORVOperationIsExecutingKey;
+const QString &kIsFinished = ORVOperationIsFinishedKey;
+const QString &kIsCancelled = ORVOperationIsCancelledKey;
 const QString kExecutionHandler = QStringLiteral("executionHandler");
 } // namespace
 
@@ -32,11 +32,12 @@ bool ORVAsyncOperation::isCancelled() const
 
 // Observers may drop the last reference to the operation from inside a
 // notification (a queue removing a finished operation); each notifying
-// method holds one of its own until it returns.
+// method holds one of its own until it returns, when anyone observes.
+#define ORV_KEEP_ALIVE_WHILE_NOTIFYING() const auto self = hasObservers() ? weak_from_this().lock() : nullptr
 
 bool ORVAsyncOperation::tryStart()
 {
-    const auto self = weak_from_this().lock();
+    ORV_KEEP_ALIVE_WHILE_NOTIFYING();
     std::lock_guard lock(_stateLock);
     if (_state != ORVWorkItemStateNotStarted)
         return false;
@@ -48,7 +49,7 @@ bool ORVAsyncOperation::tryStart()
 
 bool ORVAsyncOperation::tryFinish()
 {
-    const auto self = weak_from_this().lock();
+    ORV_KEEP_ALIVE_WHILE_NOTIFYING();
     std::lock_guard lock(_stateLock);
     if (_state >= ORVWorkItemStateFinishing)
         return false;
@@ -62,7 +63,7 @@ bool ORVAsyncOperation::tryFinish()
 
 bool ORVAsyncOperation::tryCancel()
 {
-    const auto self = weak_from_this().lock();
+    ORV_KEEP_ALIVE_WHILE_NOTIFYING();
     std::lock_guard lock(_cancelLock);
     if (_cancelled)
         return false;
@@ -80,7 +81,7 @@ void ORVAsyncOperation::cancel()
 
 void ORVAsyncOperation::finishWithError(const ORVError &error)
 {
-    const auto self = weak_from_this().lock();
+    ORV_KEEP_ALIVE_WHILE_NOTIFYING();
     // 1. Not the work item's test: state 1 (skipped tryFinish) and state 3
     //    are caught, a never-started operation (state 0) is let through.
     bool misuse = false;
@@ -107,7 +108,7 @@ void ORVAsyncOperation::finishWithError(const ORVError &error)
     }
     // 3. At once, on this thread.
     if (handler) {
-        auto operation = std::static_pointer_cast<ORVAsyncOperation>(self);
+        auto operation = std::static_pointer_cast<ORVAsyncOperation>(self ? self : weak_from_this().lock());
         if (!operation)
             operation = std::shared_ptr<ORVAsyncOperation>(std::shared_ptr<void>(), this);
         handler(operation, error);
@@ -141,8 +142,11 @@ std::shared_ptr<ORVBlockOperation>
 ORVBlockOperation::blockOperationWithBlock(std::function<void(const std::shared_ptr<ORVBlockOperation> &)> block)
 {
     auto operation = std::make_shared<ORVBlockOperation>();
-    operation->setExecutionHandler([block = std::move(block)](const std::shared_ptr<ORVBlockOperation> &op) {
-        if (block)
+    // The block waits in a member, so the handler captures nothing and needs
+    // no allocation of its own.
+    operation->_block = std::move(block);
+    operation->setExecutionHandler([](const std::shared_ptr<ORVBlockOperation> &op) {
+        if (auto block = std::exchange(op->_block, nullptr))
             block(op);
         return true;
     });
