@@ -28,6 +28,10 @@ public:
     bool contains(const QString &name) const;
     void setValue(const QString &name, const QString &value);
     void remove(const QString &name);
+    // Appends a field as it is, keeping any earlier one of that name.
+    void appendRaw(const QString &name, const QString &value) { _fields.append({name, value}); }
+    // "{Name: value, ...}" for log messages.
+    QString description() const;
     const QList<QPair<QString, QString>> &fields() const { return _fields; }
     bool isEmpty() const { return _fields.isEmpty(); }
 

@@ -1,5 +1,7 @@
 #include <OrvellaKit/ORVURLRequest.h>
 
+#include <QStringList>
+
 QString ORVHTTPHeaders::value(const QString &name) const
 {
     for (const auto &field : _fields) {
@@ -24,6 +26,14 @@ void ORVHTTPHeaders::setValue(const QString &name, const QString &value)
 void ORVHTTPHeaders::remove(const QString &name)
 {
     _fields.removeIf([&](const auto &field) { return field.first.compare(name, Qt::CaseInsensitive) == 0; });
+}
+
+QString ORVHTTPHeaders::description() const
+{
+    QStringList parts;
+    for (const auto &[name, value] : _fields)
+        parts << name + QStringLiteral(": ") + value;
+    return u'{' + parts.join(QStringLiteral(", ")) + u'}';
 }
 
 ORVURLRequest::ORVURLRequest(QUrl url, ORVURLRequestCachePolicy cachePolicy, double timeoutInterval)

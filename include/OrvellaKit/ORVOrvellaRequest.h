@@ -1,0 +1,140 @@
+#pragma once
+
+// ORVOrvellaRequest: the caller's description of one HTTP exchange handed to
+// the network manager. Configurable until it is submitted; the network task
+// works on a frozen copy, and every setter of a frozen copy throws
+// ORVException "Mutated request after submitting to network manager". All
+// copies share one identifier and compare equal.
+//
+// ORVOrvellaAccountRequest talks to the account server and normally needs
+// an access token; ORVOrvellaSimpleRequest never does. Create requests with
+// requestWithURLRequest() (they live in shared pointers).
+
+#include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVURLRequest.h>
+
+#include <QString>
+#include <QUuid>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+class ORVOrvellaData;
+
+class ORVOrvellaRequest : public std::enable_shared_from_this<ORVOrvellaRequest> {
+public:
+    // Called once, on the main thread, with the response body (nothing when
+    // there is none), the HTTP response (nothing when there was none) and
+    // the error (null for none). Account requests and simple requests both
+    // receive the body as an ORVOrvellaData; a simple request's is always in
+    // memory.
+    using CompletionHandler =
+        std::function<void(const std::shared_ptr<ORVOrvellaData> &data,
+                           const std::optional<ORVHTTPURLResponse> &response, const ORVError &error)>;
+    using Handler = std::function<void()>;
+
+    virtual ~ORVOrvellaRequest();
+    ORVOrvellaRequest(const ORVOrvellaRequest &) = delete;
+    ORVOrvellaRequest &operator=(const ORVOrvellaRequest &) = delete;
+
+    const QUuid &identifier() const { return _identifier; }
+    const ORVURLRequest &originalRequest() const { return _originalRequest; }
+
+    CompletionHandler completionHandler() const;
+    void setCompletionHandler(CompletionHandler handler);
+    // Null: the exchange is not written to the command log.
+    QString category() const;
+    void setCategory(const QString &category);
+    bool maskRequestLogging() const;
+    void setMaskRequestLogging(bool mask);
+    bool maskResponseLogging() const;
+    void setMaskResponseLogging(bool mask);
+    bool skipResponseLogging() const;
+    void setSkipResponseLogging(bool skip);
+    quint64 countOfBytesClientExpectsToReceive() const;
+    void setCountOfBytesClientExpectsToReceive(quint64 count);
+    quint64 countOfBytesClientExpectsToSend() const;
+    void setCountOfBytesClientExpectsToSend(quint64 count);
+    // In [0, 1]; -1.0 (the initial value) leaves the URL task's default.
+    float priority() const;
+    void setPriority(float priority);
+    Handler shouldYieldHandler() const;
+    void setShouldYieldHandler(Handler handler);
+    Handler shouldResumeHandler() const;
+    void setShouldResumeHandler(Handler handler);
+
+    quint64 retryCount() const;
+    // Works on frozen copies too: the network manager counts its retries.
+    void incrementRetryCount();
+
+    bool isImmutable() const;
+    virtual bool canStartWithoutToken() const = 0;
+    virtual bool useBackgroundSession() const { return false; }
+
+    // A frozen copy of the request's own class, with the same identifier.
+    virtual std::shared_ptr<ORVOrvellaRequest> copy() const;
+
+    // Same identifier.
+    bool isEqual(const ORVOrvellaRequest &other) const { return _identifier == other._identifier; }
+    size_t hash() const { return qHash(_identifier); }
+
+    // "<ClassName 0x...> <identifier>"
+    QString debugDescription() const;
+
+protected:
+    explicit ORVOrvellaRequest(const ORVURLRequest &request);
+    // Makes an empty instance of the concrete class, for copy().
+    virtual std::shared_ptr<ORVOrvellaRequest> makeEmptyCopy() const = 0;
+    virtual const char *className() const = 0;
+    // Throws when the request is frozen; call with the lock held.
+    void checkMutable() const;
+
+    mutable std::mutex _queue; // guards every field below the identifier
+
+private:
+    QUuid _identifier;
+    ORVURLRequest _originalRequest;
+    CompletionHandler _completionHandler;
+    QString _category;
+    bool _maskRequestLogging = false;
+    bool _maskResponseLogging = false;
+    bool _skipResponseLogging = false;
+    quint64 _countOfBytesClientExpectsToReceive = 0;
+    quint64 _countOfBytesClientExpectsToSend = 0;
+    float _priority = -1.0f;
+    Handler _shouldYieldHandler;
+    Handler _shouldResumeHandler;
+    quint64 _retryCount = 0;
+    bool _immutable = false;
+};
+
+class ORVOrvellaAccountRequest : public ORVOrvellaRequest {
+public:
+    static std::shared_ptr<ORVOrvellaAccountRequest> requestWithURLRequest(const ORVURLRequest &request);
+
+    bool canStartWithoutToken() const override;
+    void setCanStartWithoutToken(bool canStart);
+    std::shared_ptr<ORVOrvellaRequest> copy() const override;
+
+protected:
+    explicit ORVOrvellaAccountRequest(const ORVURLRequest &request) : ORVOrvellaRequest(request) {}
+    std::shared_ptr<ORVOrvellaRequest> makeEmptyCopy() const override;
+    const char *className() const override { return "ORVOrvellaAccountRequest"; }
+
+private:
+    bool _canStartWithoutToken = false;
+};
+
+class ORVOrvellaSimpleRequest : public ORVOrvellaRequest {
+public:
+    static std::shared_ptr<ORVOrvellaSimpleRequest> requestWithURLRequest(const ORVURLRequest &request);
+
+    bool canStartWithoutToken() const override { return true; }
+
+protected:
+    explicit ORVOrvellaSimpleRequest(const ORVURLRequest &request) : ORVOrvellaRequest(request) {}
+    std::shared_ptr<ORVOrvellaRequest> makeEmptyCopy() const override;
+    const char *className() const override { return "ORVOrvellaSimpleRequest"; }
+};
