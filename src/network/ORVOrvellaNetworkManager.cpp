@@ -195,12 +195,26 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
             logCommand(request, ORVStringWithFormat("Starting Request %@", request->identifier()).toUtf8(),
                        std::nullopt, ORVError());
         task->yield();
+        // Which URL task this completion belongs to, by identity.
+        auto carrier = std::make_shared<const ORVURLSessionTask *>(nullptr);
         urlTask = _backgroundSession->downloadTaskWithURLRequest(
-            urlRequest, [weakSelf, task](const QUrl &url, const std::optional<ORVHTTPURLResponse> &response,
-                                         const ORVError &error) {
-                if (auto self = weakSelf.lock())
-                    self->finishTaskWithDownload(task, response, url, error);
+            urlRequest, [weakSelf, task, carrier](const QUrl &url, const std::optional<ORVHTTPURLResponse> &response,
+                                                  const ORVError &error) {
+                auto self = weakSelf.lock();
+                if (!self)
+                    return;
+                // Here a download cancelled by rescheduling still ends in this
+                // process; its network task no longer carries it, and the
+                // new task (equal to the old one) must not take its result.
+                if (task->currentURLTask().get() != *carrier) {
+                    ORVLogInfo("Orvella Networking: Finishing already cancelled request %@ %@ %@",
+                               task->request()->identifier(), task->request()->originalRequest().URL(),
+                               response ? QVariant(response->statusCode()) : QVariant());
+                    return;
+                }
+                self->finishTaskWithDownload(task, response, url, error);
             });
+        *carrier = urlTask.get();
     }
     if (!urlTask)
         return; // the session's assertion reported why

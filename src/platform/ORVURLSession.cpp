@@ -168,16 +168,22 @@ struct ORVURLSessionEngine {
     {
         ORVURLRequest request;
         float priority = 0.5f;
+        bool cancelled = false;
+        std::optional<ORVHTTPURLResponse> lastResponse;
         {
             std::lock_guard lock(task->_lock);
-            if (task->_cancelRequested) {
-                finish(std::move(transfer), task->_response,
-                       urlError(ORVURLErrorCancelled, QStringLiteral("cancelled"), task->_currentRequest.URL()));
-                return;
-            }
-            task->_state = ORVURLSessionTaskState::Running;
+            cancelled = task->_cancelRequested;
+            lastResponse = task->_response;
+            if (!cancelled)
+                task->_state = ORVURLSessionTaskState::Running;
             request = task->_currentRequest;
             priority = task->_priority;
+        }
+        // finish() takes the task's lock itself.
+        if (cancelled) {
+            finish(std::move(transfer), lastResponse,
+                   urlError(ORVURLErrorCancelled, QStringLiteral("cancelled"), request.URL()));
+            return;
         }
         const QUrl url = request.URL();
         if (!url.isValid() || url.scheme().isEmpty()) {
@@ -212,8 +218,22 @@ struct ORVURLSessionEngine {
             qrequest.setSslConfiguration(ssl);
         }
 
-        QNetworkReply *reply =
-            manager.sendCustomRequest(qrequest, request.HTTPMethod().toLatin1(), request.HTTPBody());
+        // The standard verbs go through their own calls: custom verbs are
+        // HTTP only (file: and data: URLs need get()).
+        const QByteArray verb = request.HTTPMethod().toUpper().toLatin1();
+        QNetworkReply *reply = nullptr;
+        if (verb == "GET")
+            reply = manager.get(qrequest);
+        else if (verb == "HEAD")
+            reply = manager.head(qrequest);
+        else if (verb == "DELETE" && request.HTTPBody().isEmpty())
+            reply = manager.deleteResource(qrequest);
+        else if (verb == "POST")
+            reply = manager.post(qrequest, request.HTTPBody());
+        else if (verb == "PUT")
+            reply = manager.put(qrequest, request.HTTPBody());
+        else
+            reply = manager.sendCustomRequest(qrequest, verb, request.HTTPBody());
         transfer.body.clear();
         QObject::connect(reply, &QNetworkReply::readyRead, reply, [this, reply] { receive(reply); });
         QObject::connect(reply, &QNetworkReply::sslErrors, reply, [this, reply](const QList<QSslError> &) {
@@ -229,6 +249,8 @@ struct ORVURLSessionEngine {
     {
         auto it = transfers.find(reply);
         if (it == transfers.end())
+            return;
+        if (!reply->isOpen())
             return;
         const QByteArray chunk = reply->readAll();
         Transfer &transfer = it->second;
@@ -299,7 +321,8 @@ struct ORVURLSessionEngine {
 
         const QVariant statusAttribute = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
         std::optional<ORVHTTPURLResponse> response;
-        if (statusAttribute.isValid()) {
+        const QString scheme = reply->url().scheme();
+        if (statusAttribute.isValid() && (scheme == QLatin1String("http") || scheme == QLatin1String("https"))) {
             ORVHTTPHeaders headers;
             for (const auto &[name, value] : reply->rawHeaderPairs())
                 headers.appendRaw(QString::fromLatin1(name), QString::fromUtf8(value));

@@ -147,6 +147,8 @@ AccountServer::AccountServer(const TestCertificate *certificate, const std::stri
         return;
     // Without it a keep-alive exchange on loopback stalls on delayed ACKs.
     _server->set_tcp_nodelay(true);
+    // stop() waits for idle keep-alive connections; keep that wait short.
+    _server->set_keep_alive_timeout(1);
     _server->set_payload_max_length(256 * 1024 * 1024);
     auto handler = [this](const httplib::Request &request, httplib::Response &response) {
         handle(&request, &response);
