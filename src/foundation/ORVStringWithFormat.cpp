@@ -524,7 +524,7 @@ QString ORVStringWithFormatArguments(QStringView format, std::initializer_list<O
             ++i;
         }
         if (i >= n) {
-            // A dangling specification is copied as it stands.
+            // A dangling directive is copied as it stands.
             result += format.mid(start);
             break;
         }

@@ -1,9 +1,9 @@
+#include "ORVThreadPump.h"
+
 #include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVException.h>
 
 #include <QCoreApplication>
-#include <QPointer>
-#include <QSocketNotifier>
 #include <QThread>
 #include <QtGlobal>
 
@@ -17,8 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include <sys/eventfd.h>
-#include <unistd.h>
 
 namespace {
 
@@ -183,74 +181,23 @@ private:
     bool _started = false;
 };
 
-// The main queue's blocks wait in a list of our own, guarded by a
-// std::mutex, and an eventfd wakes the main thread's event loop through a
-// QSocketNotifier. Posting captured functors through Qt's event queue would
-// hand our data between threads inside Qt's uninstrumented code, where
-// ThreadSanitizer cannot see the synchronisation; and blocks added before
-// the application object exists are kept until its event loop runs.
-class MainQueuePump {
-public:
-    static MainQueuePump &instance()
-    {
-        static MainQueuePump *pump = new MainQueuePump;
-        return *pump;
-    }
+// The main queue's blocks wait in a list of our own and an eventfd wakes the
+// main thread's event loop (see ThreadPump): posting captured functors
+// through Qt's event queue would hand our data between threads inside
+// uninstrumented Qt code, where ThreadSanitizer cannot see the
+// synchronisation. Blocks added before the application object exists are
+// kept until its event loop runs.
+orv::detail::ThreadPump &mainQueuePump()
+{
+    static auto *pump = new orv::detail::ThreadPump;
+    return *pump;
+}
 
-    void add(std::function<void()> block)
-    {
-        {
-            std::lock_guard lock(_mutex);
-            _blocks.push_back(std::move(block));
-        }
-        wake();
-    }
-
-    // Runs on the main thread when the application object is created.
-    void attach()
-    {
-        if (_eventFd < 0 || !QCoreApplication::instance())
-            return;
-        auto *notifier = new QSocketNotifier(_eventFd, QSocketNotifier::Read, QCoreApplication::instance());
-        QObject::connect(notifier, &QSocketNotifier::activated, notifier, [this] { drain(); });
-        // Blocks added before the application existed.
-        wake();
-    }
-
-private:
-    MainQueuePump() : _eventFd(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
-
-    void wake()
-    {
-        if (_eventFd < 0)
-            return;
-        const quint64 one = 1;
-        [[maybe_unused]] const auto written = ::write(_eventFd, &one, sizeof one);
-    }
-
-    void drain()
-    {
-        quint64 count = 0;
-        [[maybe_unused]] const auto read = ::read(_eventFd, &count, sizeof count);
-        std::deque<std::function<void()>> blocks;
-        {
-            std::lock_guard lock(_mutex);
-            blocks.swap(_blocks);
-        }
-        for (auto &block : blocks) {
-            block();
-            block = nullptr;
-        }
-    }
-
-    std::mutex _mutex;
-    std::deque<std::function<void()>> _blocks;
-    int _eventFd;
-};
-
+// Runs on the main thread when the application object is created.
 void attachMainQueuePump()
 {
-    MainQueuePump::instance().attach();
+    if (QCoreApplication *app = QCoreApplication::instance())
+        mainQueuePump().attach(app);
 }
 
 int levelFor(ORVDispatchQueue::QualityOfService qos)
@@ -336,7 +283,7 @@ void ORVDispatchQueue::async(Block block)
         return;
     switch (_kind) {
     case Kind::Main:
-        MainQueuePump::instance().add([self = shared_from_this(), block = std::move(block)] {
+        mainQueuePump().post([self = shared_from_this(), block = std::move(block)] {
             QueueScope scope(self.get());
             runGuarded(*self, block);
         });
