@@ -91,7 +91,10 @@ private:
     sharedManagerMadeBy(const std::function<std::shared_ptr<ORVOrvellaNetworkManager>()> &make);
     void logCommand(const std::shared_ptr<ORVOrvellaRequest> &request, const QByteArray &responseData,
                     const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
-    bool removeActive(const std::shared_ptr<ORVOrvellaNetworkTask> &task, bool onlyIfNotRetrying, bool retry);
+    bool stillActive(const std::shared_ptr<ORVOrvellaNetworkTask> &task,
+                     const std::optional<ORVHTTPURLResponse> &response, bool retry);
+    static void logAlreadyCancelled(const std::shared_ptr<ORVOrvellaRequest> &request,
+                                    const std::optional<ORVHTTPURLResponse> &response);
     void deliver(const std::shared_ptr<ORVOrvellaRequest> &request, std::shared_ptr<ORVOrvellaData> data,
                  const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
 

@@ -207,9 +207,7 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
                 // process; its network task no longer carries it, and the
                 // new task (equal to the old one) must not take its result.
                 if (task->currentURLTask().get() != *carrier) {
-                    ORVLogInfo("Orvella Networking: Finishing already cancelled request %@ %@ %@",
-                               task->request()->identifier(), task->request()->originalRequest().URL(),
-                               response ? QVariant(response->statusCode()) : QVariant());
+                    logAlreadyCancelled(task->request(), response);
                     return;
                 }
                 self->finishTaskWithDownload(task, response, url, error);
@@ -243,13 +241,27 @@ bool ORVOrvellaNetworkManager::shouldRetryRequest(const std::shared_ptr<ORVOrvel
     return true;
 }
 
-// C.3: whether the task was active; removes it unless it is retried.
-bool ORVOrvellaNetworkManager::removeActive(const std::shared_ptr<ORVOrvellaNetworkTask> &task, bool, bool retry)
+void ORVOrvellaNetworkManager::logAlreadyCancelled(const std::shared_ptr<ORVOrvellaRequest> &request,
+                                                   const std::optional<ORVHTTPURLResponse> &response)
 {
-    std::lock_guard lock(_queue);
-    const bool wasActive = contains(_activeTasks, task);
-    if (wasActive && !retry)
-        std::erase_if(_activeTasks, [&](const auto &t) { return t->isEqual(*task); });
+    ORVLogInfo("Orvella Networking: Finishing already cancelled request %@ %@ %@", request->identifier(),
+               request->originalRequest().URL(), response ? QVariant(response->statusCode()) : QVariant());
+}
+
+// C.3 and C.4: whether the task was still active (it is removed unless it
+// is retried); a task cancelled meanwhile is only logged.
+bool ORVOrvellaNetworkManager::stillActive(const std::shared_ptr<ORVOrvellaNetworkTask> &task,
+                                           const std::optional<ORVHTTPURLResponse> &response, bool retry)
+{
+    bool wasActive = false;
+    {
+        std::lock_guard lock(_queue);
+        wasActive = contains(_activeTasks, task);
+        if (wasActive && !retry)
+            std::erase_if(_activeTasks, [&](const auto &t) { return t->isEqual(*task); });
+    }
+    if (!wasActive)
+        logAlreadyCancelled(task->request(), response);
     return wasActive;
 }
 
@@ -273,11 +285,8 @@ void ORVOrvellaNetworkManager::finishTask(const std::shared_ptr<ORVOrvellaNetwor
     ORVLogInfo("Finish request: %@ %@ %@ %@", request->identifier(), request->originalRequest().URL(),
                response ? QVariant(response->statusCode()) : QVariant(), error);
     const bool retry = shouldRetryRequest(request, response, &error);
-    if (!removeActive(task, true, retry)) {
-        ORVLogInfo("Orvella Networking: Finishing already cancelled request %@ %@ %@", request->identifier(),
-                   request->originalRequest().URL(), response ? QVariant(response->statusCode()) : QVariant());
+    if (!stillActive(task, response, retry))
         return;
-    }
     if (retry) {
         ORVLogError("Retrying request due to error: %@ %@", request->identifier(), error);
         request->incrementRetryCount();
@@ -304,11 +313,8 @@ void ORVOrvellaNetworkManager::finishTaskWithDownload(const std::shared_ptr<ORVO
                request->originalRequest().URL(), request->useBackgroundSession() ? 1 : 0,
                response ? QVariant(response->statusCode()) : QVariant(), error);
     const bool retry = shouldRetryRequest(request, response, &error);
-    if (!removeActive(task, true, retry)) {
-        ORVLogInfo("Orvella Networking: Finishing already cancelled request %@ %@ %@", request->identifier(),
-                   request->originalRequest().URL(), response ? QVariant(response->statusCode()) : QVariant());
+    if (!stillActive(task, response, retry))
         return;
-    }
     task->resume();
     task->clearCurrentURLTask();
     if (retry) {
