@@ -1,5 +1,7 @@
 #include "BenchRatios.h"
 
+#include <QCoreApplication>
+
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
@@ -54,6 +56,9 @@ int main(int argc, char **argv)
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
+    // The network benchmarks deliver on the main queue, which needs an
+    // application object on this thread.
+    QCoreApplication app(argc, argv);
     orv::bench::RecordingReporter reporter;
     reporter.SetOutputStream(&std::cerr);
     reporter.SetErrorStream(&std::cerr);

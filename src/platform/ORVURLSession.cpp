@@ -1,11 +1,11 @@
 #include "ORVThreadPump.h"
+#include "ORVURLCache.h"
 
 #include <OrvellaKit/ORVURLSession.h>
 
 #include <QDir>
 #include <QFile>
 #include <QNetworkAccessManager>
-#include <QNetworkDiskCache>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QSslConfiguration>
@@ -145,14 +145,18 @@ struct ORVURLSessionEngine {
 
     explicit ORVURLSessionEngine(const ORVURLSessionConfiguration &configuration)
     {
+        // The disk tier lives in a private temporary folder that goes with
+        // the session: an ephemeral session leaves nothing behind.
+        QString diskFolder;
         if (configuration.urlCacheDiskCapacity > 0) {
             cacheFolder = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/ORVURLCache-XXXXXX"));
-            if (cacheFolder->isValid()) {
-                auto *cache = new QNetworkDiskCache(&manager);
-                cache->setCacheDirectory(cacheFolder->path());
-                cache->setMaximumCacheSize(configuration.urlCacheDiskCapacity);
-                manager.setCache(cache);
-            }
+            if (cacheFolder->isValid())
+                diskFolder = cacheFolder->path();
+        }
+        if (configuration.urlCacheMemoryCapacity > 0 || !diskFolder.isEmpty()) {
+            cache = new orv::detail::ORVURLCache(configuration.urlCacheMemoryCapacity,
+                                                 configuration.urlCacheDiskCapacity, diskFolder, &manager);
+            manager.setCache(cache);
         }
     }
 
@@ -235,6 +239,16 @@ struct ORVURLSessionEngine {
         else
             reply = manager.sendCustomRequest(qrequest, verb, request.HTTPBody());
         transfer.body.clear();
+        if (cache && verb == "GET") {
+            const QUrl key = reply->url();
+            ++cachedFetchesInFlight[key];
+            QObject::connect(reply, &QObject::destroyed, &manager, [this, key] {
+                if (--cachedFetchesInFlight[key] > 0)
+                    return;
+                cachedFetchesInFlight.remove(key);
+                cache->discardPending(key);
+            });
+        }
         QObject::connect(reply, &QNetworkReply::readyRead, reply, [this, reply] { receive(reply); });
         QObject::connect(reply, &QNetworkReply::sslErrors, reply, [this, reply](const QList<QSslError> &) {
             if (auto it = transfers.find(reply); it != transfers.end())
@@ -452,6 +466,8 @@ struct ORVURLSessionEngine {
 
     QNetworkAccessManager manager;
     std::unique_ptr<QTemporaryDir> cacheFolder;
+    orv::detail::ORVURLCache *cache = nullptr;
+    QHash<QUrl, int> cachedFetchesInFlight;
     std::unordered_map<QNetworkReply *, Transfer> transfers;
     std::unordered_map<const ORVURLSessionTask *, QNetworkReply *> replies;
 };
@@ -564,7 +580,7 @@ void ORVURLSessionTask::resume()
     }
     auto self = shared_from_this();
     orv::detail::postToNetworkThread([session, self] {
-        ORVURLSessionEngine::of(*session).start(session, self, ORVURLSessionEngine::Transfer{session, self});
+        ORVURLSessionEngine::of(*session).start(session, self, ORVURLSessionEngine::Transfer{session, self, {}, {}});
     });
 }
 
@@ -586,7 +602,7 @@ void ORVURLSessionTask::cancel()
     orv::detail::postToNetworkThread([session, self, neverStarted] {
         ORVURLSessionEngine &engine = ORVURLSessionEngine::of(*session);
         if (neverStarted) // completes at once with the cancellation error
-            engine.start(session, self, ORVURLSessionEngine::Transfer{session, self});
+            engine.start(session, self, ORVURLSessionEngine::Transfer{session, self, {}, {}});
         else
             engine.cancel(self.get());
     });

@@ -150,6 +150,31 @@ AccountServer::AccountServer(const TestCertificate *certificate, const std::stri
     // stop() waits for idle keep-alive connections; keep that wait short.
     _server->set_keep_alive_timeout(1);
     _server->set_payload_max_length(256 * 1024 * 1024);
+    // The library compresses brotli at its highest quality, which costs a
+    // few milliseconds per small reply and swamps every measurement made
+    // against this server; gzip stays, so clients still see encoded bodies.
+    _server->set_pre_routing_handler([](const httplib::Request &request, httplib::Response &) {
+        auto &headers = const_cast<httplib::Headers &>(request.headers);
+        for (auto it = headers.begin(); it != headers.end(); ++it) {
+            if (lower(it->first) != "accept-encoding")
+                continue;
+            std::string kept;
+            std::string value = it->second;
+            size_t start = 0;
+            while (start <= value.size()) {
+                size_t end = value.find(',', start);
+                if (end == std::string::npos)
+                    end = value.size();
+                std::string token = value.substr(start, end - start);
+                token.erase(0, token.find_first_not_of(' '));
+                if (!token.empty() && token.rfind("br", 0) != 0)
+                    kept += (kept.empty() ? "" : ", ") + token;
+                start = end + 1;
+            }
+            it->second = kept;
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
     auto handler = [this](const httplib::Request &request, httplib::Response &response) {
         handle(&request, &response);
     };
