@@ -141,14 +141,19 @@ std::shared_ptr<ORVURLSessionTask> ORVOrvellaURLSession::dataTaskWithURLRequest(
             auto self = weakSelf.lock();
             if (!self)
                 return;
-            self->_queue->async([self, record, data, response, error] {
+            auto complete = [self, record, data, response, error] {
                 std::erase(self->_activeDataTasks, record);
                 if (record->dataHandler) {
                     auto handler = record->dataHandler;
                     ORVDispatchQueue::mainQueue()->async(
                         [handler, data, response, error] { handler(data, response, error); });
                 }
-            });
+            };
+            // The transport calls this on our own queue; no second trip through it.
+            if (self->_queue->isCurrent())
+                complete();
+            else
+                self->_queue->async(std::move(complete));
         });
     if (!task)
         return nullptr;
