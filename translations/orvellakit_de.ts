@@ -8,6 +8,10 @@
         <translation>Abbrechen</translation>
     </message>
     <message>
+        <source>By creating an account you agree to our &lt;terms&gt;terms of service&lt;/terms&gt; and &lt;privacy&gt;privacy policy&lt;/privacy&gt;.</source>
+        <translation>Mit dem Erstellen eines Kontos stimmst du unseren &lt;terms&gt;Nutzungsbedingungen&lt;/terms&gt; und der &lt;privacy&gt;Datenschutzerklärung&lt;/privacy&gt; zu.</translation>
+    </message>
+    <message>
         <source>OK</source>
         <translation>OK</translation>
     </message>

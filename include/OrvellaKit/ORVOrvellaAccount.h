@@ -23,8 +23,35 @@ enum ORVOrvellaAccountType : qint64 {
 };
 
 // An endpoint of the account server or a page of the public web site; the
-// numbers are shared with the application's account class.
-enum ORVOrvellaServerEndpoint : quint64 {};
+// numbers are shared with the application's account class
+// (ORVOrvellaAccountURLForServerEndpoint() turns them into URLs). Numbers
+// missing from the list are not endpoints.
+enum ORVOrvellaServerEndpoint : quint64 {
+    ORVOrvellaServerEndpointScheduling = 1,
+    ORVOrvellaServerEndpointWeather = 2,
+    ORVOrvellaServerEndpointNotify = 3,
+    ORVOrvellaServerEndpointKeyValue = 4,
+    ORVOrvellaServerEndpointSchedJoules = 5,
+    ORVOrvellaServerEndpointPush = 6,
+    ORVOrvellaServerEndpointAccountEmail = 7,
+    ORVOrvellaServerEndpointNotifications = 9,
+    ORVOrvellaServerEndpointAccountDetails = 10,
+    ORVOrvellaServerEndpointAccountRegister = 11,
+    ORVOrvellaServerEndpointAccountDevice = 12,
+    ORVOrvellaServerEndpointAuthDevice = 13,
+    ORVOrvellaServerEndpointAuthLogin = 14,
+    ORVOrvellaServerEndpointAuthGoogleLogin = 15,
+    ORVOrvellaServerEndpointAuthAppleLogin = 16,
+    ORVOrvellaServerEndpointAuthMagicInstant = 17,
+    ORVOrvellaServerEndpointAuthMagicDevice = 18,
+    ORVOrvellaServerEndpointPasswordReset = 20,
+    ORVOrvellaServerEndpointAppleMacClientBegin = 22,
+    ORVOrvellaServerEndpointFeatures = 23,
+    ORVOrvellaServerEndpointAccountWebPage = 24,
+    ORVOrvellaServerEndpointContactPage = 26,
+    ORVOrvellaServerEndpointOnboardingPage = 27,
+    ORVOrvellaServerEndpointOnboardingLearnMorePage = 29,
+};
 
 class ORVOrvellaAccount {
 public:

@@ -20,6 +20,8 @@
 #include <OrvellaKit/ORVNotificationCenter.h>
 #include <OrvellaKit/ORVOperation.h>
 #include <OrvellaKit/ORVOrvellaAccount.h>
+#include <OrvellaKit/ORVOrvellaServerEndpoints.h>
+#include <OrvellaKit/ORVOrvellaTokenManager.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVURLRequest.h>

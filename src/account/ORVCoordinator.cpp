@@ -1,3 +1,4 @@
+#include "../platform/ORVSystemBus.h"
 #include <OrvellaKit/ORVBundle.h>
 #include <OrvellaKit/ORVCoordinator.h>
 
@@ -23,24 +24,9 @@ std::shared_ptr<ORVPlatformCoordinator> registeredCoordinator;
 // Asks logind for a "block" inhibitor of sleep and idle. Returns the lock's
 // file descriptor, or -1 when logind does not answer (no system bus in a
 // container, no logind, or a refusal).
-// Whether a system bus can be there at all. Without one (containers, CI)
-// Qt would still start its D-Bus connection thread on every attempt.
-bool systemBusMayExist()
-{
-    static const bool mayExist = [] {
-        const QByteArray address = qgetenv("DBUS_SYSTEM_BUS_ADDRESS");
-        if (!address.isEmpty())
-            return !address.startsWith("unix:path=") ||
-                   QFileInfo::exists(QString::fromUtf8(address.mid(10).split(',').first()));
-        return QFileInfo::exists(QStringLiteral("/run/dbus/system_bus_socket")) ||
-               QFileInfo::exists(QStringLiteral("/var/run/dbus/system_bus_socket"));
-    }();
-    return mayExist;
-}
-
 int takeInhibitorLock(const QString &who, const QString &why)
 {
-    if (!systemBusMayExist())
+    if (!orv::detail::systemBusMayExist())
         return -1;
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected())

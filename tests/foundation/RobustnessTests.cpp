@@ -67,7 +67,8 @@ TEST(Robustness, RandomDateText)
     for (int i = 0; i < 5000; ++i) {
         const QString text = randomText(random, alphabet, 30);
         const auto date = formatter.dateFromString(text);
-        if (date) // whatever parses prints back as a valid date
+        if (date) { // whatever parses prints back as a valid date
             EXPECT_FALSE(formatter.stringFromDate(*date).isEmpty()) << qPrintable(text);
+        }
     }
 }

@@ -6,6 +6,8 @@
 // can answer differently on each call (401, then 200). Every request it
 // receives is recorded. Unscripted routes echo the request as JSON.
 
+#include "AccountService.h"
+
 #include <chrono>
 #include <deque>
 #include <map>
@@ -73,6 +75,9 @@ public:
     size_t requestCount(const std::string &path) const;
     void clearRequests();
 
+    // Accounts, devices and tokens; scripted answers take precedence.
+    AccountService &service() { return _service; }
+
 private:
     void handle(const void *request, void *response);
 
@@ -83,6 +88,7 @@ private:
     mutable std::mutex _lock;
     std::map<std::string, std::deque<ScriptedResponse>> _scripts;
     std::vector<RecordedRequest> _requests;
+    AccountService _service;
 };
 
 } // namespace orv::server

@@ -1,0 +1,443 @@
+#include "../platform/ORVSystemBus.h"
+
+#include <OrvellaKit/ORVAsyncOperation.h>
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVErrors.h>
+#include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVJSON.h>
+#include <OrvellaKit/ORVLogging.h>
+#include <OrvellaKit/ORVOrvellaData.h>
+#include <OrvellaKit/ORVOrvellaTokenManager.h>
+#include <OrvellaKit/ORVStringWithFormat.h>
+
+#include <QDBusConnection>
+#include <QDBusInterface>
+#include <QDBusReply>
+#include <QJsonDocument>
+#include <QNetworkInterface>
+#include <QStorageInfo>
+#include <QSysInfo>
+#include <QUuid>
+
+#include <pwd.h>
+#include <unistd.h>
+
+ORV_LOG_FILE("Token Manager")
+
+const QString ORVOrvellaTokenManagerSavedIdentifierForVendorDefaultKey = QStringLiteral("savedIdentifierForVendor");
+
+namespace {
+
+constexpr const char *kFile = "ORVOrvellaTokenManager";
+// A stored token is adopted only with more than this much life left.
+constexpr double kStoredTokenMargin = 60.0;
+// The session's high task priority.
+constexpr float kHighPriority = 0.75f;
+
+std::mutex registrationLock;
+std::shared_ptr<ORVOrvellaTokenManager> registeredManager;
+
+ORVError tokenError(qint64 code, QVariantMap userInfo = {})
+{
+    return ORVError(ORVOrvellaTokenManagerErrorDomain, code, std::move(userInfo));
+}
+
+QString loginName()
+{
+    if (const passwd *entry = ::getpwuid(::geteuid()); entry && entry->pw_name)
+        return QString::fromLocal8Bit(entry->pw_name);
+    return qEnvironmentVariable("USER");
+}
+
+} // namespace
+
+ORVOrvellaTokenManager::ORVOrvellaTokenManager() : _tokenRequestQueue(std::make_shared<ORVOperationQueue>())
+{
+    orvRegisterFileLogLevel();
+    _tokenRequestQueue->setMaxConcurrentOperationCount(1);
+}
+
+ORVOrvellaTokenManager::~ORVOrvellaTokenManager() = default;
+
+std::shared_ptr<ORVOrvellaTokenManager> ORVOrvellaTokenManager::sharedManager()
+{
+    std::lock_guard lock(registrationLock);
+    return registeredManager;
+}
+
+void ORVRegisterSharedTokenManager(std::shared_ptr<ORVOrvellaTokenManager> tokenManager)
+{
+    constexpr const char *function = "void ORVRegisterSharedTokenManager(ORVOrvellaTokenManager *__strong _Nonnull)";
+    if (!ORVFunctionParameterAssert(tokenManager != nullptr, "tokenManager != nil", function, kFile))
+        return;
+    bool alreadySet = false;
+    {
+        std::lock_guard lock(registrationLock);
+        alreadySet = registeredManager != nullptr;
+    }
+    ORVFunctionAssert(!alreadySet, function, kFile, QStringLiteral("A Token Manager already exists"));
+    {
+        std::lock_guard lock(registrationLock);
+        registeredManager = tokenManager;
+    }
+    ORVOrvellaNetworkManager::setSharedTokenManagerLookup([] { return ORVOrvellaTokenManager::sharedManager(); });
+}
+
+// --- hooks --------------------------------------------------------------------
+
+QString ORVOrvellaTokenManager::appScope() const
+{
+    orv_abstractMethodException("appScope").raise();
+}
+
+void ORVOrvellaTokenManager::updateKeychainWithAccountCredential(const ORVURLCredential &,
+                                                                 const std::shared_ptr<ORVOrvellaAccount> &)
+{
+}
+
+QString ORVOrvellaTokenManager::deviceToken() const
+{
+    ORVMethodAssert(false, "deviceToken", "ORVOrvellaTokenManager", kFile, QStringLiteral("Unsupported platform"));
+    return QString();
+}
+
+std::optional<ORVURLCredential> ORVOrvellaTokenManager::credentialForOrvellaAccount(
+    const std::shared_ptr<ORVOrvellaAccount> &) const
+{
+    return std::nullopt;
+}
+
+QJsonObject ORVOrvellaTokenManager::dictionaryByAppendingDeviceInfo(const QJsonObject &dictionary) const
+{
+    return dictionary;
+}
+
+void ORVOrvellaTokenManager::clearCredentialManagerTimeout() {}
+
+void ORVOrvellaTokenManager::setAccountCredential(const ORVURLCredential &, const std::shared_ptr<ORVOrvellaAccount> &)
+{
+    orv_abstractMethodException("setAccountCredential:forAccount:").raise();
+}
+
+void ORVOrvellaTokenManager::updateOrvellaEncryptionKey(const QByteArray &, const QString &)
+{
+    orv_abstractMethodException("updateOrvellaEncryptionKey:forAccountWithUsername:").raise();
+}
+
+void ORVOrvellaTokenManager::setOrvellaToken(const QString &, const QString &)
+{
+    orv_abstractMethodException("setOrvellaToken:forAccountIdentifier:").raise();
+}
+
+QString ORVOrvellaTokenManager::orvellaTokenForAccountIdentifier(const QString &)
+{
+    orv_abstractMethodException("orvellaTokenForAccountIdentifier:").raise();
+}
+
+const ORVISO8601DateFormatter &ORVOrvellaTokenManager::dateFormatter() const
+{
+    return orv_utcDateFormatter();
+}
+
+std::shared_ptr<ORVOrvellaNetworkManager> ORVOrvellaTokenManager::networkManager() const
+{
+    std::lock_guard lock(_networkManagerLock);
+    return _networkManager ? _networkManager : ORVOrvellaNetworkManager::sharedManager();
+}
+
+void ORVOrvellaTokenManager::setNetworkManager(const std::shared_ptr<ORVOrvellaNetworkManager> &manager)
+{
+    std::lock_guard lock(_networkManagerLock);
+    _networkManager = manager;
+}
+
+// --- device -------------------------------------------------------------------
+
+QString ORVOrvellaTokenManager::deviceName() const
+{
+    QString name;
+    if (orv::detail::systemBusMayExist()) {
+        QDBusConnection bus = QDBusConnection::systemBus();
+        if (bus.isConnected()) {
+            QDBusInterface hostnamed(QStringLiteral("org.freedesktop.hostname1"),
+                                     QStringLiteral("/org/freedesktop/hostname1"),
+                                     QStringLiteral("org.freedesktop.hostname1"), bus);
+            hostnamed.setTimeout(500);
+            if (hostnamed.isValid())
+                name = hostnamed.property("PrettyHostname").toString().trimmed();
+        }
+    }
+    if (name.isEmpty())
+        name = QSysInfo::machineHostName().trimmed();
+    return name.isEmpty() ? QStringLiteral("Unknown Device") : name;
+}
+
+std::optional<QString> ORVOrvellaTokenManager::uniqueDeviceIdentifier() const
+{
+    // The primary interface: the first one that is up, not loopback and has
+    // a hardware address (the built-in Ethernet or Wi-Fi on a desktop).
+    QString base;
+    for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
+        const auto flags = interface.flags();
+        if (flags.testFlag(QNetworkInterface::IsLoopBack) || !flags.testFlag(QNetworkInterface::IsUp))
+            continue;
+        const QByteArray bytes = QByteArray::fromHex(interface.hardwareAddress().remove(QLatin1Char(':')).toLatin1());
+        if (bytes.size() != 6 || bytes.count('\0') == 6)
+            continue;
+        const auto b = [&](int i) { return static_cast<unsigned>(static_cast<unsigned char>(bytes[i])); };
+        base = ORVStringWithFormat("%02x:%02x:%02x:%02x:%02x:%02x", b(0), b(1), b(2), b(3), b(4), b(5));
+        break;
+    }
+    if (base.isEmpty())
+        base = ORVUUIDString(QUuid::createUuid());
+    const QString volume = QStorageInfo::root().displayName();
+    return base + ORVStringWithFormat("-%@-%@", loginName(), volume);
+}
+
+// --- tokens -------------------------------------------------------------------
+
+void ORVOrvellaTokenManager::requestTokenForAccount(const std::shared_ptr<ORVOrvellaAccount> &account,
+                                                    TokenCompletion completion)
+{
+    requestTokenForAccount(account, nullptr, false, std::move(completion));
+}
+
+void ORVOrvellaTokenManager::requestTokenForAccount(const std::shared_ptr<ORVOrvellaAccount> &account,
+                                                    const std::shared_ptr<ORVOrvellaNetworkTask> &task,
+                                                    bool ignoreCache, TokenCompletion completion)
+{
+    const QUuid requestIdentifier = task && task->request() ? task->request()->identifier() : QUuid();
+    if (!account) {
+        ORVLogError("No account provided in request for token %@",
+                    requestIdentifier.isNull() ? QVariant() : QVariant(requestIdentifier));
+        _tokenRequestQueue->addOperation(ORVBlockOperation::blockOperationWithBlock(
+            [completion](const auto &) { completion(QString(), tokenError(1)); }));
+        return;
+    }
+    const QString id = account->identifier();
+    auto self = shared_from_this();
+    {
+        std::lock_guard lock(_tokensLock);
+        QString token = _tokens.value(id);
+        const bool active = _hasActiveTokenRequest.value(id, false);
+        if (token.isNull() && !ignoreCache) {
+            const QString stored = orvellaTokenForAccountIdentifier(id);
+            if (!stored.isNull()) {
+                const auto expiry = expirationDateForToken(stored);
+                const double remaining =
+                    expiry ? QDateTime::currentDateTimeUtc().msecsTo(*expiry) / 1000.0 : 0.0;
+                if (expiry && remaining > kStoredTokenMargin) {
+                    token = stored;
+                    _tokens.insert(id, stored);
+                    _tokenExpirations.insert(id, *expiry);
+                    setOrvellaToken(stored, id);
+                }
+            }
+        }
+        if (!token.isNull()) {
+            // A token in memory is good up to its very expiry; one without a
+            // readable expiry counts as good until the account is reset.
+            const QDateTime expiry = _tokenExpirations.value(id);
+            if (expiry.isValid() && QDateTime::currentDateTimeUtc().msecsTo(expiry) < 0)
+                token = QString();
+        }
+        ORVLogVerbose("Requesting Orvella token: identifier: %@ ignoreCache: %d has token: %d is active token: %d",
+                      requestIdentifier.isNull() ? QVariant() : QVariant(requestIdentifier), ignoreCache,
+                      !token.isNull(), active);
+        if (!active && (token.isNull() || ignoreCache)) {
+            std::weak_ptr<ORVOrvellaNetworkTask> weakTask = task;
+            auto fetch = std::make_shared<ORVBlockOperation>();
+            fetch->setExecutionHandler([self, weakTask, account](const std::shared_ptr<ORVBlockOperation> &operation) {
+                return self->fetchToken(operation, weakTask, account);
+            });
+            _tokenRequestQueue->addOperation(fetch);
+            _hasActiveTokenRequest.insert(id, true);
+        }
+        _tokenRequestQueue->addOperation(ORVBlockOperation::blockOperationWithBlock([self, id, completion](const auto &) {
+            QString token;
+            ORVError error;
+            {
+                std::lock_guard lock(self->_tokensLock);
+                token = self->_tokens.value(id);
+                if (token.isNull())
+                    error = self->_errors.value(id);
+            }
+            ORVLogVerbose("Replying with cached Orvella token %d %@", !token.isNull(), error);
+            completion(token, error);
+        }));
+    }
+}
+
+bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
+                                        const std::weak_ptr<ORVOrvellaNetworkTask> &weakTask,
+                                        const std::shared_ptr<ORVOrvellaAccount> &account)
+{
+    const QString id = account->identifier();
+    ORVLogVerbose("Starting Orvella token request %@", id);
+    ORVURLRequest urlRequest(account->URLForServerEndpoint(ORVOrvellaServerEndpointAuthDevice));
+    urlRequest.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
+    urlRequest.setTimeoutInterval(60.0);
+
+    const auto username = account->username();
+    const auto credential = username ? credentialForOrvellaAccount(account) : std::nullopt;
+    if (!credential) {
+        failFetch(id, tokenError(5, {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Not logged in")}}));
+        return true;
+    }
+    QJsonObject body{
+        {QStringLiteral("user"), credential->user},
+        {QStringLiteral("device_token"), credential->password},
+        {QStringLiteral("device_identifier"), deviceToken()},
+        {QStringLiteral("version"),
+         ORVBundle::mainBundle().objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString()},
+    };
+    body = dictionaryByAppendingDeviceInfo(body);
+    // A JSON object of strings always serialises; the failure branch of the
+    // platform's serialiser has no counterpart here.
+    urlRequest.setHTTPMethod(QStringLiteral("POST"));
+    urlRequest.setHTTPBody(QJsonDocument(body).toJson(QJsonDocument::Compact));
+    urlRequest.setValue(QStringLiteral("application/json"), QStringLiteral("Content-Type"));
+
+    auto request = ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest);
+    if (auto task = weakTask.lock(); task && task->request()) {
+        request->setShouldYieldHandler(task->request()->shouldYieldHandler());
+        request->setShouldResumeHandler(task->request()->shouldResumeHandler());
+    }
+    request->setCategory(QStringLiteral("Orvella token refresh"));
+    request->setMaskRequestLogging(true);
+    request->setPriority(kHighPriority);
+
+    auto self = shared_from_this();
+    auto started = std::make_shared<std::weak_ptr<ORVOrvellaNetworkTask>>();
+    request->setCompletionHandler([self, weakTask, started, account, operation, request](
+                                      const std::shared_ptr<ORVOrvellaData> &data,
+                                      const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
+        auto task = weakTask.lock();
+        auto networkTask = started->lock();
+        if (task && networkTask)
+            task->removeNestedTask(networkTask);
+        self->continueTokenRequestForAccount(account, request, response, data ? data->data() : QByteArray(), error);
+        operation->didFinishExecution();
+    });
+    auto networkTask = networkManager()->startRequest(request);
+    *started = networkTask;
+    if (auto task = weakTask.lock(); task && networkTask)
+        task->addNestedTask(networkTask);
+    return false;
+}
+
+void ORVOrvellaTokenManager::failFetch(const QString &id, const ORVError &error)
+{
+    std::lock_guard lock(_tokensLock);
+    _tokens.remove(id);
+    _tokenExpirations.remove(id);
+    _errors.insert(id, error);
+    _hasActiveTokenRequest.remove(id);
+    setOrvellaToken(QString(), id);
+}
+
+void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_ptr<ORVOrvellaAccount> &account,
+                                                            const std::shared_ptr<ORVOrvellaRequest> &request,
+                                                            const std::optional<ORVHTTPURLResponse> &response,
+                                                            const QByteArray &data, const ORVError &transportError)
+{
+    ORVLogVerbose("Orvella token response: %@ %@ %@", request ? QVariant(request->identifier()) : QVariant(),
+                  response ? QVariant(QStringLiteral("HTTP %1").arg(response->statusCode())) : QVariant(),
+                  transportError);
+    const int status = response ? response->statusCode() : 0;
+    QString token;
+    ORVError error;
+    if (status < 200 || status > 299) {
+        if (transportError) {
+            error = transportError;
+        } else {
+            ORVError decodeError;
+            const auto body = orv_JSONDictionaryWithData(data, &decodeError);
+            if (!body)
+                ORVLogError("Failed to decode error response: %@ %@", decodeError, QString::fromUtf8(data.left(200)));
+            const QJsonObject object = body.value_or(QJsonObject());
+            const QJsonValue code = object.value(QStringLiteral("code"));
+            const QVariant codeOrBody = code.isUndefined() || code.isNull()
+                                            ? QVariant(QJsonDocument(copyScrubbedORV(object)).toJson(QJsonDocument::Compact))
+                                            : code.toVariant();
+            QVariantMap userInfo{
+                {ORVLocalizedFailureReasonErrorKey,
+                 ORVStringWithFormat("Failed to get token: %@, %ld", codeOrBody, static_cast<long>(status))}};
+            if (const auto message = orv_stringForKey(object, QStringLiteral("message")))
+                userInfo.insert(ORVLocalizedDescriptionKey, *message);
+            error = tokenError(status, userInfo);
+        }
+    } else {
+        const auto body = orv_JSONDictionaryWithData(data);
+        const QJsonObject object = body.value_or(QJsonObject());
+        const auto received = orv_stringForKey(object, QStringLiteral("token"));
+        const auto deviceToken = orv_stringForKey(object, QStringLiteral("device_token"));
+        if (!received) {
+            error = tokenError(1, {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")},
+                                   {QStringLiteral("backend-error"),
+                                    orv_stringForKey(object, QStringLiteral("error")).value_or(QString())}});
+        } else {
+            token = *received;
+        }
+        if (body && deviceToken) {
+            // The server rotates the device token with each grant.
+            if (auto current = ORVFetchOrvellaAccount()) {
+                const ORVURLCredential credential{current->username().value_or(QString()), *deviceToken};
+                updateKeychainWithAccountCredential(credential, current);
+                setAccountCredential(credential, current);
+                ORVLogVerbose("Updated Orvella token in Keychain %@", current->identifier());
+            }
+        }
+    }
+    storeTokenForAccountIdentifier(account->identifier(), token, error);
+    if (error)
+        ORVLogError("Finished Orvella token update %@ %d %@", account->identifier(), !token.isNull(), error);
+    else
+        ORVLogInfo("Finished Orvella token update %@ %d %@", account->identifier(), !token.isNull(), error);
+}
+
+void ORVOrvellaTokenManager::storeTokenForAccountIdentifier(const QString &id, const QString &token,
+                                                            const ORVError &error)
+{
+    std::lock_guard lock(_tokensLock);
+    if (token.isNull()) {
+        _tokens.remove(id);
+        _tokenExpirations.remove(id);
+    } else {
+        _tokens.insert(id, token);
+        _tokenExpirations.insert(id, expirationDateForToken(token).value_or(QDateTime()));
+    }
+    if (error)
+        _errors.insert(id, error);
+    else
+        _errors.remove(id);
+    _hasActiveTokenRequest.remove(id);
+    setOrvellaToken(token, id);
+}
+
+std::optional<QDateTime> ORVOrvellaTokenManager::expirationDateForToken(const QString &token) const
+{
+    const QStringList parts = token.split(QLatin1Char('.'));
+    if (parts.size() != 3)
+        return std::nullopt;
+    QString payload = parts.at(1);
+    while (payload.size() % 4 != 0)
+        payload += QLatin1Char('=');
+    payload.replace(QLatin1Char('_'), QLatin1Char('/')).replace(QLatin1Char('-'), QLatin1Char('+'));
+    // Unknown characters are skipped, as the platform decoder's option does.
+    const QByteArray decoded = QByteArray::fromBase64(payload.toLatin1());
+    const auto object = orv_JSONDictionaryWithData(decoded);
+    if (!object)
+        return std::nullopt;
+    return orv_dateSince1970ForKey(*object, QStringLiteral("exp"));
+}
+
+void ORVOrvellaTokenManager::resetTokensForAccountWithIdentifier(const QString &identifier)
+{
+    std::lock_guard lock(_tokensLock);
+    _tokens.remove(identifier);
+    _tokenExpirations.remove(identifier);
+    _errors.remove(identifier);
+    _hasActiveTokenRequest.remove(identifier);
+    setOrvellaToken(QString(), identifier);
+}
