@@ -13,6 +13,7 @@
 // all receive its result, in the order they asked. Completion blocks run on
 // that queue's thread, never on the main thread.
 
+#include <OrvellaKit/ORVAsyncOperation.h>
 #include <OrvellaKit/ORVISO8601DateFormatter.h>
 #include <OrvellaKit/ORVOperation.h>
 #include <OrvellaKit/ORVOrvellaNetworkManager.h>

@@ -357,9 +357,12 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
                 ORVLogError("Failed to decode error response: %@ %@", decodeError, QString::fromUtf8(data.left(200)));
             const QJsonObject object = body.value_or(QJsonObject());
             const QJsonValue code = object.value(QStringLiteral("code"));
-            const QVariant codeOrBody = code.isUndefined() || code.isNull()
-                                            ? QVariant(QJsonDocument(copyScrubbedORV(object)).toJson(QJsonDocument::Compact))
-                                            : code.toVariant();
+            // The body's "code", else the whole (scrubbed) body, else nothing.
+            QVariant codeOrBody;
+            if (!code.isUndefined() && !code.isNull())
+                codeOrBody = code.toVariant();
+            else if (body)
+                codeOrBody = QString::fromUtf8(QJsonDocument(copyScrubbedORV(object)).toJson(QJsonDocument::Compact));
             QVariantMap userInfo{
                 {ORVLocalizedFailureReasonErrorKey,
                  ORVStringWithFormat("Failed to get token: %@, %ld", codeOrBody, static_cast<long>(status))}};

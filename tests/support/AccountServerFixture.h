@@ -11,6 +11,7 @@
 #include <OrvellaKit/ORVOrvellaAccount.h>
 #include <OrvellaKit/ORVOrvellaData.h>
 #include <OrvellaKit/ORVOrvellaNetworkManager.h>
+#include <OrvellaKit/ORVOrvellaServerEndpoints.h>
 
 #include <QCoreApplication>
 #include <QThread>
@@ -29,7 +30,15 @@ public:
     QString displayName() const override { return {}; }
     void setDisplayName(const QString &) override {}
     std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<ServerAccount>(_api); }
-    QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint) const override { return _api; }
+    // The endpoint table's path on the test server (plain HTTP), else the API root.
+    QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint endpoint) const override
+    {
+        QUrl url = ORVOrvellaAccountURLForServerEndpoint(endpoint, _api.authority());
+        if (url.isEmpty())
+            return _api;
+        url.setScheme(_api.scheme());
+        return url;
+    }
     QUrl serverURLForAPIAccess() const override { return _api; }
 
 private:
