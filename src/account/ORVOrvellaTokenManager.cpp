@@ -309,14 +309,17 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
 
     auto self = shared_from_this();
     auto started = std::make_shared<std::weak_ptr<ORVOrvellaNetworkTask>>();
-    request->setCompletionHandler([self, weakTask, started, account, operation, request](
+    // The handler must not hold the request it belongs to (a cycle); the
+    // request it reports is the network task's frozen copy.
+    request->setCompletionHandler([self, weakTask, started, account, operation](
                                       const std::shared_ptr<ORVOrvellaData> &data,
                                       const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
         auto task = weakTask.lock();
         auto networkTask = started->lock();
         if (task && networkTask)
             task->removeNestedTask(networkTask);
-        self->continueTokenRequestForAccount(account, request, response, data ? data->data() : QByteArray(), error);
+        self->continueTokenRequestForAccount(account, networkTask ? networkTask->request() : nullptr, response,
+                                             data ? data->data() : QByteArray(), error);
         operation->didFinishExecution();
     });
     auto networkTask = networkManager()->startRequest(request);
