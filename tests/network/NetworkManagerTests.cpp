@@ -59,7 +59,7 @@ class NetworkManagerTest : public AccountServerTest {};
 
 TEST_F(NetworkManagerTest, AccountRequestCarriesExactlyOneBearerHeader)
 {
-    ORVURLRequest urlRequest(url("/v1/account/details/"));
+    ORVURLRequest urlRequest(url("/v1/echo/"));
     auto request = ORVOrvellaAccountRequest::requestWithURLRequest(urlRequest);
     Delivery delivery;
     request->setCompletionHandler(delivery.handler());
