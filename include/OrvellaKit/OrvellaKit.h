@@ -25,6 +25,7 @@
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVURLRequest.h>
+#include <OrvellaKit/ORVUbiquitousKeyValueStore.h>
 #include <OrvellaKit/ORVVersion.h>
 #include <OrvellaKit/ORVWorkItem.h>
 #include <OrvellaKit/ORVWorkItemMultiplexer.h>
