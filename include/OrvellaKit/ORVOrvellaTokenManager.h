@@ -103,8 +103,8 @@ public:
     void setNetworkManager(const std::shared_ptr<ORVOrvellaNetworkManager> &manager);
 
 protected:
-    // Puts a token received from the server into the cache exactly as a
-    // token fetch does (sign-in uses it too).
+    // Puts a token received from the server (or, with a null token, an
+    // error) into the cache exactly as a token fetch does; sign-in uses it too.
     void storeTokenForAccountIdentifier(const QString &identifier, const QString &token, const ORVError &error);
 
 private:
@@ -112,7 +112,6 @@ private:
     bool fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
                     const std::weak_ptr<ORVOrvellaNetworkTask> &task,
                     const std::shared_ptr<ORVOrvellaAccount> &account);
-    void failFetch(const QString &identifier, const ORVError &error);
 
     // Guarded by _tokensLock, in this order of declaration.
     QHash<QString, QString> _tokens;

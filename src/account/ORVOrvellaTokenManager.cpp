@@ -281,7 +281,8 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     const auto username = account->username();
     const auto credential = username ? credentialForOrvellaAccount(account) : std::nullopt;
     if (!credential) {
-        failFetch(id, tokenError(5, {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Not logged in")}}));
+        storeTokenForAccountIdentifier(
+            id, QString(), tokenError(5, {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Not logged in")}}));
         return true;
     }
     QJsonObject body{
@@ -329,16 +330,6 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     return false;
 }
 
-void ORVOrvellaTokenManager::failFetch(const QString &id, const ORVError &error)
-{
-    std::lock_guard lock(_tokensLock);
-    _tokens.remove(id);
-    _tokenExpirations.remove(id);
-    _errors.insert(id, error);
-    _hasActiveTokenRequest.remove(id);
-    setOrvellaToken(QString(), id);
-}
-
 void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_ptr<ORVOrvellaAccount> &account,
                                                             const std::shared_ptr<ORVOrvellaRequest> &request,
                                                             const std::optional<ORVHTTPURLResponse> &response,
@@ -357,7 +348,9 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
             ORVError decodeError;
             const auto body = orv_JSONDictionaryWithData(data, &decodeError);
             if (!body)
-                ORVLogError("Failed to decode error response: %@ %@", decodeError, QString::fromUtf8(data.left(200)));
+                // The body's length only: an unreadable body is not scrubbed.
+                ORVLogError("Failed to decode error response: %@ %@", decodeError,
+                            ORVStringWithFormat("(%lu Bytes)", static_cast<unsigned long>(data.size())));
             const QJsonObject object = body.value_or(QJsonObject());
             const QJsonValue code = object.value(QStringLiteral("code"));
             // The body's "code", else the whole (scrubbed) body, else nothing.

@@ -72,13 +72,7 @@ bool ORVURLCache::remove(const QUrl &url)
 {
     // A reply that failed is removed instead of inserted, and its buffer
     // goes with it; like QNetworkDiskCache, only the first one for the URL.
-    for (auto it = _pending.begin(); it != _pending.end(); ++it) {
-        if (it->first.url() == url) {
-            delete it->second;
-            _pending.erase(it);
-            break;
-        }
-    }
+    dropPending(url, true);
     const bool inMemory = removeFromMemory(url);
     const bool onDisk = _disk && _disk->remove(url);
     return inMemory || onDisk;
@@ -133,13 +127,20 @@ void ORVURLCache::insert(QIODevice *device)
 
 void ORVURLCache::discardPending(const QUrl &url)
 {
+    dropPending(url, false);
+}
+
+void ORVURLCache::dropPending(const QUrl &url, bool firstOnly)
+{
     for (auto it = _pending.begin(); it != _pending.end();) {
-        if (it->first.url() == url) {
-            delete it->second;
-            it = _pending.erase(it);
-        } else {
+        if (it->first.url() != url) {
             ++it;
+            continue;
         }
+        delete it->second;
+        it = _pending.erase(it);
+        if (firstOnly)
+            return;
     }
 }
 

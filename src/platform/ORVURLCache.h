@@ -57,6 +57,7 @@ private:
     using EntryList = std::list<Entry>; // most recently used first
 
     bool removeFromMemory(const QUrl &url);
+    void dropPending(const QUrl &url, bool firstOnly);
     void storeInMemory(const QNetworkCacheMetaData &metaData, QByteArray body);
     bool storeOnDisk(const QNetworkCacheMetaData &metaData, const QByteArray &body);
     static qint64 announcedLength(const QNetworkCacheMetaData &metaData);

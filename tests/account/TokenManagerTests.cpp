@@ -302,13 +302,8 @@ TEST_F(TokenManagerTest, FailuresGiveTheirErrorValues)
 TEST_F(TokenManagerTest, ExpiredTokenIsReplacedAfter401)
 {
     auto run = [&] {
-        auto request = ORVOrvellaAccountRequest::requestWithURLRequest(
-            ORVURLRequest(ORVFetchOrvellaAccount()->URLForServerEndpoint(ORVOrvellaServerEndpointAccountDetails)));
-        auto delivery = std::make_shared<Delivery>();
-        request->setCompletionHandler(delivery->handler());
-        manager->startRequest(request);
-        EXPECT_TRUE(delivery->waitForCall());
-        return delivery;
+        return deliver(ORVOrvellaAccountRequest::requestWithURLRequest(
+            ORVURLRequest(ORVFetchOrvellaAccount()->URLForServerEndpoint(ORVOrvellaServerEndpointAccountDetails))));
     };
     auto first = run();
     EXPECT_EQ(first->status(), 200);

@@ -87,15 +87,11 @@ TEST_F(URLSessionTest, ConnectionResetWithoutAReply)
         }
     });
     ORVURLRequest urlRequest(QUrl(QStringLiteral("http://127.0.0.1:%1/reset").arg(dropper.serverPort())));
-    auto request = ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest);
-    Delivery delivery;
-    request->setCompletionHandler(delivery.handler());
-    manager->startRequest(request);
-    ASSERT_TRUE(delivery.waitForCall());
-    EXPECT_EQ(delivery.calls.load(), 1);
-    EXPECT_TRUE(delivery.onMainThread);
-    EXPECT_FALSE(delivery.response);
-    EXPECT_EQ(delivery.error.code(), ORVURLErrorNetworkConnectionLost) << qPrintable(delivery.error.description());
+    const auto delivery = deliver(ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest));
+    EXPECT_EQ(delivery->calls.load(), 1);
+    EXPECT_TRUE(delivery->onMainThread);
+    EXPECT_FALSE(delivery->response);
+    EXPECT_EQ(delivery->error.code(), ORVURLErrorNetworkConnectionLost) << qPrintable(delivery->error.description());
     EXPECT_TRUE(manager->activeTasks().empty());
 }
 

@@ -119,6 +119,16 @@ protected:
 
     QUrl url(const QString &path) const { return QUrl(QString::fromStdString(server.baseURL()) + path); }
 
+    // Starts the request on the fixture's manager and waits for its handler.
+    std::shared_ptr<Delivery> deliver(const std::shared_ptr<ORVOrvellaRequest> &request)
+    {
+        auto delivery = std::make_shared<Delivery>();
+        request->setCompletionHandler(delivery->handler());
+        manager->startRequest(request);
+        EXPECT_TRUE(delivery->waitForCall());
+        return delivery;
+    }
+
     server::AccountServer server;
     std::shared_ptr<MemoryTokenProvider> provider = std::make_shared<MemoryTokenProvider>();
     std::shared_ptr<ORVOrvellaNetworkManager> manager;
