@@ -53,6 +53,9 @@ public:
     ORVOrvellaAccountType orvellaAccountType() const override { return ORVOrvellaAccountTypePassword; }
     QString displayName() const override { return {}; }
     void setDisplayName(const QString &) override {}
+    void setUsername(const std::optional<QString> &) override {}
+    void setEmailAddress(const QString &) override {}
+    void setOrvellaAccountType(ORVOrvellaAccountType) override {}
     std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<BenchAccount>(_api); }
     QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint) const override { return _api; }
     QUrl serverURLForAPIAccess() const override { return _api; }

@@ -14,6 +14,9 @@ public:
     ORVOrvellaAccountType orvellaAccountType() const override { return _type; }
     QString displayName() const override { return _displayName; }
     void setDisplayName(const QString &name) override { _displayName = name; }
+    void setUsername(const std::optional<QString> &username) override { _username = username; }
+    void setEmailAddress(const QString &email) override { _emailAddress = email; }
+    void setOrvellaAccountType(ORVOrvellaAccountType type) override { _type = type; }
     std::shared_ptr<ORVOrvellaAccount> copy() const override;
     QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint endpoint) const override;
     QUrl serverURLForAPIAccess() const override;

@@ -64,6 +64,11 @@ public:
     virtual ORVOrvellaAccountType orvellaAccountType() const = 0;
     virtual QString displayName() const = 0;
     virtual void setDisplayName(const QString &displayName) = 0;
+    // Sign-in fills these in on a copy of the current account, which it
+    // then hands to the save block.
+    virtual void setUsername(const std::optional<QString> &username) = 0;
+    virtual void setEmailAddress(const QString &emailAddress) = 0;
+    virtual void setOrvellaAccountType(ORVOrvellaAccountType type) = 0;
     virtual std::shared_ptr<ORVOrvellaAccount> copy() const = 0;
 
     // Answers that belong to the account's class rather than to one account:

@@ -20,11 +20,26 @@
 
 #include <QDateTime>
 #include <QHash>
+#include <QJsonArray>
 #include <QJsonObject>
+#include <QJsonValue>
 
 #include <mutex>
 
 extern const QString ORVOrvellaTokenManagerSavedIdentifierForVendorDefaultKey; // "savedIdentifierForVendor"
+// Key of the last sign-in kind in the ubiquitous key-value store.
+extern const QString ORVOrvellaAccountTypeUbiquitousKey; // "zel-signin-type"
+// Key of the last e-mail address used to sign in.
+extern const QString ORVOrvellaAccountLastUsedEmailUbiquitousKey; // "zel-signin-mail"
+// Prefix of the account encryption key's entry; the user name follows.
+extern const QString ORVOrvellaAccountKeyUbiquitousKeyPrefix; // "OrvellaAccountKey-"
+
+// The user-facing sentence telling that an account of this kind exists
+// ("You already have a Orvella account using ..."); "" for other kinds.
+QString ORVOrvellaAccountAlreadyHaveAccountStringForType(ORVOrvellaAccountType type);
+// The text form kept in the ubiquitous store: "none", "password", "apple",
+// "google"; a null string for other values.
+QString ORVOrvellaAccountTypeString(ORVOrvellaAccountType type);
 
 // A user name and password pair kept for the session only.
 struct ORVURLCredential {
@@ -97,6 +112,76 @@ public:
 
     const ORVISO8601DateFormatter &dateFormatter() const;
 
+    // --- sign-in and account creation ----------------------------------------
+    // A sign-in registers this device with the account server: the server's
+    // device token becomes the account's credential (setAccountCredential())
+    // and its access token goes into the token cache. The completion receives
+    // a copy of the current account with the new user name, e-mail address,
+    // kind (and display name), already handed to the save block, or nothing
+    // and the error. Errors are in ORVOrvellaTokenManagerErrorDomain: 10 an
+    // unreadable success answer, 11 a refused e-mail or password (with a
+    // user-facing reason), 15 no current account, else the HTTP status.
+    // Completions run on the network manager's callback queue (the main
+    // thread).
+    using SignInCompletion = std::function<void(std::shared_ptr<ORVOrvellaAccount> account, const ORVError &error)>;
+    using CreateAccountCompletion = std::function<void(const ORVError &error)>;
+    using RegisterOtherDeviceCompletion =
+        std::function<void(std::shared_ptr<ORVOrvellaAccount> account, const QString &token, const ORVError &error)>;
+
+    // E-mail (credential.user) and password (credential.password).
+    void registerDevice(const ORVURLCredential &credential, SignInCompletion completion);
+    // An identity token of Sign in with Apple (type 2, with the names the
+    // first sign-in gave) or Google (type 3); other types fail the assertion
+    // "Invalid Orvella account subtype".
+    void signInWithToken(const QString &token, ORVOrvellaAccountType type, const QString &firstName,
+                         const QString &lastName, SignInCompletion completion);
+    void signInWithGoogleToken(const QString &token, SignInCompletion completion);
+    void signInWithAppleToken(const QString &token, const QString &firstName, const QString &lastName,
+                              SignInCompletion completion);
+    // The token of a magic sign-in link. The account's kind becomes "apple",
+    // as the server treats such accounts alike.
+    void signInWithMagicToken(const QString &magicToken, SignInCompletion completion);
+    // Creates an account. Field errors: 7 e-mail already used, 8 password too
+    // weak or short, 6 any other (reason: the server's message); the user
+    // info's "error_code" holds the server's code.
+    void createAccountWithName(const QString &name, const QString &email, const QString &password,
+                               CreateAccountCompletion completion);
+    // Registers another device (identified by its device token) for the
+    // signed-in account, with the access token of this one. `scope` is sent
+    // as given (a string or an array of strings). The completion runs on the
+    // main thread with a copy of the current account (user name and e-mail
+    // cleared) and the server's "token", or nothing and the error.
+    void registerOtherDeviceWithScope(const QJsonValue &scope, const QString &name, const QString &deviceToken,
+                                      RegisterOtherDeviceCompletion completion);
+
+    // The last sign-in kind and e-mail, kept in the ubiquitous key-value store.
+    static void setLastUsedEmail(const QString &email); // a null string removes it
+    static QString lastUsedEmail();
+    static void setLastUsedAccountType(ORVOrvellaAccountType type); // unknown values remove it
+    static ORVOrvellaAccountType lastUsedAccountType();              // unknown or missing: none
+    // Copies the current account's kind and e-mail into the store, or resets
+    // both when it has no e-mail address.
+    static void updateLastUsedAccount();
+    static void resetLastUsedAccount();
+
+    // --- account encryption key --------------------------------------------------
+    // The key travels between the user's devices in the ubiquitous store; the
+    // server keeps only the user name encrypted with it, to tell a right key
+    // from a wrong one. Errors: 13 the server could not be read or written,
+    // 14 the key does not decrypt the record to the user name.
+    using EncryptionKeyCompletion = std::function<void(bool success, const ORVError &error)>;
+
+    // The key stored for the current account; without one, 16 new random
+    // bytes, stored. Nothing when there is no signed-in account or no random
+    // source.
+    std::optional<QByteArray> encryptionKeyFromUbiquitousKeyValueStore();
+    // Checks `key` against the server's record; with no record yet, the key
+    // becomes the account's key (resetEncryptionKey()). An accepted key goes
+    // to updateOrvellaEncryptionKey() and into the ubiquitous store.
+    void checkEncryptionKey(const QByteArray &key, EncryptionKeyCompletion completion);
+    // Makes `key` the account's key by replacing the server's record.
+    void resetEncryptionKey(const QByteArray &key, EncryptionKeyCompletion completion);
+
     // The network manager that carries the manager's own requests: the
     // shared one unless another is set (a test's, an application's own).
     std::shared_ptr<ORVOrvellaNetworkManager> networkManager() const;
@@ -108,6 +193,15 @@ protected:
     void storeTokenForAccountIdentifier(const QString &identifier, const QString &token, const ORVError &error);
 
 private:
+    enum class SignInKind { Password, Token, Magic };
+    void startSignIn(SignInKind kind, ORVOrvellaServerEndpoint endpoint, double timeout, const QString &category,
+                     const QJsonObject &body, const QString &email, ORVOrvellaAccountType type,
+                     SignInCompletion completion);
+    void finishSignIn(SignInKind kind, const std::optional<ORVHTTPURLResponse> &response, const QByteArray &data,
+                      const ORVError &transportError, const QString &email, ORVOrvellaAccountType type,
+                      const SignInCompletion &completion);
+    QJsonArray signInScope() const;
+
     // The token fetch: true when it finished at once.
     bool fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
                     const std::weak_ptr<ORVOrvellaNetworkTask> &task,

@@ -25,6 +25,9 @@ public:
     ORVOrvellaAccountType orvellaAccountType() const override { return ORVOrvellaAccountTypePassword; }
     QString displayName() const override { return _displayName; }
     void setDisplayName(const QString &name) override { _displayName = name; }
+    void setUsername(const std::optional<QString> &) override {}
+    void setEmailAddress(const QString &) override {}
+    void setOrvellaAccountType(ORVOrvellaAccountType) override {}
     std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<TestAccount>(*this); }
     QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint) const override { return {}; }
     QUrl serverURLForAPIAccess() const override { return QUrl("https://127.0.0.1/"); }

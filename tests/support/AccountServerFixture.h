@@ -20,16 +20,21 @@
 
 namespace orv::test {
 
+// A plain account value whose endpoints live on the test server. Signed in
+// as "ada" unless a test says otherwise.
 class ServerAccount : public ORVOrvellaAccount {
 public:
     explicit ServerAccount(QUrl api) : _api(std::move(api)) {}
     QString identifier() const override { return QStringLiteral("account-1"); }
-    std::optional<QString> username() const override { return QStringLiteral("ada"); }
-    QString emailAddress() const override { return QStringLiteral("ada@example.org"); }
-    ORVOrvellaAccountType orvellaAccountType() const override { return ORVOrvellaAccountTypePassword; }
-    QString displayName() const override { return {}; }
-    void setDisplayName(const QString &) override {}
-    std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<ServerAccount>(_api); }
+    std::optional<QString> username() const override { return _username; }
+    QString emailAddress() const override { return _email; }
+    ORVOrvellaAccountType orvellaAccountType() const override { return _type; }
+    QString displayName() const override { return _name; }
+    void setDisplayName(const QString &name) override { _name = name; }
+    void setUsername(const std::optional<QString> &username) override { _username = username; }
+    void setEmailAddress(const QString &email) override { _email = email; }
+    void setOrvellaAccountType(ORVOrvellaAccountType type) override { _type = type; }
+    std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<ServerAccount>(*this); }
     // The endpoint table's path on the test server (plain HTTP), else the API root.
     QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint endpoint) const override
     {
@@ -43,6 +48,51 @@ public:
 
 private:
     QUrl _api;
+    std::optional<QString> _username = QStringLiteral("ada");
+    QString _email = QStringLiteral("ada@example.org");
+    ORVOrvellaAccountType _type = ORVOrvellaAccountTypePassword;
+    QString _name;
+};
+
+// The application's side of account storage: one current account, replaced
+// by what the save block receives. Read from any thread.
+class AccountStore {
+public:
+    std::shared_ptr<ORVOrvellaAccount> current() const
+    {
+        std::lock_guard lock(_mutex);
+        return _current;
+    }
+    void setCurrent(std::shared_ptr<ORVOrvellaAccount> account)
+    {
+        std::lock_guard lock(_mutex);
+        _current = std::move(account);
+    }
+    int saves() const
+    {
+        std::lock_guard lock(_mutex);
+        return _saves;
+    }
+    // Registers the fetch and save blocks over this store.
+    void registerBlocks(const std::shared_ptr<AccountStore> &self)
+    {
+        ORVRegisterOrvellaAccountFetchBlock([self] { return self->current(); });
+        ORVRegisterOrvellaAccountSaveBlock(
+            [self](std::shared_ptr<ORVOrvellaAccount> account, ORVOrvellaAccountSaveCompletion completion) {
+                {
+                    std::lock_guard lock(self->_mutex);
+                    self->_current = std::move(account);
+                    ++self->_saves;
+                }
+                if (completion)
+                    completion(ORVError());
+            });
+    }
+
+private:
+    mutable std::mutex _mutex;
+    std::shared_ptr<ORVOrvellaAccount> _current;
+    int _saves = 0;
 };
 
 // What a request's completion handler received.
@@ -105,7 +155,8 @@ protected:
     {
         ASSERT_TRUE(server.start());
         const QUrl api(QString::fromStdString(server.baseURL()) + QStringLiteral("/"));
-        ORVRegisterOrvellaAccountFetchBlock([api] { return std::make_shared<ServerAccount>(api); });
+        accounts->setCurrent(std::make_shared<ServerAccount>(api));
+        accounts->registerBlocks(accounts);
         manager = std::make_shared<ORVOrvellaNetworkManager>();
         manager->setTokenProvider(provider);
     }
@@ -130,6 +181,7 @@ protected:
     }
 
     server::AccountServer server;
+    std::shared_ptr<AccountStore> accounts = std::make_shared<AccountStore>();
     std::shared_ptr<MemoryTokenProvider> provider = std::make_shared<MemoryTokenProvider>();
     std::shared_ptr<ORVOrvellaNetworkManager> manager;
 };
