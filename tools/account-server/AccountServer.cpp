@@ -260,7 +260,7 @@ void AccountServer::handle(const void *rawRequest, void *rawResponse)
         if (auto reply = _service.handle(request.method, request.path, request.body,
                                          recorded.header("authorization"))) {
             response.status = reply->status;
-            response.set_content(reply->body, "application/json");
+            response.set_content(reply->body, reply->contentType);
             return;
         }
         // Echo: what the server saw, for tests that check headers.

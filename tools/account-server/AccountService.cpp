@@ -2,9 +2,15 @@
 
 #include <QByteArray>
 #include <QDateTime>
+#include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSaveFile>
 #include <QUuid>
+
+#include <algorithm>
+#include <cctype>
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
@@ -27,6 +33,23 @@ std::string json(const QJsonObject &object)
 ServiceReply error(int status, const char *code, const char *message)
 {
     return {status, json({{"code", code}, {"message", message}})};
+}
+
+// A field error in the shape the registration form expects:
+// {"<field>": [{"code": ..., "message": ...}]}.
+ServiceReply fieldError(const char *field, const char *code, const char *message)
+{
+    return {400, json({{field, QJsonArray{QJsonObject{{"code", code}, {"message", message}}}}})};
+}
+
+QString q(const std::string &text)
+{
+    return QString::fromStdString(text);
+}
+
+std::string text(const QJsonObject &object, const char *key)
+{
+    return object.value(key).toString().toStdString();
 }
 
 std::optional<QJsonObject> parse(const std::string &body)
@@ -68,10 +91,25 @@ std::optional<ServiceReply> AccountService::handle(const std::string &method, co
 {
     if (method == "POST" && path == "/v1/auth/login/")
         return login(body);
+    if (method == "POST" && path == "/v1/auth/apple/login/")
+        return identityLogin("apple", body);
+    if (method == "POST" && path == "/v1/auth/google/login/")
+        return identityLogin("google", body);
+    if (method == "POST" && path == "/v1/auth/magic/device/")
+        return magicLogin(body);
     if (method == "POST" && path == "/v1/auth/device/")
         return deviceToken(body);
     if (method == "GET" && path == "/v1/account/details/")
         return details(authorization);
+    if (method == "POST" && path == "/v1/account/register/")
+        return registerAccount(body);
+    if (method == "POST" && path == "/v1/account/device/")
+        return registerOtherDevice(body, authorization);
+    if (method == "POST" && (path == "/v1/test/identity-token/" || path == "/v1/test/magic-token/"))
+        return testToken(path, body);
+    const std::string keyValuePrefix = "/keyvalue/v1/";
+    if (path.rfind(keyValuePrefix, 0) == 0 && path.size() > keyValuePrefix.size())
+        return keyValueRequest(method, path.substr(keyValuePrefix.size()), body, authorization);
     return std::nullopt;
 }
 
@@ -79,13 +117,33 @@ void AccountService::addAccount(const std::string &user, const std::string &emai
                                 const std::string &name)
 {
     std::lock_guard lock(_lock);
-    _accounts[user] = Account{email, password, name};
+    _accounts[user] = Account{email, password, name, "password"};
+    saveLocked();
 }
 
 std::string AccountService::registerDevice(const std::string &user)
 {
     std::lock_guard lock(_lock);
-    return newDeviceTokenLocked(user);
+    std::string token = newDeviceTokenLocked(user);
+    saveLocked();
+    return token;
+}
+
+std::string AccountService::issueIdentityToken(const std::string &provider, const std::string &email,
+                                               const std::string &name)
+{
+    std::lock_guard lock(_lock);
+    std::string token = "idt-" + provider + "-" + QUuid::createUuid().toString(QUuid::WithoutBraces).toStdString();
+    _identityTokens[token] = Identity{provider, email, name};
+    return token;
+}
+
+std::string AccountService::issueMagicToken(const std::string &email)
+{
+    std::lock_guard lock(_lock);
+    std::string token = "magic-" + QUuid::createUuid().toString(QUuid::WithoutBraces).toStdString();
+    _magicTokens[token] = email;
+    return token;
 }
 
 void AccountService::setTokenLifetime(std::chrono::seconds lifetime)
@@ -98,6 +156,7 @@ void AccountService::revokeAccessTokens()
 {
     std::lock_guard lock(_lock);
     ++_generation;
+    saveLocked();
 }
 
 std::string AccountService::issueAccessToken(const std::string &user)
@@ -112,6 +171,62 @@ int AccountService::grants() const
     return _grants;
 }
 
+std::optional<std::string> AccountService::userForEmail(const std::string &email) const
+{
+    std::lock_guard lock(_lock);
+    return userForEmailLocked(email);
+}
+
+std::optional<std::string> AccountService::keyValue(const std::string &user, const std::string &key) const
+{
+    std::lock_guard lock(_lock);
+    const auto values = _values.find(user);
+    if (values == _values.end())
+        return std::nullopt;
+    const auto value = values->second.find(key);
+    if (value == values->second.end())
+        return std::nullopt;
+    return value->second;
+}
+
+void AccountService::setKeyValue(const std::string &user, const std::string &key, const std::string &value)
+{
+    std::lock_guard lock(_lock);
+    _values[user][key] = value;
+    saveLocked();
+}
+
+std::optional<std::string> AccountService::userForEmailLocked(const std::string &email) const
+{
+    const auto lowered = [](std::string value) {
+        std::transform(value.begin(), value.end(), value.begin(), [](unsigned char c) { return std::tolower(c); });
+        return value;
+    };
+    const std::string wanted = lowered(email);
+    for (const auto &[user, account] : _accounts) {
+        if (lowered(account.email) == wanted)
+            return user;
+    }
+    return std::nullopt;
+}
+
+// The e-mail address's local part, made of letters and digits, with a
+// number added until it is free.
+std::string AccountService::newUserNameLocked(const std::string &email)
+{
+    std::string base;
+    for (char c : email.substr(0, email.find('@'))) {
+        if (std::isalnum(static_cast<unsigned char>(c)))
+            base += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+    if (base.empty())
+        base = "user";
+    std::string user = base;
+    for (int n = 2; _accounts.count(user) != 0; ++n)
+        user = base + std::to_string(n);
+    return user;
+}
+
 std::string AccountService::newDeviceTokenLocked(const std::string &user)
 {
     std::string token = "dev-" + QUuid::createUuid().toString(QUuid::WithoutBraces).toStdString();
@@ -124,10 +239,9 @@ std::string AccountService::issueLocked(const std::string &user)
     ++_grants;
     const qint64 expiry = QDateTime::currentSecsSinceEpoch() + _lifetime.count();
     const QByteArray header = base64url(R"({"alg":"HS256","typ":"JWT"})");
-    const QByteArray payload = base64url(QJsonDocument(QJsonObject{{"sub", QString::fromStdString(user)},
-                                                                   {"exp", expiry},
-                                                                   {"gen", _generation}})
-                                             .toJson(QJsonDocument::Compact));
+    const QByteArray payload =
+        base64url(QJsonDocument(QJsonObject{{"sub", q(user)}, {"exp", expiry}, {"gen", _generation}})
+                      .toJson(QJsonDocument::Compact));
     const QByteArray input = header + '.' + payload;
     return (input + '.' + base64url(sign(_key, input))).toStdString();
 }
@@ -147,7 +261,24 @@ std::optional<std::string> AccountService::userForAccessToken(const std::string 
     if (payload->value("gen").toInt() != _generation ||
         payload->value("exp").toInteger() <= QDateTime::currentSecsSinceEpoch())
         return std::nullopt;
-    return payload->value("sub").toString().toStdString();
+    const std::string user = payload->value("sub").toString().toStdString();
+    if (_accounts.count(user) == 0)
+        return std::nullopt;
+    return user;
+}
+
+ServiceReply AccountService::signedInLocked(const std::string &user)
+{
+    const Account &account = _accounts.at(user);
+    const std::string device = newDeviceTokenLocked(user);
+    const std::string token = issueLocked(user);
+    saveLocked();
+    return {200, json({{"status", "ok"},
+                       {"user", q(user)},
+                       {"email", q(account.email)},
+                       {"name", q(account.name)},
+                       {"device_token", q(device)},
+                       {"token", q(token)}})};
 }
 
 ServiceReply AccountService::login(const std::string &body)
@@ -155,21 +286,62 @@ ServiceReply AccountService::login(const std::string &body)
     const auto request = parse(body);
     if (!request)
         return error(400, "malformed_request", "The request body is not a JSON object");
-    const std::string email = request->value("email").toString().toStdString();
-    const std::string password = request->value("password").toString().toStdString();
+    const std::string email = text(*request, "email");
+    const std::string password = text(*request, "password");
+    if (email.empty())
+        return {400, json({{"email", QJsonArray{"This field is required."}}})};
+    if (password.empty())
+        return {400, json({{"password", QJsonArray{"This field is required."}}})};
     std::lock_guard lock(_lock);
-    for (const auto &[user, account] : _accounts) {
-        if (account.email != email || account.password != password)
-            continue;
-        const std::string device = newDeviceTokenLocked(user);
-        return {200, json({{"status", "ok"},
-                           {"user", QString::fromStdString(user)},
-                           {"email", QString::fromStdString(account.email)},
-                           {"name", QString::fromStdString(account.name)},
-                           {"device_token", QString::fromStdString(device)},
-                           {"token", QString::fromStdString(issueLocked(user))}})};
+    const auto user = userForEmailLocked(email);
+    if (!user || _accounts.at(*user).password.empty() || _accounts.at(*user).password != password)
+        return error(401, "authentication_failed", "The e-mail address or the password is wrong.");
+    return signedInLocked(*user);
+}
+
+ServiceReply AccountService::identityLogin(const std::string &provider, const std::string &body)
+{
+    const auto request = parse(body);
+    if (!request)
+        return error(400, "malformed_request", "The request body is not a JSON object");
+    std::lock_guard lock(_lock);
+    const auto found = _identityTokens.find(text(*request, "id_token"));
+    if (found == _identityTokens.end() || found->second.provider != provider)
+        return error(401, "invalid_id_token", "The identity token was not issued by this server.");
+    const Identity identity = found->second;
+    if (const auto user = userForEmailLocked(identity.email)) {
+        if (_accounts.at(*user).kind == "password")
+            return error(409, "email_in_use", "An account with a password uses this e-mail address.");
+        return signedInLocked(*user);
     }
-    return error(401, "invalid_credentials", "The e-mail address or the password is wrong.");
+    // The first sign-in creates the account; Apple tells the name only then.
+    std::string name = identity.name;
+    const std::string first = text(*request, "first_name");
+    const std::string last = text(*request, "last_name");
+    if (!first.empty() || !last.empty())
+        name = first.empty() || last.empty() ? first + last : first + " " + last;
+    const std::string user = newUserNameLocked(identity.email);
+    _accounts[user] = Account{identity.email, "", name, provider};
+    return signedInLocked(user);
+}
+
+ServiceReply AccountService::magicLogin(const std::string &body)
+{
+    const auto request = parse(body);
+    if (!request)
+        return error(400, "malformed_request", "The request body is not a JSON object");
+    std::lock_guard lock(_lock);
+    const auto found = _magicTokens.find(text(*request, "magic_token"));
+    if (found == _magicTokens.end())
+        return error(401, "invalid_magic_token", "The sign-in link is not valid any more.");
+    const std::string email = found->second;
+    _magicTokens.erase(found);
+    auto user = userForEmailLocked(email);
+    if (!user) {
+        user = newUserNameLocked(email);
+        _accounts[*user] = Account{email, "", "", "magic"};
+    }
+    return signedInLocked(*user);
 }
 
 ServiceReply AccountService::deviceToken(const std::string &body)
@@ -177,17 +349,17 @@ ServiceReply AccountService::deviceToken(const std::string &body)
     const auto request = parse(body);
     if (!request)
         return error(400, "malformed_request", "The request body is not a JSON object");
-    const std::string user = request->value("user").toString().toStdString();
-    const std::string device = request->value("device_token").toString().toStdString();
+    const std::string user = text(*request, "user");
+    const std::string device = text(*request, "device_token");
     std::lock_guard lock(_lock);
     const auto it = _devices.find(device);
-    if (it == _devices.end() || it->second != user)
+    if (it == _devices.end() || it->second != user || _accounts.count(user) == 0)
         return error(401, "invalid_device_token", "This device is not registered for the account.");
     _devices.erase(it);
     const std::string rotated = newDeviceTokenLocked(user);
-    return {200, json({{"status", "ok"},
-                       {"device_token", QString::fromStdString(rotated)},
-                       {"token", QString::fromStdString(issueLocked(user))}})};
+    const std::string token = issueLocked(user);
+    saveLocked();
+    return {200, json({{"status", "ok"}, {"device_token", q(rotated)}, {"token", q(token)}})};
 }
 
 ServiceReply AccountService::details(const std::string &authorization)
@@ -196,11 +368,164 @@ ServiceReply AccountService::details(const std::string &authorization)
     if (!user)
         return error(401, "invalid_token", "The access token is expired or unknown.");
     std::lock_guard lock(_lock);
-    const auto it = _accounts.find(*user);
-    const Account account = it == _accounts.end() ? Account{} : it->second;
-    return {200, json({{"user", QString::fromStdString(*user)},
-                       {"email", QString::fromStdString(account.email)},
-                       {"name", QString::fromStdString(account.name)}})};
+    const Account &account = _accounts.at(*user);
+    return {200, json({{"user", q(*user)}, {"email", q(account.email)}, {"name", q(account.name)}})};
+}
+
+ServiceReply AccountService::registerAccount(const std::string &body)
+{
+    const auto request = parse(body);
+    if (!request)
+        return error(400, "malformed_request", "The request body is not a JSON object");
+    const std::string name = text(*request, "name");
+    const std::string email = text(*request, "email");
+    const std::string password = text(*request, "password1");
+    if (name.empty())
+        return fieldError("name", "required", "This field is required.");
+    const auto at = email.find('@');
+    if (at == std::string::npos || at == 0 || email.find('.', at) == std::string::npos)
+        return fieldError("email", "invalid", "Enter a valid email address.");
+    if (password != text(*request, "password2"))
+        return fieldError("password1", "password_mismatch", "The two password fields didn't match.");
+    if (password.size() < 8)
+        return fieldError("password1", "password_too_short", "This password is too short.");
+    if (std::all_of(password.begin(), password.end(), [](unsigned char c) { return std::isdigit(c); }))
+        return fieldError("password1", "password_entirely_numeric", "This password is entirely numeric.");
+    static const char *const common[] = {"password", "12345678", "qwertyuiop", "iloveyou", "password1", "letmein123"};
+    if (std::find(std::begin(common), std::end(common), password) != std::end(common))
+        return fieldError("password1", "password_too_common", "This password is too common.");
+    std::lock_guard lock(_lock);
+    if (userForEmailLocked(email))
+        return fieldError("email", "email_claimed", "This email address is already in use.");
+    const std::string user = newUserNameLocked(email);
+    _accounts[user] = Account{email, password, name, "password"};
+    saveLocked();
+    return {201, json({{"user", q(user)}, {"email", q(email)}, {"name", q(name)}})};
+}
+
+ServiceReply AccountService::registerOtherDevice(const std::string &body, const std::string &authorization)
+{
+    const auto user = userForAccessToken(bearer(authorization));
+    if (!user)
+        return error(401, "invalid_token", "The access token is expired or unknown.");
+    const auto request = parse(body);
+    if (!request || text(*request, "identifier").empty())
+        return error(400, "malformed_request", "The body needs the other device's \"identifier\".");
+    std::lock_guard lock(_lock);
+    // The other device signs in with this device token from now on.
+    const std::string device = newDeviceTokenLocked(*user);
+    saveLocked();
+    return {200, json({{"status", "ok"}, {"user", q(*user)}, {"token", q(device)}})};
+}
+
+ServiceReply AccountService::keyValueRequest(const std::string &method, const std::string &key,
+                                             const std::string &body, const std::string &authorization)
+{
+    const auto user = userForAccessToken(bearer(authorization));
+    if (!user)
+        return error(401, "invalid_token", "The access token is expired or unknown.");
+    std::lock_guard lock(_lock);
+    auto &values = _values[*user];
+    if (method == "GET") {
+        const auto found = values.find(key);
+        if (found == values.end())
+            return error(404, "not_found", "No value is stored under this key.");
+        return {200, found->second, "application/octet-stream"};
+    }
+    if (method == "PUT") {
+        values[key] = body;
+        saveLocked();
+        return {200, json({{"status", "ok"}})};
+    }
+    if (method == "DELETE") {
+        const bool erased = values.erase(key) != 0;
+        saveLocked();
+        return erased ? ServiceReply{204, "", "application/json"} : error(404, "not_found", "No value is stored under this key.");
+    }
+    return error(405, "method_not_allowed", "Use GET, PUT or DELETE.");
+}
+
+ServiceReply AccountService::testToken(const std::string &path, const std::string &body)
+{
+    const auto request = parse(body);
+    if (!request || text(*request, "email").empty())
+        return error(400, "malformed_request", "The body needs an \"email\".");
+    if (path == "/v1/test/magic-token/")
+        return {200, json({{"magic_token", q(issueMagicToken(text(*request, "email")))}})};
+    const std::string provider = text(*request, "provider");
+    if (provider != "apple" && provider != "google")
+        return error(400, "malformed_request", "\"provider\" is \"apple\" or \"google\".");
+    return {200, json({{"id_token", q(issueIdentityToken(provider, text(*request, "email"), text(*request, "name")))}})};
+}
+
+// --- state file -------------------------------------------------------------------
+
+bool AccountService::setStateFile(const std::string &path)
+{
+    std::lock_guard lock(_lock);
+    _stateFile = path;
+    QFile file(q(path));
+    if (!file.exists())
+        return true;
+    if (!file.open(QIODevice::ReadOnly))
+        return false;
+    const auto state = parse(file.readAll().toStdString());
+    if (!state)
+        return false;
+    const QByteArray key = QByteArray::fromBase64(state->value("signingKey").toString().toLatin1());
+    if (key.size() >= 32)
+        _key = key.toStdString();
+    _generation = std::max(1, state->value("generation").toInt());
+    _accounts.clear();
+    const QJsonObject accounts = state->value("accounts").toObject();
+    for (auto it = accounts.begin(); it != accounts.end(); ++it) {
+        const QJsonObject a = it.value().toObject();
+        _accounts[it.key().toStdString()] = Account{text(a, "email"), text(a, "password"), text(a, "name"), text(a, "kind")};
+    }
+    _devices.clear();
+    const QJsonObject devices = state->value("devices").toObject();
+    for (auto it = devices.begin(); it != devices.end(); ++it)
+        _devices[it.key().toStdString()] = it.value().toString().toStdString();
+    _values.clear();
+    const QJsonObject values = state->value("values").toObject();
+    for (auto user = values.begin(); user != values.end(); ++user) {
+        const QJsonObject entries = user.value().toObject();
+        for (auto entry = entries.begin(); entry != entries.end(); ++entry)
+            _values[user.key().toStdString()][entry.key().toStdString()] =
+                QByteArray::fromBase64(entry.value().toString().toLatin1()).toStdString();
+    }
+    return true;
+}
+
+void AccountService::saveLocked() const
+{
+    if (_stateFile.empty())
+        return;
+    QJsonObject accounts;
+    for (const auto &[user, a] : _accounts)
+        accounts.insert(q(user), QJsonObject{{"email", q(a.email)}, {"password", q(a.password)}, {"name", q(a.name)}, {"kind", q(a.kind)}});
+    QJsonObject devices;
+    for (const auto &[token, user] : _devices)
+        devices.insert(q(token), q(user));
+    QJsonObject values;
+    for (const auto &[user, entries] : _values) {
+        QJsonObject object;
+        for (const auto &[key, value] : entries)
+            object.insert(q(key), QString::fromLatin1(QByteArray::fromStdString(value).toBase64()));
+        values.insert(q(user), object);
+    }
+    const QJsonObject state{{"signingKey", QString::fromLatin1(QByteArray::fromStdString(_key).toBase64())},
+                            {"generation", _generation},
+                            {"accounts", accounts},
+                            {"devices", devices},
+                            {"values", values}};
+    // Passwords and the signing key are in it: the owner alone may read it.
+    QSaveFile file(q(_stateFile));
+    if (!file.open(QIODevice::WriteOnly))
+        return;
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    file.write(QJsonDocument(state).toJson(QJsonDocument::Indented));
+    file.commit();
 }
 
 } // namespace orv::server

@@ -1,11 +1,21 @@
 #pragma once
 
-// The account logic of the reference server: accounts with passwords,
-// registered devices, and access tokens. An access token is a JSON Web
-// Token signed with HS256 under a key made at start, carrying "sub" (the
-// user), "exp" and the generation it was issued in. A device token is
-// exchanged for an access token and replaced by a new device token with each
-// grant, so only the newest one works.
+// The account logic of the reference server: accounts (password, Apple,
+// Google or magic-link sign-in), registered devices, access tokens and a
+// small per-user key-value store.
+//
+// An access token is a JSON Web Token signed with HS256 under a key made at
+// start, carrying "sub" (the user), "exp" and the generation it was issued
+// in. A device token is exchanged for an access token and replaced by a new
+// device token with each grant, so only the newest one works.
+//
+// Apple and Google identity tokens cannot be verified offline, so the server
+// accepts only identity tokens it issued itself (issueIdentityToken(), or
+// POST /v1/test/identity-token/). Magic sign-in tokens are issued the same
+// way and work once.
+//
+// With a state file, everything but the issued access tokens' signatures is
+// kept across restarts (the signing key is kept too, so tokens stay valid).
 
 #include <chrono>
 #include <map>
@@ -17,7 +27,8 @@ namespace orv::server {
 
 struct ServiceReply {
     int status = 200;
-    std::string body; // JSON
+    std::string body; // JSON unless contentType says otherwise
+    std::string contentType = "application/json";
 };
 
 class AccountService {
@@ -28,10 +39,19 @@ public:
     std::optional<ServiceReply> handle(const std::string &method, const std::string &path, const std::string &body,
                                        const std::string &authorization);
 
+    // Loads the state from `path` when the file exists and saves every change
+    // there from now on. False when the file exists but cannot be read.
+    bool setStateFile(const std::string &path);
+
     void addAccount(const std::string &user, const std::string &email, const std::string &password,
                     const std::string &name = "");
     // Registers a device for the user and returns its device token.
     std::string registerDevice(const std::string &user);
+    // An identity token as the provider ("apple" or "google") would give
+    // for this e-mail address and name.
+    std::string issueIdentityToken(const std::string &provider, const std::string &email, const std::string &name = "");
+    // A one-use magic sign-in token for the e-mail address.
+    std::string issueMagicToken(const std::string &email);
     // Lifetime of new access tokens (default one hour).
     void setTokenLifetime(std::chrono::seconds lifetime);
     // Every access token issued so far is refused from now on.
@@ -39,28 +59,55 @@ public:
     std::string issueAccessToken(const std::string &user);
     // The user of a valid token.
     std::optional<std::string> userForAccessToken(const std::string &token) const;
-    // Number of access tokens granted (by login or device exchange).
+    // Number of access tokens granted (by sign-in or device exchange).
     int grants() const;
+    // The user name of the account with this e-mail address.
+    std::optional<std::string> userForEmail(const std::string &email) const;
+    // A value of the user's key-value store.
+    std::optional<std::string> keyValue(const std::string &user, const std::string &key) const;
+    void setKeyValue(const std::string &user, const std::string &key, const std::string &value);
 
 private:
     struct Account {
         std::string email;
-        std::string password;
+        std::string password; // empty for accounts without one
+        std::string name;
+        std::string kind;     // "password", "apple", "google" or "magic"
+    };
+    struct Identity {
+        std::string provider;
+        std::string email;
         std::string name;
     };
     ServiceReply login(const std::string &body);
+    ServiceReply identityLogin(const std::string &provider, const std::string &body);
+    ServiceReply magicLogin(const std::string &body);
     ServiceReply deviceToken(const std::string &body);
     ServiceReply details(const std::string &authorization);
+    ServiceReply registerAccount(const std::string &body);
+    ServiceReply registerOtherDevice(const std::string &body, const std::string &authorization);
+    ServiceReply keyValueRequest(const std::string &method, const std::string &key, const std::string &body,
+                                 const std::string &authorization);
+    ServiceReply testToken(const std::string &path, const std::string &body);
+    // The reply of a successful sign-in: a new device and a first token.
+    ServiceReply signedInLocked(const std::string &user);
+    std::optional<std::string> userForEmailLocked(const std::string &email) const;
+    std::string newUserNameLocked(const std::string &email);
     std::string newDeviceTokenLocked(const std::string &user);
     std::string issueLocked(const std::string &user);
+    void saveLocked() const;
 
     mutable std::mutex _lock;
     std::string _key;
-    std::map<std::string, Account> _accounts;      // by user name
-    std::map<std::string, std::string> _devices;   // device token to user name
+    std::map<std::string, Account> _accounts;                           // by user name
+    std::map<std::string, std::string> _devices;                        // device token to user name
+    std::map<std::string, Identity> _identityTokens;                    // identity token to identity
+    std::map<std::string, std::string> _magicTokens;                    // magic token to e-mail address
+    std::map<std::string, std::map<std::string, std::string>> _values;  // user to key to bytes
     std::chrono::seconds _lifetime{3600};
     int _generation = 1;
     int _grants = 0;
+    std::string _stateFile;
 };
 
 } // namespace orv::server
