@@ -1,4 +1,4 @@
-#include "AccountServerFixture.h"
+#include "TokenManagerFixture.h"
 
 #include <OrvellaKit/ORVException.h>
 #include <OrvellaKit/ORVOrvellaTokenManager.h>
@@ -10,105 +10,6 @@
 
 using namespace orv::test;
 using orv::server::ScriptedResponse;
-
-namespace {
-
-// Keeps the stored token and the device credential in memory.
-class TestTokenManager : public ORVOrvellaTokenManager {
-public:
-    QString appScope() const override { return QStringLiteral("kalendro-test"); }
-    QString deviceToken() const override { return QStringLiteral("test-device"); }
-    std::optional<ORVURLCredential> credentialForOrvellaAccount(const std::shared_ptr<ORVOrvellaAccount> &) const override
-    {
-        std::lock_guard lock(mutex);
-        return credential;
-    }
-    void setAccountCredential(const ORVURLCredential &c, const std::shared_ptr<ORVOrvellaAccount> &) override
-    {
-        std::lock_guard lock(mutex);
-        credential = c;
-    }
-    void setOrvellaToken(const QString &token, const QString &) override
-    {
-        std::lock_guard lock(mutex);
-        stored = token;
-        storeCalls << (token.isNull() ? QStringLiteral("(deleted)") : token);
-    }
-    QString orvellaTokenForAccountIdentifier(const QString &) override
-    {
-        std::lock_guard lock(mutex);
-        return stored;
-    }
-    std::optional<ORVURLCredential> currentCredential() const
-    {
-        std::lock_guard lock(mutex);
-        return credential;
-    }
-
-    mutable std::mutex mutex;
-    std::optional<ORVURLCredential> credential;
-    QString stored;
-    QStringList storeCalls;
-};
-
-// A token of `parts` parts whose payload holds "exp" `secondsFromNow` ahead.
-QString makeToken(qint64 secondsFromNow, int parts = 3, const QString &subject = QStringLiteral("ada"))
-{
-    const auto encode = [](const QByteArray &bytes) {
-        return QString::fromLatin1(bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals));
-    };
-    const QString payload = encode(
-        QJsonDocument(QJsonObject{{"sub", subject}, {"exp", QDateTime::currentSecsSinceEpoch() + secondsFromNow}})
-            .toJson(QJsonDocument::Compact));
-    QStringList list{encode(R"({"alg":"none"})"), payload, QStringLiteral("sig"), QStringLiteral("extra")};
-    return list.mid(0, parts).join('.');
-}
-
-struct Replies {
-    std::mutex mutex;
-    std::vector<std::pair<QString, ORVError>> received;
-    std::vector<int> order;
-    ORVOrvellaTokenProviding::TokenCompletion handler(int index)
-    {
-        return [this, index](const QString &token, const ORVError &error) {
-            std::lock_guard lock(mutex);
-            received.emplace_back(token, error);
-            order.push_back(index);
-        };
-    }
-    bool waitFor(size_t count)
-    {
-        return waitUntil([&] {
-            std::lock_guard lock(mutex);
-            return received.size() >= count;
-        });
-    }
-};
-
-class TokenManagerTest : public AccountServerTest {
-protected:
-    void SetUp() override
-    {
-        AccountServerTest::SetUp();
-        server.service().addAccount("ada", "ada@example.org", "correct horse", "Ada");
-        firstDeviceToken = QString::fromStdString(server.service().registerDevice("ada"));
-        tokens = makeManager();
-        manager->setTokenProvider(tokens);
-    }
-    std::shared_ptr<TestTokenManager> makeManager()
-    {
-        auto made = std::make_shared<TestTokenManager>();
-        made->credential = ORVURLCredential{QStringLiteral("ada"), firstDeviceToken};
-        made->setNetworkManager(manager);
-        return made;
-    }
-    size_t fetches() const { return server.requestCount("/v1/auth/device/"); }
-
-    QString firstDeviceToken;
-    std::shared_ptr<TestTokenManager> tokens;
-};
-
-} // namespace
 
 TEST_F(TokenManagerTest, ConcurrentRequestsShareOneFetchAndRotateTheDeviceToken)
 {
