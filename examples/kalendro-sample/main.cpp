@@ -1,14 +1,27 @@
-// Kalendro sample: the start-up sequence of a hosting application.
+// Kalendro sample: the start-up sequence of a hosting application and one
+// signed-in session against the account server.
 //
-// It registers its platform coordinator and its account blocks, as an
-// application does early in its launch, and prints what it did.
+//   kalendro-sample [--server URL] [--email E] [--password P] [--name N]
+//                   [--sign-out] [--refresh] [--verbose]
+//
+// Without --server it runs the reference account server inside the process
+// on 127.0.0.1 (its state kept in the data folder, so a second run finds the
+// account and the device again). Each step is printed in plain words; the
+// secrets themselves are never printed.
 
 #include "KalendroAccount.h"
+#include "KalendroCommandLog.h"
+#include "KalendroSecrets.h"
+#include "KalendroTokenManager.h"
+
+#include <AccountServer.h>
 
 #include <OrvellaKit/OrvellaKit.h>
 
 #include <QApplication>
 #include <QCommandLineParser>
+#include <QDir>
+#include <QJsonDocument>
 #include <QTextStream>
 #include <QTimer>
 
@@ -22,88 +35,269 @@ public:
     QString appGroupIdentifier() const override { return QString(); }
 };
 
-QTextStream &out()
-{
-    static QTextStream stream(stdout);
-    return stream;
-}
-
 void say(const QString &line)
 {
-    out() << "kalendro-sample: " << line << Qt::endl;
+    static QTextStream stream(stdout);
+    stream << "kalendro-sample: " << line << Qt::endl;
 }
+
+QString describe(const ORVError &error)
+{
+    QString text = error.localizedDescription();
+    if (!error.localizedFailureReason().isEmpty())
+        text += QStringLiteral(" ") + error.localizedFailureReason().simplified();
+    return ORVStringWithFormat("%@ (%@ %ld)", text, error.domain(), static_cast<long>(error.code()));
+}
+
+// The signed-in session, one asynchronous step after the other on the main
+// thread. Every step ends in next() or fail().
+class Session {
+public:
+    Session(std::shared_ptr<KalendroTokenManager> tokens, QString secretsLocation, QString email, QString password,
+            QString name, bool refresh)
+        : _tokens(std::move(tokens)), _secrets(std::move(secretsLocation)), _email(std::move(email)),
+          _password(std::move(password)), _name(std::move(name)), _refresh(refresh)
+    {
+    }
+
+    void start()
+    {
+        const auto account = ORVFetchOrvellaAccount();
+        if (account->username() && _tokens->credentialForOrvellaAccount(account)) {
+            say(ORVStringWithFormat("this device is registered for %@; %@", *account->username(),
+                                    _refresh ? "exchanging the device credential for a fresh access token"
+                                             : "asking for an access token (a stored one is used while it lasts)"));
+            requestToken(/*signInOnFailure=*/true);
+        } else {
+            say(ORVStringWithFormat("nobody is signed in; creating the account %@ (or using it if it exists)", _email));
+            createAccount();
+        }
+    }
+
+private:
+    void createAccount()
+    {
+        _tokens->createAccountWithName(_name, _email, _password, [this](const ORVError &error) {
+            if (!error)
+                say("account created");
+            else if (error.code() == 7)
+                say("the account already exists");
+            else
+                return fail("could not create the account", error);
+            signIn();
+        });
+    }
+
+    void signIn()
+    {
+        say(ORVStringWithFormat("signing in as %@ with the password", _email));
+        _tokens->registerDevice({_email, _password}, [this](std::shared_ptr<ORVOrvellaAccount> account,
+                                                            const ORVError &error) {
+            if (!account)
+                return fail("sign-in failed", error);
+            say(ORVStringWithFormat("signed in: user %@, this device is registered, the device credential is in %@",
+                                    account->username().value_or(QString()), _secrets));
+            say(ORVStringWithFormat("last sign-in remembered: %@ (%@)",
+                                    ORVOrvellaAccountTypeString(ORVOrvellaTokenManager::lastUsedAccountType()),
+                                    ORVOrvellaTokenManager::lastUsedEmail()));
+            requestToken(/*signInOnFailure=*/false);
+        });
+    }
+
+    void requestToken(bool signInOnFailure)
+    {
+        const bool ignoreCache = _refresh && signInOnFailure;
+        _tokens->requestTokenForAccount(ORVFetchOrvellaAccount(), nullptr, ignoreCache,
+                                        [this, signInOnFailure](const QString &token, const ORVError &error) {
+            // Token replies come on the token manager's queue.
+            ORVDispatchQueue::mainQueue()->async([this, signInOnFailure, token, error] {
+                if (token.isEmpty()) {
+                    if (signInOnFailure) {
+                        say(ORVStringWithFormat("the server refused this device (%@); signing in again", describe(error)));
+                        return signIn();
+                    }
+                    return fail("no access token", error);
+                }
+                const auto expiry = _tokens->expirationDateForToken(token);
+                say(ORVStringWithFormat("have an access token, valid until %@",
+                                        expiry ? expiry->toLocalTime().toString(Qt::ISODate) : QStringLiteral("?")));
+                fetchDetails();
+            });
+        });
+    }
+
+    void fetchDetails()
+    {
+        auto account = ORVFetchOrvellaAccount();
+        auto request = ORVOrvellaAccountRequest::requestWithURLRequest(
+            ORVURLRequest(account->URLForServerEndpoint(ORVOrvellaServerEndpointAccountDetails)));
+        request->setCategory(QStringLiteral("Kalendro account details"));
+        request->setCompletionHandler([this](const std::shared_ptr<ORVOrvellaData> &data,
+                                             const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
+            const int status = response ? response->statusCode() : 0;
+            const auto details = orv_JSONDictionaryWithData(data ? data->data() : QByteArray());
+            if (status != 200 || !details)
+                return fail(ORVStringWithFormat("the account details request failed (HTTP %d)", status), error);
+            say(ORVStringWithFormat("authenticated request: the server knows us as %@ <%@>, named \"%@\"",
+                                    details->value("user").toString(), details->value("email").toString(),
+                                    details->value("name").toString()));
+            checkKey();
+        });
+        ORVOrvellaNetworkManager::sharedManager()->startRequest(request);
+    }
+
+    void checkKey()
+    {
+        const auto key = _tokens->encryptionKeyFromUbiquitousKeyValueStore();
+        if (!key)
+            return fail("no encryption key could be made", ORVError());
+        say("checking the account's encryption key with the server");
+        _tokens->checkEncryptionKey(*key, [this](bool success, const ORVError &error) {
+            if (!success)
+                return fail("the encryption key was not accepted", error);
+            say(ORVStringWithFormat("encryption key accepted (kept in the ubiquitous store and in %@)", _secrets));
+            finish(0);
+        });
+    }
+
+    void fail(const QString &what, const ORVError &error)
+    {
+        say(error ? what + QStringLiteral(": ") + describe(error) : what);
+        finish(1);
+    }
+
+    void finish(int code)
+    {
+        ORVDispatchQueue::mainQueue()->async([code] { QCoreApplication::exit(code); });
+    }
+
+    std::shared_ptr<KalendroTokenManager> _tokens;
+    QString _secrets; // where the secrets go, for the user
+    QString _email;
+    QString _password;
+    QString _name;
+    bool _refresh;
+};
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    // Nothing here needs a screen: without a display, draw off-screen.
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY") &&
+        qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("kalendro-sample"));
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Kalendro sample hosting application"));
     parser.addHelpOption();
+    const QCommandLineOption serverOption("server", "Use the account server at URL instead of the embedded one.", "URL");
+    const QCommandLineOption emailOption("email", "The account's e-mail address.", "E", "demo@kalendro.example");
+    const QCommandLineOption passwordOption("password", "The account's password.", "P", "kalendro-demo-2026");
+    const QCommandLineOption nameOption("name", "The account's name.", "N", "Kalendro Demo");
+    const QCommandLineOption signOutOption("sign-out", "Forget the saved account and secrets first.");
+    const QCommandLineOption refreshOption("refresh", "Get a fresh access token even when a stored one is valid.");
+    const QCommandLineOption verboseOption("verbose", "Log everything (level verbose) to the log files.");
+    parser.addOptions({serverOption, emailOption, passwordOption, nameOption, signOutOption, refreshOption, verboseOption});
     parser.process(app);
 
     const ORVBundle &bundle = ORVBundle::mainBundle();
-    say(ORVStringWithFormat("OrvellaKit %@, bundle %@ (version %@) at %@", ORVOrvellaKitVersionString(),
-                            bundle.bundleIdentifier(), bundle.objectForInfoDictionaryKey("CFBundleVersion"),
-                            bundle.bundlePath()));
-    if (!bundle.loadError().isNull())
-        say(ORVStringWithFormat("Info.json could not be read: %@", bundle.loadError()));
+    say(ORVStringWithFormat("OrvellaKit %@, bundle %@ (version %@)", ORVOrvellaKitVersionString(),
+                            bundle.bundleIdentifier(), bundle.objectForInfoDictionaryKey("CFBundleVersion")));
 
     // 1. The platform coordinator.
-    auto coordinator = std::make_shared<KalendroCoordinator>();
-    ORVRegisterPlatformCoordinator(coordinator);
-    auto registered = ORVCoordinator::platformCoordinator();
-    say(ORVStringWithFormat("registered platform coordinator for %@ (default log level %lu, group \"%@\")",
-                            registered->appName(), registered->prefererredDefaultLogLevel(),
-                            registered->appGroupIdentifier()));
+    ORVRegisterPlatformCoordinator(std::make_shared<KalendroCoordinator>());
+    say(ORVStringWithFormat("registered the platform coordinator for %@",
+                            ORVCoordinator::platformCoordinator()->appName()));
 
-    // 2. Logging: the launch banner goes to the log file, errors also to syslog.
+    // 2. The account server: the embedded one keeps its state in the data
+    // folder, so a second run finds the account and this device again.
+    const QString dataFolder = ORVApplicationSupportDirectory(true);
+    std::unique_ptr<orv::server::AccountServer> embedded;
+    QUrl serverURL(parser.value(serverOption));
+    if (!parser.isSet(serverOption)) {
+        embedded = std::make_unique<orv::server::AccountServer>();
+        const QString state = QDir(dataFolder).filePath(QStringLiteral("embedded-account-server.json"));
+        if (parser.isSet(signOutOption))
+            QFile::remove(state);
+        if (!embedded->service().setStateFile(state.toStdString()))
+            say(ORVStringWithFormat("the embedded server's state file %@ could not be read; it starts empty", state));
+        if (!embedded->start()) {
+            say("the embedded account server could not listen on 127.0.0.1");
+            return 1;
+        }
+        serverURL = QUrl(QString::fromStdString(embedded->baseURL()) + QStringLiteral("/"));
+        say(ORVStringWithFormat("started the embedded account server at %@ (state in %@)", serverURL, state));
+    } else if (!serverURL.isValid() || serverURL.host().isEmpty()) {
+        say(ORVStringWithFormat("--server wants a URL such as http://127.0.0.1:8080/, not \"%@\"",
+                                parser.value(serverOption)));
+        return 2;
+    } else {
+        if (!serverURL.path().endsWith('/'))
+            serverURL.setPath(serverURL.path() + '/');
+        say(ORVStringWithFormat("using the account server at %@", serverURL));
+    }
+
+    // 3. The account blocks over the account file.
+    auto accounts = std::make_shared<KalendroAccountFile>(QDir(dataFolder).filePath(QStringLiteral("Account.json")),
+                                                          embedded ? QStringLiteral("embedded") : serverURL.toString(),
+                                                          serverURL);
+    auto secrets = std::make_shared<KalendroSecrets>(QDir(dataFolder).filePath(QStringLiteral("secrets.json")));
+    if (parser.isSet(signOutOption)) {
+        QFile::remove(accounts->path());
+        secrets->clear();
+        ORVOrvellaTokenManager::resetLastUsedAccount();
+        say("forgot the saved account and its secrets");
+    }
+    QString problem;
+    accounts->load(&problem);
+    if (!problem.isEmpty())
+        say(problem);
+    ORVRegisterOrvellaAccountFetchBlock([accounts] { return accounts->current(); });
+    ORVRegisterOrvellaAccountSaveBlock([accounts](std::shared_ptr<ORVOrvellaAccount> account,
+                                                  ORVOrvellaAccountSaveCompletion completion) {
+        const ORVError error = accounts->save(account);
+        if (completion)
+            completion(error);
+    });
+    say(ORVStringWithFormat("registered the account blocks over %@; current account: %@", accounts->path(),
+                            std::static_pointer_cast<KalendroAccount>(accounts->current())->description()));
+
+    // 4. The token manager, keeping its secrets in the keyring or a private file.
+    auto tokens = std::make_shared<KalendroTokenManager>(secrets);
+    ORVRegisterSharedTokenManager(tokens);
+    say(ORVStringWithFormat("registered the token manager; secrets go to %@", secrets->location()));
+
+    // 5. Logging, and the command log beside the log files.
     ORVDebug::sharedDebug()->setupLogging();
     orvRegisterFileLogLevel();
-    ORVLogError("Kalendro sample started with OrvellaKit %@", ORVOrvellaKitVersionString());
+    if (parser.isSet(verboseOption))
+        ORVDebug::sharedDebug()->setLogLevel(ORVLogLevelVerbose);
+    const QString logs = ORVDebug::sharedDebug()->logsDirectoryURL().toLocalFile();
+    auto commandLog = std::make_shared<KalendroCommandLog>(QDir(logs).filePath(QStringLiteral("commands.log")));
+    ORVCommandLogger::setSharedLogger(commandLog);
+    ORVLogInfo("Kalendro sample started with OrvellaKit %@", ORVOrvellaKitVersionString());
+    say(ORVStringWithFormat("logging set up at level %lu", ORVDebug::sharedDebug()->logLevel()));
+
+    // 6. The session: account, sign-in, token, a request, the key.
+    Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
+                    parser.value(nameOption), parser.isSet(refreshOption));
+    ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
+    QTimer::singleShot(60000, &app, [] {
+        say("gave up after 60 seconds without an answer");
+        QCoreApplication::exit(1);
+    });
+    const int status = QApplication::exec();
+
+    secrets->flush();
     ORVDebug::sharedDebug()->fileLogger()->flush();
-    say(ORVStringWithFormat("logging set up at level %lu; log files in %@:",
-                            ORVDebug::sharedDebug()->logLevel(),
-                            ORVDebug::sharedDebug()->logsDirectoryURL().toLocalFile()));
+    say(status == 0 ? QStringLiteral("done") : QStringLiteral("stopped after an error"));
+    say(ORVStringWithFormat("log files in %@:", logs));
     for (const QString &path : ORVDebug::sharedDebug()->fileLogger()->sortedLogFilePaths())
         say(QStringLiteral("  ") + path);
-
-    // 3. The account blocks: the application owns the account and its storage.
-    auto current = std::make_shared<KalendroAccount>(QStringLiteral("local-1"), std::nullopt, QString(),
-                                                     ORVOrvellaAccountTypeNone, QStringLiteral("127.0.0.1"));
-    ORVRegisterOrvellaAccountFetchBlock([&current] { return std::static_pointer_cast<ORVOrvellaAccount>(current); });
-    ORVRegisterOrvellaAccountSaveBlock([&current](std::shared_ptr<ORVOrvellaAccount> account,
-                                                  ORVOrvellaAccountSaveCompletion completion) {
-        current = std::static_pointer_cast<KalendroAccount>(account->copy());
-        if (completion)
-            completion(ORVError());
-    });
-    say(QStringLiteral("registered account fetch and save blocks"));
-
-    auto fetched = std::static_pointer_cast<KalendroAccount>(ORVFetchOrvellaAccount());
-    say(ORVStringWithFormat("current account: %@ (API at %@)", fetched->description(), fetched->serverURLForAPIAccess()));
-
-    auto renamed = fetched->copy();
-    renamed->setDisplayName(QStringLiteral("Kalendro User"));
-    ORVSaveOrvellaAccount(renamed, [](const ORVError &error) {
-        say(ORVStringWithFormat("saved account, error: %@", error));
-    });
-    say(ORVStringWithFormat("display name after save: %@", ORVFetchOrvellaAccount()->displayName()));
-
-    // 4. A background activity around start-up work.
-    auto activity = registered->beginBackgroundTaskWithName(QStringLiteral("Kalendro start-up"));
-    say(ORVStringWithFormat("began background activity \"%@\" (%@)", activity->reason(),
-                            activity->isInhibiting() ? "logind inhibitor lock held" : "logind not reachable, no lock"));
-    registered->endBackgroundTask(activity);
-
-    say(ORVStringWithFormat("data folder %@", ORVApplicationSupportDirectory(false)));
-
-    // The main queue runs once the event loop does.
-    ORVDispatchQueue::mainQueue()->async([] {
-        say(QStringLiteral("start-up finished on the main queue"));
-        QCoreApplication::quit();
-    });
-    return QApplication::exec();
+    say(ORVStringWithFormat("command log: %@", commandLog->path()));
+    if (embedded)
+        embedded->stop();
+    return status;
 }

@@ -14,6 +14,9 @@
 #include <memory>
 #include <optional>
 
+// The application's own account errors (the framework does not use it).
+extern const QString ORVOrvellaAccountErrorDomain; // "com.orvella.orvellakit.orvellaaccount.error"
+
 // How the account signs in.
 enum ORVOrvellaAccountType : qint64 {
     ORVOrvellaAccountTypeNone = 0,
@@ -52,6 +55,10 @@ enum ORVOrvellaServerEndpoint : quint64 {
     ORVOrvellaServerEndpointOnboardingPage = 27,
     ORVOrvellaServerEndpointOnboardingLearnMorePage = 29,
 };
+
+// The text form kept in the ubiquitous store: "none", "password", "apple",
+// "google"; a null string for other values.
+QString ORVOrvellaAccountTypeString(ORVOrvellaAccountType type);
 
 class ORVOrvellaAccount {
 public:

@@ -37,9 +37,6 @@ extern const QString ORVOrvellaAccountKeyUbiquitousKeyPrefix; // "OrvellaAccount
 // The user-facing sentence telling that an account of this kind exists
 // ("You already have a Orvella account using ..."); "" for other kinds.
 QString ORVOrvellaAccountAlreadyHaveAccountStringForType(ORVOrvellaAccountType type);
-// The text form kept in the ubiquitous store: "none", "password", "apple",
-// "google"; a null string for other values.
-QString ORVOrvellaAccountTypeString(ORVOrvellaAccountType type);
 
 // A user name and password pair kept for the session only.
 struct ORVURLCredential {

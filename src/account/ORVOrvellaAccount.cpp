@@ -3,6 +3,8 @@
 
 #include <mutex>
 
+const QString ORVOrvellaAccountErrorDomain = QStringLiteral("com.orvella.orvellakit.orvellaaccount.error");
+
 namespace {
 
 // The registrations are meant to be made once on the main thread before any
@@ -14,6 +16,21 @@ ORVOrvellaAccountSaveBlock saveBlock;
 } // namespace
 
 ORVOrvellaAccount::~ORVOrvellaAccount() = default;
+
+QString ORVOrvellaAccountTypeString(ORVOrvellaAccountType type)
+{
+    switch (type) {
+    case ORVOrvellaAccountTypeNone:
+        return QStringLiteral("none");
+    case ORVOrvellaAccountTypePassword:
+        return QStringLiteral("password");
+    case ORVOrvellaAccountTypeApple:
+        return QStringLiteral("apple");
+    case ORVOrvellaAccountTypeGoogle:
+        return QStringLiteral("google");
+    }
+    return QString();
+}
 
 void ORVRegisterOrvellaAccountFetchBlock(ORVOrvellaAccountFetchBlock block)
 {

@@ -71,21 +71,6 @@ ORVURLRequest jsonPost(const QUrl &url, const QJsonObject &body, double timeout)
 
 } // namespace
 
-QString ORVOrvellaAccountTypeString(ORVOrvellaAccountType type)
-{
-    switch (type) {
-    case ORVOrvellaAccountTypeNone:
-        return QStringLiteral("none");
-    case ORVOrvellaAccountTypePassword:
-        return QStringLiteral("password");
-    case ORVOrvellaAccountTypeApple:
-        return QStringLiteral("apple");
-    case ORVOrvellaAccountTypeGoogle:
-        return QStringLiteral("google");
-    }
-    return QString();
-}
-
 QString ORVOrvellaAccountAlreadyHaveAccountStringForType(ORVOrvellaAccountType type)
 {
     switch (type) {

@@ -306,6 +306,9 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     }
     request->setCategory(QStringLiteral("Orvella token refresh"));
     request->setMaskRequestLogging(true);
+    // The answer holds the new access token and the rotated device token;
+    // the command log gets its length only.
+    request->setMaskResponseLogging(true);
     request->setPriority(kHighPriority);
 
     auto self = shared_from_this();
