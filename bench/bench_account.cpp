@@ -108,6 +108,8 @@ struct Setup {
         tokens->setNetworkManager(manager);
         manager->setTokenProvider(tokens);
     }
+    // Fetches a token into the cache.
+    void warm();
 };
 
 size_t fetches()
@@ -127,17 +129,21 @@ bool spinUntil(const std::function<bool()> &done)
     return true;
 }
 
+void Setup::warm()
+{
+    std::atomic<bool> warmed = false;
+    tokens->requestTokenForAccount(account, [&](const QString &, const ORVError &) { warmed = true; });
+    spinUntil([&] { return warmed.load(); });
+}
+
 // 1,000 token requests at once; the median gap between successive replies.
 void tokenReplies(benchmark::State &state, bool cached)
 {
     Setup setup;
     for (auto _ : state) {
         setup.tokens->resetTokensForAccountWithIdentifier(setup.account->identifier());
-        if (cached) {
-            std::atomic<bool> warmed = false;
-            setup.tokens->requestTokenForAccount(setup.account, [&](const QString &, const ORVError &) { warmed = true; });
-            spinUntil([&] { return warmed.load(); });
-        }
+        if (cached)
+            setup.warm();
         const size_t before = fetches();
         std::vector<Clock::time_point> replies(kCallers);
         std::atomic<int> count = 0;
@@ -185,11 +191,8 @@ void accountRequests(benchmark::State &state, bool cached)
     for (auto _ : state) {
         state.PauseTiming();
         setup.tokens->resetTokensForAccountWithIdentifier(setup.account->identifier());
-        if (cached) {
-            std::atomic<bool> warmed = false;
-            setup.tokens->requestTokenForAccount(setup.account, [&](const QString &, const ORVError &) { warmed = true; });
-            spinUntil([&] { return warmed.load(); });
-        }
+        if (cached)
+            setup.warm();
         const size_t before = fetches();
         state.ResumeTiming();
         int finished = 0;

@@ -2,7 +2,7 @@
 // the others by the ubiquitous key-value store, and checked against a
 // verification record on the server (the user name encrypted with the key).
 
-#include "ORVAccountActivity.h"
+#include "ORVAccountSupport.h"
 
 #include <OrvellaKit/ORVData.h>
 #include <OrvellaKit/ORVErrors.h>
@@ -31,7 +31,7 @@ ORVError keyError(qint64 code, const ORVError &underlying = ORVError())
     QVariantMap userInfo;
     if (underlying)
         userInfo.insert(ORVUnderlyingErrorKey, QVariant::fromValue(underlying));
-    return ORVError(ORVOrvellaTokenManagerErrorDomain, code, userInfo);
+    return orv::detail::tokenError(code, userInfo);
 }
 
 QUrl verificationRecordURL(const ORVOrvellaAccount &account)

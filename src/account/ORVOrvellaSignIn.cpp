@@ -2,7 +2,7 @@
 // operations of ORVOrvellaTokenManager that turn what the user proves into a
 // device registration.
 
-#include "ORVAccountActivity.h"
+#include "ORVAccountSupport.h"
 
 #include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVErrors.h>
@@ -25,11 +25,6 @@ const QString ORVOrvellaAccountLastUsedEmailUbiquitousKey = QStringLiteral("zel-
 namespace {
 
 constexpr const char *kFile = "ORVOrvellaTokenManager";
-
-ORVError tokenError(qint64 code, QVariantMap userInfo = {})
-{
-    return ORVError(ORVOrvellaTokenManagerErrorDomain, code, std::move(userInfo));
-}
 
 bool isSuccess(int status)
 {
@@ -70,6 +65,8 @@ ORVURLRequest jsonPost(const QUrl &url, const QJsonObject &body, double timeout)
 }
 
 } // namespace
+
+using orv::detail::tokenError;
 
 QString ORVOrvellaAccountAlreadyHaveAccountStringForType(ORVOrvellaAccountType type)
 {

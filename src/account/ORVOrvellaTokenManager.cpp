@@ -1,4 +1,5 @@
 #include "../platform/ORVSystemBus.h"
+#include "ORVAccountSupport.h"
 
 #include <OrvellaKit/ORVAsyncOperation.h>
 #include <OrvellaKit/ORVBundle.h>
@@ -37,11 +38,6 @@ constexpr float kHighPriority = 0.75f;
 std::mutex registrationLock;
 std::shared_ptr<ORVOrvellaTokenManager> registeredManager;
 
-ORVError tokenError(qint64 code, QVariantMap userInfo = {})
-{
-    return ORVError(ORVOrvellaTokenManagerErrorDomain, code, std::move(userInfo));
-}
-
 QString loginName()
 {
     if (const passwd *entry = ::getpwuid(::geteuid()); entry && entry->pw_name)
@@ -50,6 +46,8 @@ QString loginName()
 }
 
 } // namespace
+
+using orv::detail::tokenError;
 
 ORVOrvellaTokenManager::ORVOrvellaTokenManager() : _tokenRequestQueue(std::make_shared<ORVOperationQueue>())
 {

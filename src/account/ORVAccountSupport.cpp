@@ -1,10 +1,17 @@
-#include "ORVAccountActivity.h"
+#include "ORVAccountSupport.h"
+
+#include <OrvellaKit/ORVOrvellaNetworkManager.h>
 
 #include <OrvellaKit/ORVLogging.h>
 
 ORV_LOG_FILE("Token Manager")
 
 namespace orv::detail {
+
+ORVError tokenError(qint64 code, QVariantMap userInfo)
+{
+    return ORVError(ORVOrvellaTokenManagerErrorDomain, code, std::move(userInfo));
+}
 
 ORVBackgroundTaskToken beginAccountActivity(const QString &name)
 {

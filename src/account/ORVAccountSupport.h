@@ -1,10 +1,14 @@
 #pragma once
 
-// Background activities around the account operations of the token manager.
+// Shared pieces of the token manager's account operations.
 
 #include <OrvellaKit/ORVCoordinator.h>
+#include <OrvellaKit/ORVError.h>
 
 namespace orv::detail {
+
+// An error of ORVOrvellaTokenManagerErrorDomain.
+ORVError tokenError(qint64 code, QVariantMap userInfo = {});
 
 // Begins a background activity named `name` through the platform
 // coordinator; should it expire, "<name> background task expired" is logged
