@@ -7,6 +7,7 @@
 #include <OrvellaKit/ORVCommandLogger.h>
 #include <OrvellaKit/ORVCoordinator.h>
 #include <OrvellaKit/ORVData.h>
+#include <OrvellaKit/ORVDataCollectionManager.h>
 #include <OrvellaKit/ORVDebug.h>
 #include <OrvellaKit/ORVDispatchMainQueue.h>
 #include <OrvellaKit/ORVDispatchQueue.h>

@@ -105,6 +105,8 @@ std::optional<ServiceReply> AccountService::handle(const std::string &method, co
         return registerAccount(body);
     if (method == "POST" && path == "/v1/account/device/")
         return registerOtherDevice(body, authorization);
+    if (method == "POST" && path == "/v1/usage/collect/")
+        return collect(body);
     if (method == "POST" && (path == "/v1/test/identity-token/" || path == "/v1/test/magic-token/"))
         return testToken(path, body);
     const std::string keyValuePrefix = "/keyvalue/v1/";
@@ -443,6 +445,40 @@ ServiceReply AccountService::keyValueRequest(const std::string &method, const st
         return erased ? ServiceReply{204, "", "application/json"} : error(404, "not_found", "No value is stored under this key.");
     }
     return error(405, "method_not_allowed", "Use GET, PUT or DELETE.");
+}
+
+void AccountService::setCollectionStatus(int status)
+{
+    std::lock_guard lock(_lock);
+    _collectionStatus = status;
+}
+
+std::vector<int> AccountService::collectedBatches() const
+{
+    std::lock_guard lock(_lock);
+    return _collectedBatches;
+}
+
+std::vector<std::string> AccountService::collectedReports() const
+{
+    std::lock_guard lock(_lock);
+    return _collectedReports;
+}
+
+ServiceReply AccountService::collect(const std::string &body)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(body), &parseError);
+    if (parseError.error != QJsonParseError::NoError || !document.isArray())
+        return error(400, "malformed_request", "The body is not a JSON array of reports.");
+    std::lock_guard lock(_lock);
+    if (_collectionStatus < 200 || _collectionStatus > 299)
+        return error(_collectionStatus, "refused", "The collection server refuses reports for now.");
+    const QJsonArray reports = document.array();
+    _collectedBatches.push_back(static_cast<int>(reports.size()));
+    for (const QJsonValue &report : reports)
+        _collectedReports.push_back(QJsonDocument(report.toObject()).toJson(QJsonDocument::Compact).toStdString());
+    return {_collectionStatus, json({{"received", static_cast<int>(reports.size())}})};
 }
 
 ServiceReply AccountService::testToken(const std::string &path, const std::string &body)

@@ -22,6 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace orv::server {
 
@@ -63,6 +64,14 @@ public:
     int grants() const;
     // The user name of the account with this e-mail address.
     std::optional<std::string> userForEmail(const std::string &email) const;
+    // The usage-report collection endpoint (POST /v1/usage/collect/, a JSON
+    // array of reports): the status it answers with (200 at first; any other
+    // value refuses and keeps nothing) and the batches it accepted, each the
+    // number of reports in it.
+    void setCollectionStatus(int status);
+    std::vector<int> collectedBatches() const;
+    // Every accepted report, in order of arrival.
+    std::vector<std::string> collectedReports() const;
     // A value of the user's key-value store.
     std::optional<std::string> keyValue(const std::string &user, const std::string &key) const;
     void setKeyValue(const std::string &user, const std::string &key, const std::string &value);
@@ -88,6 +97,7 @@ private:
     ServiceReply registerOtherDevice(const std::string &body, const std::string &authorization);
     ServiceReply keyValueRequest(const std::string &method, const std::string &key, const std::string &body,
                                  const std::string &authorization);
+    ServiceReply collect(const std::string &body);
     ServiceReply testToken(const std::string &path, const std::string &body);
     // The reply of a successful sign-in: a new device and a first token.
     ServiceReply signedInLocked(const std::string &user);
@@ -104,6 +114,9 @@ private:
     std::map<std::string, Identity> _identityTokens;                    // identity token to identity
     std::map<std::string, std::string> _magicTokens;                    // magic token to e-mail address
     std::map<std::string, std::map<std::string, std::string>> _values;  // user to key to bytes
+    int _collectionStatus = 200;
+    std::vector<int> _collectedBatches;
+    std::vector<std::string> _collectedReports; // compact JSON
     std::chrono::seconds _lifetime{3600};
     int _generation = 1;
     int _grants = 0;

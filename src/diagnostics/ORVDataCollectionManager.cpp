@@ -1,0 +1,348 @@
+#include <OrvellaKit/ORVDataCollectionManager.h>
+
+#include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVStandardPaths.h>
+#include <OrvellaKit/ORVURLSession.h>
+
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QSaveFile>
+#include <QThread>
+#include <QTimer>
+
+#include <cmath>
+
+namespace {
+
+constexpr const char *kFile = "ORVDataCollectionManager";
+constexpr const char *kClass = "ORVDataCollectionManager";
+constexpr qsizetype kBatchSize = 50;
+constexpr double kTimeout = 30.0;
+
+const QDateTime &referenceDate()
+{
+    static const QDateTime date(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC);
+    return date;
+}
+
+std::optional<QString> stringValue(const QJsonObject &object, const char *key)
+{
+    const QJsonValue value = object.value(QLatin1String(key));
+    return value.isString() ? std::optional<QString>(value.toString()) : std::nullopt;
+}
+
+std::mutex sharedLock;
+std::shared_ptr<ORVDataCollectionManager> sharedInstance;
+
+} // namespace
+
+// --- item -----------------------------------------------------------------------
+
+ORVDataCollectionItem::ORVDataCollectionItem(const QJsonObject &dictionary)
+    : text(stringValue(dictionary, "text")), category(stringValue(dictionary, "category")),
+      language(stringValue(dictionary, "language")), country(stringValue(dictionary, "country"))
+{
+    const QJsonValue info = dictionary.value(QStringLiteral("userInfo"));
+    if (info.isObject())
+        userInfo = info.toObject();
+    const QJsonValue date = dictionary.value(QStringLiteral("scheduledSubmissionDate"));
+    std::optional<double> seconds;
+    if (date.isDouble()) {
+        seconds = date.toDouble();
+    } else if (date.isString()) {
+        bool ok = false;
+        const double parsed = date.toString().trimmed().toDouble(&ok);
+        if (ok)
+            seconds = parsed;
+    }
+    // Beyond a few million years QDateTime cannot follow; such a date is no date.
+    if (seconds && std::isfinite(*seconds) && std::abs(*seconds) < 1e14)
+        scheduledSubmissionDate = referenceDate().addMSecs(qRound64(*seconds * 1000.0));
+}
+
+QJsonObject ORVDataCollectionItem::JSONDictionaryForSubmission() const
+{
+    QJsonObject object;
+    if (text)
+        object.insert(QStringLiteral("text"), *text);
+    if (category)
+        object.insert(QStringLiteral("category"), *category);
+    if (language)
+        object.insert(QStringLiteral("language"), *language);
+    if (country)
+        object.insert(QStringLiteral("country"), *country);
+    if (userInfo)
+        object.insert(QStringLiteral("userInfo"), *userInfo);
+    return object;
+}
+
+QJsonObject ORVDataCollectionItem::JSONDictionaryForStorage() const
+{
+    QJsonObject object = JSONDictionaryForSubmission();
+    if (scheduledSubmissionDate)
+        object.insert(QStringLiteral("scheduledSubmissionDate"),
+                      referenceDate().msecsTo(*scheduledSubmissionDate) / 1000.0);
+    return object;
+}
+
+// --- manager --------------------------------------------------------------------
+
+ORVDataCollectionManager::ORVDataCollectionManager() = default;
+
+ORVDataCollectionManager::~ORVDataCollectionManager()
+{
+    if (_submissionTimer) {
+        if (_submissionTimer->thread() == QThread::currentThread())
+            delete _submissionTimer;
+        else
+            _submissionTimer->deleteLater();
+    }
+}
+
+std::shared_ptr<ORVDataCollectionManager>
+ORVDataCollectionManager::sharedManagerMadeBy(const std::function<std::shared_ptr<ORVDataCollectionManager>()> &make)
+{
+    std::lock_guard lock(sharedLock);
+    if (!sharedInstance)
+        sharedInstance = make();
+    return sharedInstance;
+}
+
+QUrl ORVDataCollectionManager::submissionURL() const
+{
+    std::lock_guard lock(_settingsLock);
+    return _submissionURL;
+}
+
+void ORVDataCollectionManager::setSubmissionURL(const QUrl &url)
+{
+    std::lock_guard lock(_settingsLock);
+    _submissionURL = url;
+}
+
+double ORVDataCollectionManager::submissionDelay() const
+{
+    std::lock_guard lock(_settingsLock);
+    return _submissionDelay;
+}
+
+void ORVDataCollectionManager::setSubmissionDelay(double seconds)
+{
+    std::lock_guard lock(_settingsLock);
+    _submissionDelay = seconds;
+}
+
+QUrl ORVDataCollectionManager::URLForPendingItems() const
+{
+    return QUrl::fromLocalFile(QDir(ORVApplicationSupportDirectory(true)).filePath(QStringLiteral("PendingSubmissions.json")));
+}
+
+void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, std::function<void()> queued)
+{
+    addItem(std::move(item), submissionDelay(), std::move(queued));
+}
+
+void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, double delay, std::function<void()> queued)
+{
+    if (!ORVMethodParameterAssert(!item.scheduledSubmissionDate, "[item scheduledSubmissionDate] == nil",
+                                  "addItem:submissionDelay:", kClass, kFile))
+        return;
+    item.scheduledSubmissionDate = QDateTime::currentDateTimeUtc().addMSecs(qRound64(delay * 1000.0));
+    ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)
+        ->async([this, item = std::move(item), queued = std::move(queued)] {
+            {
+                std::lock_guard lock(_fileLock);
+                bool readable = true;
+                QList<ORVDataCollectionItem> items = readLocked(&readable);
+                items.append(item);
+                writeLocked(items, readable);
+            }
+            submitPendingItemsWithCompletionHandler();
+            if (queued)
+                queued();
+        });
+}
+
+QList<ORVDataCollectionItem> ORVDataCollectionManager::pendingItems() const
+{
+    std::lock_guard lock(_fileLock);
+    return readLocked(nullptr);
+}
+
+QList<ORVDataCollectionItem> ORVDataCollectionManager::readLocked(bool *readable) const
+{
+    if (readable)
+        *readable = true;
+    QFile file(URLForPendingItems().toLocalFile());
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
+    if (parseError.error != QJsonParseError::NoError) {
+        qWarning("Unreadable pending submissions file %s: %s", qPrintable(file.fileName()),
+                 qPrintable(parseError.errorString()));
+        if (readable)
+            *readable = false;
+        return {};
+    }
+    if (!document.isArray()) {
+        qWarning("Unexpected JSON object: %s", document.toJson(QJsonDocument::Compact).constData());
+        if (readable)
+            *readable = false;
+        return {};
+    }
+    QList<ORVDataCollectionItem> items;
+    for (const QJsonValue &element : document.array()) {
+        // An element that is no object holds no report.
+        if (element.isObject())
+            items.append(ORVDataCollectionItem(element.toObject()));
+    }
+    return items;
+}
+
+void ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollectionItem> &items)
+{
+    std::lock_guard lock(_fileLock);
+    bool readable = true;
+    readLocked(&readable);
+    writeLocked(items, readable);
+}
+
+void ORVDataCollectionManager::writeLocked(const QList<ORVDataCollectionItem> &items, bool replacesReadableFile)
+{
+    const QString path = URLForPendingItems().toLocalFile();
+    // A file that is not a queue may still be worth something to someone:
+    // it is kept beside the new one rather than overwritten.
+    if (!replacesReadableFile) {
+        const QString aside = path + QStringLiteral(".unreadable");
+        QFile::remove(aside);
+        QFile::rename(path, aside);
+    }
+    QJsonArray array;
+    for (const ORVDataCollectionItem &item : items)
+        array.append(item.JSONDictionaryForStorage());
+    // Atomic, so a crash mid-write cannot cut the queue short.
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return;
+    file.write(QJsonDocument(array).toJson(QJsonDocument::Compact));
+    file.commit();
+}
+
+void ORVDataCollectionManager::submitPendingItemsWithCompletionHandler(SubmissionHandler handler)
+{
+    const QUrl url = submissionURL();
+    if (!ORVMethodParameterAssert(!url.isEmpty(), "[self submissionURL] != nil",
+                                  "submitPendingItemsWithCompletionHandler:", kClass, kFile)) {
+        if (handler)
+            ORVDispatchQueue::mainQueue()->async([handler] { handler(ORVError(), 0); });
+        return;
+    }
+    submitBatch(std::move(handler));
+}
+
+void ORVDataCollectionManager::submitBatch(SubmissionHandler handler)
+{
+    const auto finish = [](const SubmissionHandler &h, const ORVError &error, quint64 count) {
+        if (h)
+            ORVDispatchQueue::mainQueue()->async([h, error, count] { h(error, count); });
+    };
+    if (_submissionDisabledCount.load() != 0)
+        return finish(handler, ORVError(), 0);
+
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    QJsonArray batch;
+    QList<ORVDataCollectionItem> sent;
+    bool more = false;
+    for (const ORVDataCollectionItem &item : pendingItems()) {
+        const bool due = item.scheduledSubmissionDate && now.msecsTo(*item.scheduledSubmissionDate) < 0;
+        if (!due)
+            continue;
+        if (batch.size() < kBatchSize) {
+            batch.append(item.JSONDictionaryForSubmission());
+            sent.append(item);
+        } else {
+            more = true;
+        }
+    }
+    if (batch.isEmpty())
+        return finish(handler, ORVError(), 0);
+
+    ORVURLRequest request(submissionURL());
+    request.setCachePolicy(ORVURLRequestReloadIgnoringLocalCacheData);
+    request.setTimeoutInterval(kTimeout);
+    request.setHTTPMethod(QStringLiteral("POST"));
+    request.setValue(QStringLiteral("application/json"), QStringLiteral("Content-Type"));
+    request.setHTTPBody(QJsonDocument(batch).toJson(QJsonDocument::Compact));
+
+    auto task = ORVURLSession::sharedSession()->dataTaskWithRequest(
+        request, [this, handler, sent, more, finish](const QByteArray &, const std::optional<ORVHTTPURLResponse> &response,
+                                                      const ORVError &error) {
+            ORVDispatchQueue::mainQueue()->async([this, handler, sent, more, finish, response, error] {
+                const int status = response ? response->statusCode() : 0;
+                if (status < 200 || status > 299)
+                    return finish(handler, error, 0);
+                {
+                    // Only now do the sent items leave the queue. The file is
+                    // read again, so items added meanwhile stay.
+                    std::lock_guard lock(_fileLock);
+                    bool readable = true;
+                    QList<ORVDataCollectionItem> remaining = readLocked(&readable);
+                    for (const ORVDataCollectionItem &item : sent)
+                        remaining.removeOne(item);
+                    writeLocked(remaining, readable);
+                }
+                if (more)
+                    submitBatch(handler);
+                else
+                    finish(handler, ORVError(), static_cast<quint64>(sent.size()));
+            });
+        });
+    if (!task)
+        return finish(handler, ORVError(), 0);
+    task->resume();
+}
+
+void ORVDataCollectionManager::beginSubmissionDisabled()
+{
+    ++_submissionDisabledCount;
+}
+
+void ORVDataCollectionManager::endSubmissionDisabled()
+{
+    if (!ORVMethodParameterAssert(_submissionDisabledCount.load() > 0, "_submissionDisabledCount > 0",
+                                  "endSubmissionDisabled", kClass, kFile))
+        return;
+    --_submissionDisabledCount;
+}
+
+void ORVDataCollectionManager::startSubmissionTimer()
+{
+    stopSubmissionTimer();
+    _submissionTimer = new QTimer();
+    // A whole-second timer: the system may fire it late, well within the
+    // tolerance, to save wake-ups.
+    _submissionTimer->setTimerType(Qt::VeryCoarseTimer);
+    _submissionTimer->setInterval(static_cast<int>(submissionTimerInterval * 1000));
+    QObject::connect(_submissionTimer, &QTimer::timeout, [this] { submissionTimerFired(); });
+    _submissionTimer->start();
+}
+
+void ORVDataCollectionManager::stopSubmissionTimer()
+{
+    delete _submissionTimer;
+    _submissionTimer = nullptr;
+}
+
+bool ORVDataCollectionManager::isSubmissionTimerActive() const
+{
+    return _submissionTimer && _submissionTimer->isActive();
+}
+
+void ORVDataCollectionManager::submissionTimerFired()
+{
+    submitPendingItemsWithCompletionHandler();
+}
