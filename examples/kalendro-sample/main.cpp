@@ -23,7 +23,10 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QTextStream>
+#include <QThread>
 #include <QTimer>
+
+#include <atomic>
 
 ORV_LOG_FILE("Kalendro")
 
@@ -280,7 +283,20 @@ int main(int argc, char **argv)
     ORVLogInfo("Kalendro sample started with OrvellaKit %@", ORVOrvellaKitVersionString());
     say(ORVStringWithFormat("logging set up at level %lu", ORVDebug::sharedDebug()->logLevel()));
 
-    // 6. The session: account, sign-in, token, a request, the key.
+    // 6. One usage report, due in a week, to the server's collection endpoint.
+    auto usage = ORVDataCollectionManager::sharedManager();
+    usage->setSubmissionURL(serverURL.resolved(QUrl(QStringLiteral("v1/usage/collect/"))));
+    ORVDataCollectionItem launch;
+    launch.text = QStringLiteral("Kalendro sample launched");
+    launch.category = QStringLiteral("launch");
+    launch.language = QLocale().name().section(QLatin1Char('_'), 0, 0);
+    launch.country = QLocale::territoryToCode(QLocale().territory());
+    launch.userInfo = QJsonObject{{"version", bundle.objectForInfoDictionaryKey("CFBundleVersion").toString()}};
+    std::atomic<bool> usageQueued = false;
+    usage->addItem(launch, [&usageQueued] { usageQueued = true; });
+    usage->startSubmissionTimer();
+
+    // 7. The session: account, sign-in, token, a request, the key.
     Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
                     parser.value(nameOption), parser.isSet(refreshOption));
     ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
@@ -290,6 +306,12 @@ int main(int argc, char **argv)
     });
     const int status = QApplication::exec();
 
+    usage->stopSubmissionTimer();
+    // The report is written on a background queue; a quick run may end first.
+    for (int i = 0; i < 200 && !usageQueued; ++i)
+        QThread::msleep(10);
+    say(ORVStringWithFormat("usage reports waiting in %@: %ld", usage->URLForPendingItems().toLocalFile(),
+                            static_cast<long>(usage->pendingItems().size())));
     secrets->flush();
     ORVDebug::sharedDebug()->fileLogger()->flush();
     say(status == 0 ? QStringLiteral("done") : QStringLiteral("stopped after an error"));

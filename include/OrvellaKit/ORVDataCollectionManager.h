@@ -54,7 +54,9 @@ public:
     bool operator==(const ORVDataCollectionItem &) const = default;
 };
 
-class ORVDataCollectionManager {
+// Background work holds the manager: make it with std::make_shared (or use
+// sharedManager()), never on the stack.
+class ORVDataCollectionManager : public std::enable_shared_from_this<ORVDataCollectionManager> {
 public:
     // The handler of a submission: an error (or a null one) and the number of
     // reports sent.

@@ -152,7 +152,7 @@ void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, double delay,
         return;
     item.scheduledSubmissionDate = QDateTime::currentDateTimeUtc().addMSecs(qRound64(delay * 1000.0));
     ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)
-        ->async([this, item = std::move(item), queued = std::move(queued)] {
+        ->async([self = shared_from_this(), this, item = std::move(item), queued = std::move(queued)] {
             {
                 std::lock_guard lock(_fileLock);
                 bool readable = true;
@@ -279,24 +279,24 @@ void ORVDataCollectionManager::submitBatch(SubmissionHandler handler)
     request.setHTTPBody(QJsonDocument(batch).toJson(QJsonDocument::Compact));
 
     auto task = ORVURLSession::sharedSession()->dataTaskWithRequest(
-        request, [this, handler, sent, more, finish](const QByteArray &, const std::optional<ORVHTTPURLResponse> &response,
-                                                      const ORVError &error) {
-            ORVDispatchQueue::mainQueue()->async([this, handler, sent, more, finish, response, error] {
+        request, [self = shared_from_this(), handler, sent, more, finish](
+                     const QByteArray &, const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
+            ORVDispatchQueue::mainQueue()->async([self, handler, sent, more, finish, response, error] {
                 const int status = response ? response->statusCode() : 0;
                 if (status < 200 || status > 299)
                     return finish(handler, error, 0);
                 {
                     // Only now do the sent items leave the queue. The file is
                     // read again, so items added meanwhile stay.
-                    std::lock_guard lock(_fileLock);
+                    std::lock_guard lock(self->_fileLock);
                     bool readable = true;
-                    QList<ORVDataCollectionItem> remaining = readLocked(&readable);
+                    QList<ORVDataCollectionItem> remaining = self->readLocked(&readable);
                     for (const ORVDataCollectionItem &item : sent)
                         remaining.removeOne(item);
-                    writeLocked(remaining, readable);
+                    self->writeLocked(remaining, readable);
                 }
                 if (more)
-                    submitBatch(handler);
+                    self->submitBatch(handler);
                 else
                     finish(handler, ORVError(), static_cast<quint64>(sent.size()));
             });
@@ -327,6 +327,7 @@ void ORVDataCollectionManager::startSubmissionTimer()
     // tolerance, to save wake-ups.
     _submissionTimer->setTimerType(Qt::VeryCoarseTimer);
     _submissionTimer->setInterval(static_cast<int>(submissionTimerInterval * 1000));
+    // The timer belongs to the manager, so it never fires after it.
     QObject::connect(_submissionTimer, &QTimer::timeout, [this] { submissionTimerFired(); });
     _submissionTimer->start();
 }

@@ -8,6 +8,7 @@
 
 #include <QDir>
 #include <QDirIterator>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
@@ -112,4 +113,20 @@ TEST_F(SampleSecurityTest, NoSecretReachesLogsCommandLogOrOutput)
         }
         EXPECT_FALSE(tokenPattern.match(text).hasMatch()) << "a token found in " << qPrintable(name);
     }
+}
+
+TEST_F(SampleSecurityTest, QueuesOneUsageReportAtLaunch)
+{
+    ASSERT_EQ(runSample({}), 0) << qPrintable(output);
+    QFile queueFile(QDir(dataFolder()).filePath("PendingSubmissions.json"));
+    ASSERT_TRUE(queueFile.open(QIODevice::ReadOnly));
+    const QJsonArray queued = QJsonDocument::fromJson(queueFile.readAll()).array();
+    ASSERT_EQ(queued.size(), 1);
+    const QJsonObject report = queued[0].toObject();
+    EXPECT_EQ(report.value("category").toString(), "launch");
+    EXPECT_EQ(report.value("text").toString(), "Kalendro sample launched");
+    // Due a week after the launch, counted from 2001-01-01 UTC.
+    const double due = report.value("scheduledSubmissionDate").toDouble();
+    const double now = QDateTime(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC).msecsTo(QDateTime::currentDateTimeUtc()) / 1000.0;
+    EXPECT_NEAR(due - now, 604800, 120);
 }

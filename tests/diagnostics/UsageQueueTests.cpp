@@ -53,31 +53,31 @@ protected:
     void SetUp() override
     {
         AccountServerTest::SetUp();
-        queue.setSubmissionURL(url("/v1/usage/collect/"));
+        queue->setSubmissionURL(url("/v1/usage/collect/"));
     }
     QByteArray fileContents() const
     {
-        QFile file(queue.URLForPendingItems().toLocalFile());
+        QFile file(queue->URLForPendingItems().toLocalFile());
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
     void writeFile(const QByteArray &contents)
     {
-        QFile file(queue.URLForPendingItems().toLocalFile());
+        QFile file(queue->URLForPendingItems().toLocalFile());
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(contents);
     }
     size_t posts() const { return server.requestCount("/v1/usage/collect/"); }
 
-    ORVDataCollectionManager queue;
+    std::shared_ptr<ORVDataCollectionManager> queue = std::make_shared<ORVDataCollectionManager>();
 };
 
 } // namespace
 
 TEST_F(UsageQueueTest, ItemFormsAndDefaults)
 {
-    EXPECT_EQ(queue.submissionDelay(), 604800.0);
-    EXPECT_TRUE(queue.URLForPendingItems().toLocalFile().endsWith("/PendingSubmissions.json"));
-    EXPECT_TRUE(queue.pendingItems().isEmpty());
+    EXPECT_EQ(queue->submissionDelay(), 604800.0);
+    EXPECT_TRUE(queue->URLForPendingItems().toLocalFile().endsWith("/PendingSubmissions.json"));
+    EXPECT_TRUE(queue->pendingItems().isEmpty());
 
     ORVDataCollectionItem item;
     item.text = "crashed";
@@ -100,9 +100,9 @@ TEST_F(UsageQueueTest, ItemFormsAndDefaults)
     ASSERT_TRUE(read.scheduledSubmissionDate);
     EXPECT_EQ(*read.scheduledSubmissionDate, kReference.addMSecs(-86400250));
 
-    queue.setPendingItems({item, read});
-    EXPECT_EQ(queue.pendingItems(), (QList<ORVDataCollectionItem>{item, read}));
-    queue.setPendingItems({});
+    queue->setPendingItems({item, read});
+    EXPECT_EQ(queue->pendingItems(), (QList<ORVDataCollectionItem>{item, read}));
+    queue->setPendingItems({});
     EXPECT_EQ(fileContents(), "[]");
 }
 
@@ -111,10 +111,10 @@ TEST_F(UsageQueueTest, LongQueueIsDrainedFiftyAtATime)
     QList<ORVDataCollectionItem> items;
     for (int i = 0; i < 120; ++i)
         items << makeItem(QString::number(i), -60);
-    queue.setPendingItems(items);
+    queue->setPendingItems(items);
 
     Submission submission;
-    queue.submitPendingItemsWithCompletionHandler(submission.handler());
+    queue->submitPendingItemsWithCompletionHandler(submission.handler());
     ASSERT_TRUE(submission.wait());
     EXPECT_EQ(submission.calls.load(), 1);
     EXPECT_TRUE(submission.onMain);
@@ -137,12 +137,12 @@ TEST_F(UsageQueueTest, LongQueueIsDrainedFiftyAtATime)
 TEST_F(UsageQueueTest, OnlyDueItemsAreSentAndRefusalsKeepEverything)
 {
     const QList<ORVDataCollectionItem> items{makeItem("due", -1), makeItem("later", 3600), makeItem("undated", {})};
-    queue.setPendingItems(items);
+    queue->setPendingItems(items);
     const QByteArray before = fileContents();
 
     server.service().setCollectionStatus(500);
     Submission refused;
-    queue.submitPendingItemsWithCompletionHandler(refused.handler());
+    queue->submitPendingItemsWithCompletionHandler(refused.handler());
     ASSERT_TRUE(refused.wait());
     EXPECT_FALSE(refused.error);
     EXPECT_EQ(refused.count, 0u);
@@ -151,25 +151,25 @@ TEST_F(UsageQueueTest, OnlyDueItemsAreSentAndRefusalsKeepEverything)
     // A transport error comes through, the file still unchanged.
     server.stop();
     Submission offline;
-    queue.submitPendingItemsWithCompletionHandler(offline.handler());
+    queue->submitPendingItemsWithCompletionHandler(offline.handler());
     ASSERT_TRUE(offline.wait());
     EXPECT_TRUE(offline.error);
     EXPECT_EQ(offline.count, 0u);
     EXPECT_EQ(fileContents(), before);
 
     ASSERT_TRUE(server.start());
-    queue.setSubmissionURL(url("/v1/usage/collect/"));
+    queue->setSubmissionURL(url("/v1/usage/collect/"));
     server.service().setCollectionStatus(202);
     Submission accepted;
-    queue.submitPendingItemsWithCompletionHandler(accepted.handler());
+    queue->submitPendingItemsWithCompletionHandler(accepted.handler());
     ASSERT_TRUE(accepted.wait());
     EXPECT_EQ(accepted.count, 1u);
-    EXPECT_EQ(queue.pendingItems(), items.mid(1));
+    EXPECT_EQ(queue->pendingItems(), items.mid(1));
 
     // Nothing due: no post, no rewrite.
     const size_t sent = posts();
     Submission idle;
-    queue.submitPendingItemsWithCompletionHandler(idle.handler());
+    queue->submitPendingItemsWithCompletionHandler(idle.handler());
     ASSERT_TRUE(idle.wait());
     EXPECT_EQ(idle.count, 0u);
     EXPECT_EQ(posts(), sent);
@@ -177,22 +177,22 @@ TEST_F(UsageQueueTest, OnlyDueItemsAreSentAndRefusalsKeepEverything)
 
 TEST_F(UsageQueueTest, DisabledSubmissionSendsNothing)
 {
-    queue.setPendingItems({makeItem("due", -1)});
-    queue.beginSubmissionDisabled();
-    queue.beginSubmissionDisabled();
-    queue.endSubmissionDisabled();
+    queue->setPendingItems({makeItem("due", -1)});
+    queue->beginSubmissionDisabled();
+    queue->beginSubmissionDisabled();
+    queue->endSubmissionDisabled();
     Submission disabled;
-    queue.submitPendingItemsWithCompletionHandler(disabled.handler());
+    queue->submitPendingItemsWithCompletionHandler(disabled.handler());
     ASSERT_TRUE(disabled.wait());
     EXPECT_EQ(disabled.count, 0u);
     EXPECT_EQ(posts(), 0u);
 
-    queue.endSubmissionDisabled();
+    queue->endSubmissionDisabled();
     RecordAssertions record;
-    queue.endSubmissionDisabled();
+    queue->endSubmissionDisabled();
     EXPECT_EQ(record.descriptions(), QStringList{"Invalid parameter not satisfying: _submissionDisabledCount > 0"});
     Submission enabled;
-    queue.submitPendingItemsWithCompletionHandler(enabled.handler());
+    queue->submitPendingItemsWithCompletionHandler(enabled.handler());
     ASSERT_TRUE(enabled.wait());
     EXPECT_EQ(enabled.count, 1u);
 }
@@ -201,38 +201,38 @@ TEST_F(UsageQueueTest, AddingItems)
 {
     {
         RecordAssertions record;
-        queue.addItem(makeItem("dated", 10));
+        queue->addItem(makeItem("dated", 10));
         EXPECT_EQ(record.descriptions(),
                   QStringList{"Invalid parameter not satisfying: [item scheduledSubmissionDate] == nil"});
     }
     std::atomic<int> queued = 0;
     const QDateTime before = QDateTime::currentDateTimeUtc();
-    queue.addItem(makeItem("later", {}), [&] { ++queued; });
+    queue->addItem(makeItem("later", {}), [&] { ++queued; });
     ASSERT_TRUE(waitUntil([&] { return queued.load() == 1; }));
-    const auto items = queue.pendingItems();
+    const auto items = queue->pendingItems();
     ASSERT_EQ(items.size(), 1);
     ASSERT_TRUE(items[0].scheduledSubmissionDate);
     EXPECT_NEAR(before.secsTo(*items[0].scheduledSubmissionDate), 604800, 2);
 
     // A due item goes out as part of the add.
-    queue.addItem(makeItem("now", {}), -1, [&] { ++queued; });
+    queue->addItem(makeItem("now", {}), -1, [&] { ++queued; });
     ASSERT_TRUE(waitUntil([&] { return server.service().collectedBatches().size() == 1; }));
-    ASSERT_TRUE(waitUntil([&] { return queue.pendingItems().size() == 1; }));
-    EXPECT_EQ(queue.pendingItems()[0].text, std::optional<QString>("later"));
+    ASSERT_TRUE(waitUntil([&] { return queue->pendingItems().size() == 1; }));
+    EXPECT_EQ(queue->pendingItems()[0].text, std::optional<QString>("later"));
 }
 
 TEST_F(UsageQueueTest, ItemsAddedDuringASubmissionStay)
 {
-    queue.setPendingItems({makeItem("due", -1)});
+    queue->setPendingItems({makeItem("due", -1)});
     server.script("POST", "/v1/usage/collect/", {ScriptedResponse{200, "{}", "application/json", {}, 300ms}});
     Submission submission;
-    queue.submitPendingItemsWithCompletionHandler(submission.handler());
+    queue->submitPendingItemsWithCompletionHandler(submission.handler());
     ASSERT_TRUE(waitUntil([&] { return posts() == 1; }));
     std::atomic<bool> queued = false;
-    queue.addItem(makeItem("added meanwhile", {}), [&] { queued = true; });
+    queue->addItem(makeItem("added meanwhile", {}), [&] { queued = true; });
     ASSERT_TRUE(submission.wait());
     ASSERT_TRUE(waitUntil([&] { return queued.load(); }));
-    const auto items = queue.pendingItems();
+    const auto items = queue->pendingItems();
     ASSERT_EQ(items.size(), 1);
     EXPECT_EQ(items[0].text, std::optional<QString>("added meanwhile"));
 }
@@ -254,13 +254,13 @@ TEST_F(UsageQueueTest, BadFilesReadAsDocumentedAndAreKeptAside)
     };
     for (const Case &c : cases) {
         writeFile(c.contents);
-        QFile::remove(queue.URLForPendingItems().toLocalFile() + ".unreadable");
-        EXPECT_EQ(queue.pendingItems().size(), c.items) << c.name;
+        QFile::remove(queue->URLForPendingItems().toLocalFile() + ".unreadable");
+        EXPECT_EQ(queue->pendingItems().size(), c.items) << c.name;
         std::atomic<bool> queued = false;
-        queue.addItem(makeItem("new", {}), [&] { queued = true; });
+        queue->addItem(makeItem("new", {}), [&] { queued = true; });
         ASSERT_TRUE(waitUntil([&] { return queued.load(); })) << c.name;
-        EXPECT_EQ(queue.pendingItems().size(), c.items + 1) << c.name;
-        QFile aside(queue.URLForPendingItems().toLocalFile() + ".unreadable");
+        EXPECT_EQ(queue->pendingItems().size(), c.items + 1) << c.name;
+        QFile aside(queue->URLForPendingItems().toLocalFile() + ".unreadable");
         EXPECT_EQ(aside.exists(), c.keptAside) << c.name;
         if (c.keptAside) {
             ASSERT_TRUE(aside.open(QIODevice::ReadOnly));
@@ -271,11 +271,11 @@ TEST_F(UsageQueueTest, BadFilesReadAsDocumentedAndAreKeptAside)
 
 TEST_F(UsageQueueTest, SubmissionTimer)
 {
-    EXPECT_FALSE(queue.isSubmissionTimerActive());
-    queue.startSubmissionTimer();
-    EXPECT_TRUE(queue.isSubmissionTimerActive());
-    queue.startSubmissionTimer(); // replaces the first
-    EXPECT_TRUE(queue.isSubmissionTimerActive());
-    queue.stopSubmissionTimer();
-    EXPECT_FALSE(queue.isSubmissionTimerActive());
+    EXPECT_FALSE(queue->isSubmissionTimerActive());
+    queue->startSubmissionTimer();
+    EXPECT_TRUE(queue->isSubmissionTimerActive());
+    queue->startSubmissionTimer(); // replaces the first
+    EXPECT_TRUE(queue->isSubmissionTimerActive());
+    queue->stopSubmissionTimer();
+    EXPECT_FALSE(queue->isSubmissionTimerActive());
 }
