@@ -14,6 +14,7 @@
 #include <OrvellaKit/ORVError.h>
 
 #include <QDateTime>
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QList>
 #include <QString>
@@ -52,6 +53,9 @@ public:
     QJsonObject JSONDictionaryForSubmission() const;
 
     bool operator==(const ORVDataCollectionItem &) const = default;
+
+    // The "scheduledSubmissionDate" of a storage form, read as above.
+    static std::optional<QDateTime> dateOf(const QJsonObject &dictionary);
 };
 
 // Background work holds the manager: make it with std::make_shared (or use
@@ -126,9 +130,15 @@ private:
     // The queue as read; `readable` false when the file exists but is not a
     // queue (it is then moved aside before the next write).
     QList<ORVDataCollectionItem> readLocked(bool *readable) const;
+    QJsonArray readArrayLocked(bool *readable) const;
+    static QList<ORVDataCollectionItem> itemsOfArray(const QJsonArray &array);
     // `replacesReadableFile` false moves the present file aside first.
     void writeLocked(const QList<ORVDataCollectionItem> &items, bool replacesReadableFile);
-    void submitBatch(SubmissionHandler handler);
+    void writeArrayLocked(const QJsonArray &array, bool replacesReadableFile);
+    // Checks the submission URL, then submitBatch().
+    void submit(SubmissionHandler handler, std::optional<QJsonArray> queue);
+    // Sends the first batch of due items of `queue` (the file's when none).
+    void submitBatch(SubmissionHandler handler, std::optional<QJsonArray> queue);
 
     std::atomic<qint64> _submissionDisabledCount{0};
     QTimer *_submissionTimer = nullptr;

@@ -48,6 +48,11 @@ ORVDataCollectionItem::ORVDataCollectionItem(const QJsonObject &dictionary)
     const QJsonValue info = dictionary.value(QStringLiteral("userInfo"));
     if (info.isObject())
         userInfo = info.toObject();
+    scheduledSubmissionDate = dateOf(dictionary);
+}
+
+std::optional<QDateTime> ORVDataCollectionItem::dateOf(const QJsonObject &dictionary)
+{
     const QJsonValue date = dictionary.value(QStringLiteral("scheduledSubmissionDate"));
     std::optional<double> seconds;
     if (date.isDouble()) {
@@ -59,8 +64,9 @@ ORVDataCollectionItem::ORVDataCollectionItem(const QJsonObject &dictionary)
             seconds = parsed;
     }
     // Beyond a few million years QDateTime cannot follow; such a date is no date.
-    if (seconds && std::isfinite(*seconds) && std::abs(*seconds) < 1e14)
-        scheduledSubmissionDate = referenceDate().addMSecs(qRound64(*seconds * 1000.0));
+    if (!seconds || !std::isfinite(*seconds) || std::abs(*seconds) >= 1e14)
+        return std::nullopt;
+    return referenceDate().addMSecs(qRound64(*seconds * 1000.0));
 }
 
 QJsonObject ORVDataCollectionItem::JSONDictionaryForSubmission() const
@@ -153,14 +159,19 @@ void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, double delay,
     item.scheduledSubmissionDate = QDateTime::currentDateTimeUtc().addMSecs(qRound64(delay * 1000.0));
     ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)
         ->async([self = shared_from_this(), this, item = std::move(item), queued = std::move(queued)] {
+            QJsonArray written;
             {
+                // The file's elements are kept as they are; only the new one
+                // is added.
                 std::lock_guard lock(_fileLock);
                 bool readable = true;
-                QList<ORVDataCollectionItem> items = readLocked(&readable);
-                items.append(item);
-                writeLocked(items, readable);
+                QJsonArray array = readArrayLocked(&readable);
+                array.append(item.JSONDictionaryForStorage());
+                writeArrayLocked(array, readable);
+                written = std::move(array);
             }
-            submitPendingItemsWithCompletionHandler();
+            // The queue just written is the one to look at.
+            submit({}, std::move(written));
             if (queued)
                 queued();
         });
@@ -173,6 +184,11 @@ QList<ORVDataCollectionItem> ORVDataCollectionManager::pendingItems() const
 }
 
 QList<ORVDataCollectionItem> ORVDataCollectionManager::readLocked(bool *readable) const
+{
+    return itemsOfArray(readArrayLocked(readable));
+}
+
+QJsonArray ORVDataCollectionManager::readArrayLocked(bool *readable) const
 {
     if (readable)
         *readable = true;
@@ -194,8 +210,14 @@ QList<ORVDataCollectionItem> ORVDataCollectionManager::readLocked(bool *readable
             *readable = false;
         return {};
     }
+    return document.array();
+}
+
+QList<ORVDataCollectionItem> ORVDataCollectionManager::itemsOfArray(const QJsonArray &array)
+{
     QList<ORVDataCollectionItem> items;
-    for (const QJsonValue &element : document.array()) {
+    items.reserve(array.size());
+    for (const QJsonValue &element : array) {
         // An element that is no object holds no report.
         if (element.isObject())
             items.append(ORVDataCollectionItem(element.toObject()));
@@ -213,6 +235,14 @@ void ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollectionItem
 
 void ORVDataCollectionManager::writeLocked(const QList<ORVDataCollectionItem> &items, bool replacesReadableFile)
 {
+    QJsonArray array;
+    for (const ORVDataCollectionItem &item : items)
+        array.append(item.JSONDictionaryForStorage());
+    writeArrayLocked(array, replacesReadableFile);
+}
+
+void ORVDataCollectionManager::writeArrayLocked(const QJsonArray &array, bool replacesReadableFile)
+{
     const QString path = URLForPendingItems().toLocalFile();
     // A file that is not a queue may still be worth something to someone:
     // it is kept beside the new one rather than overwritten.
@@ -221,9 +251,6 @@ void ORVDataCollectionManager::writeLocked(const QList<ORVDataCollectionItem> &i
         QFile::remove(aside);
         QFile::rename(path, aside);
     }
-    QJsonArray array;
-    for (const ORVDataCollectionItem &item : items)
-        array.append(item.JSONDictionaryForStorage());
     // Atomic, so a crash mid-write cannot cut the queue short.
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly))
@@ -234,17 +261,21 @@ void ORVDataCollectionManager::writeLocked(const QList<ORVDataCollectionItem> &i
 
 void ORVDataCollectionManager::submitPendingItemsWithCompletionHandler(SubmissionHandler handler)
 {
-    const QUrl url = submissionURL();
-    if (!ORVMethodParameterAssert(!url.isEmpty(), "[self submissionURL] != nil",
+    submit(std::move(handler), std::nullopt);
+}
+
+void ORVDataCollectionManager::submit(SubmissionHandler handler, std::optional<QJsonArray> queue)
+{
+    if (!ORVMethodParameterAssert(!submissionURL().isEmpty(), "[self submissionURL] != nil",
                                   "submitPendingItemsWithCompletionHandler:", kClass, kFile)) {
         if (handler)
             ORVDispatchQueue::mainQueue()->async([handler] { handler(ORVError(), 0); });
         return;
     }
-    submitBatch(std::move(handler));
+    submitBatch(std::move(handler), std::move(queue));
 }
 
-void ORVDataCollectionManager::submitBatch(SubmissionHandler handler)
+void ORVDataCollectionManager::submitBatch(SubmissionHandler handler, std::optional<QJsonArray> queue)
 {
     const auto finish = [](const SubmissionHandler &h, const ORVError &error, quint64 count) {
         if (h)
@@ -257,11 +288,21 @@ void ORVDataCollectionManager::submitBatch(SubmissionHandler handler)
     QJsonArray batch;
     QList<ORVDataCollectionItem> sent;
     bool more = false;
-    for (const ORVDataCollectionItem &item : pendingItems()) {
-        const bool due = item.scheduledSubmissionDate && now.msecsTo(*item.scheduledSubmissionDate) < 0;
+    if (!queue) {
+        std::lock_guard lock(_fileLock);
+        queue = readArrayLocked(nullptr);
+    }
+    for (const QJsonValue &element : *queue) {
+        if (!element.isObject())
+            continue;
+        // Only a due element is read whole.
+        const QJsonObject object = element.toObject();
+        const auto date = ORVDataCollectionItem::dateOf(object);
+        const bool due = date && now.msecsTo(*date) < 0;
         if (!due)
             continue;
         if (batch.size() < kBatchSize) {
+            const ORVDataCollectionItem item(object);
             batch.append(item.JSONDictionaryForSubmission());
             sent.append(item);
         } else {
@@ -288,15 +329,23 @@ void ORVDataCollectionManager::submitBatch(SubmissionHandler handler)
                 {
                     // Only now do the sent items leave the queue. The file is
                     // read again, so items added meanwhile stay.
+                    // Only now do the sent items leave the queue. The file is
+                    // read again, so items added meanwhile stay, and what is
+                    // not sent stays as it was written.
                     std::lock_guard lock(self->_fileLock);
                     bool readable = true;
-                    QList<ORVDataCollectionItem> remaining = self->readLocked(&readable);
-                    for (const ORVDataCollectionItem &item : sent)
-                        remaining.removeOne(item);
-                    self->writeLocked(remaining, readable);
+                    const QJsonArray array = self->readArrayLocked(&readable);
+                    QList<ORVDataCollectionItem> unmatched = sent;
+                    QJsonArray remaining;
+                    for (const QJsonValue &element : array) {
+                        if (element.isObject() && unmatched.removeOne(ORVDataCollectionItem(element.toObject())))
+                            continue;
+                        remaining.append(element);
+                    }
+                    self->writeArrayLocked(remaining, readable);
                 }
                 if (more)
-                    self->submitBatch(handler);
+                    self->submitBatch(handler, std::nullopt);
                 else
                     finish(handler, ORVError(), static_cast<quint64>(sent.size()));
             });
