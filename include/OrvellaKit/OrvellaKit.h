@@ -35,6 +35,7 @@
 #include <OrvellaKit/ORVURLRequest.h>
 #include <OrvellaKit/ORVURLSession.h>
 #include <OrvellaKit/ORVUbiquitousKeyValueStore.h>
+#include <OrvellaKit/ORVUserDefaults.h>
 #include <OrvellaKit/ORVVersion.h>
 #include <OrvellaKit/ORVWorkItem.h>
 #include <OrvellaKit/ORVWorkItemMultiplexer.h>

@@ -1,0 +1,97 @@
+#pragma once
+
+// ORVUserDefaults: a store of application settings, kept in a QSettings INI
+// file, with per-key change observation.
+//
+// - The standard store of an application is "$XDG_CONFIG_HOME/<bundle
+//   identifier>.conf"; others are made by name (a file of that name in the
+//   same folder) or by path. One object exists per file in a process, so
+//   every part of the application sees the same values and the same changes.
+// - Every set or removal made in this process is reported, synchronously on
+//   the thread that made it, to the observers of that key. Changes another
+//   process writes to the file are noticed through QFileSystemWatcher (on
+//   the main thread's event loop) and reported for the keys whose values
+//   changed.
+// - Values reach the file on the next pass of the main event loop, or at
+//   synchronize().
+//
+// The object is thread-safe.
+
+#include <QObject>
+#include <QString>
+#include <QStringList>
+#include <QVariant>
+#include <QVariantMap>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+class QFileSystemWatcher;
+class QSettings;
+
+class ORVUserDefaults : public QObject, public std::enable_shared_from_this<ORVUserDefaults> {
+    Q_OBJECT
+public:
+    using ChangeHandler = std::function<void(const QString &key, ORVUserDefaults &defaults)>;
+
+    // The application's store.
+    static std::shared_ptr<ORVUserDefaults> standardUserDefaults();
+    // "<name>.conf" beside the standard store; null for an empty name or one
+    // holding "/".
+    static std::shared_ptr<ORVUserDefaults> defaultsWithSuiteName(const QString &name);
+    // The store of that file (made on first use).
+    static std::shared_ptr<ORVUserDefaults> defaultsWithPath(const QString &filePath);
+
+    ~ORVUserDefaults() override;
+
+    QString filePath() const { return _filePath; }
+
+    // The value set for the key, else the registered default, else invalid.
+    QVariant objectForKey(const QString &key) const;
+    std::optional<QString> stringForKey(const QString &key) const;
+    qint64 integerForKey(const QString &key) const; // 0 when missing or not a number
+    double doubleForKey(const QString &key) const;  // 0.0 likewise
+    bool boolForKey(const QString &key) const;      // false likewise
+    QStringList dictionaryRepresentationKeys() const;
+
+    // An invalid value removes the key.
+    void setObject(const QVariant &value, const QString &key);
+    void setString(const QString &value, const QString &key) { setObject(value, key); }
+    void setInteger(qint64 value, const QString &key) { setObject(value, key); }
+    void setDouble(double value, const QString &key) { setObject(value, key); }
+    void setBool(bool value, const QString &key) { setObject(value, key); }
+    void removeObjectForKey(const QString &key) { setObject(QVariant(), key); }
+
+    // Values answered for keys that have none; not written to the file.
+    void registerDefaults(const QVariantMap &defaults);
+    // Writes pending changes and reads the file again; false on failure.
+    bool synchronize();
+
+    // Observation of one key, by context (one handler per context and key;
+    // adding again replaces it). The handler runs without the store's lock
+    // and may call back into the store.
+    void addObserver(const void *context, const QString &key, ChangeHandler handler);
+    void removeObserver(const void *context, const QString &key);
+    // How many contexts observe the key.
+    int observerCount(const QString &key) const;
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+
+private:
+    explicit ORVUserDefaults(QString filePath);
+    void fileMayHaveChanged();
+    void notify(const QStringList &keys);
+
+    QString _filePath;
+    mutable std::mutex _lock;
+    QSettings *_settings = nullptr;
+    QFileSystemWatcher *_watcher = nullptr;
+    QVariantMap _snapshot;   // what the file held at the last look, plus our sets
+    QVariantMap _registered; // registered defaults
+    mutable std::mutex _observersLock;
+    std::map<QString, std::map<const void *, std::shared_ptr<ChangeHandler>>> _observers;
+};

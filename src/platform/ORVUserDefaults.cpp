@@ -1,0 +1,257 @@
+#include <OrvellaKit/ORVStandardPaths.h>
+#include <OrvellaKit/ORVUserDefaults.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QEvent>
+#include <QFileInfo>
+#include <QFileSystemWatcher>
+#include <QSettings>
+#include <QStandardPaths>
+#include <QThread>
+
+namespace {
+
+std::mutex registryLock;
+std::map<QString, std::weak_ptr<ORVUserDefaults>> &registry()
+{
+    static std::map<QString, std::weak_ptr<ORVUserDefaults>> stores;
+    return stores;
+}
+
+QString configFolder()
+{
+    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
+}
+
+QVariantMap readAll(QSettings &settings)
+{
+    QVariantMap values;
+    for (const QString &key : settings.allKeys())
+        values.insert(key, settings.value(key));
+    return values;
+}
+
+} // namespace
+
+std::shared_ptr<ORVUserDefaults> ORVUserDefaults::standardUserDefaults()
+{
+    return defaultsWithSuiteName(ORVApplicationFolderName());
+}
+
+std::shared_ptr<ORVUserDefaults> ORVUserDefaults::defaultsWithSuiteName(const QString &name)
+{
+    if (name.isEmpty() || name.contains(QLatin1Char('/')))
+        return nullptr;
+    return defaultsWithPath(QDir(configFolder()).filePath(name + QStringLiteral(".conf")));
+}
+
+std::shared_ptr<ORVUserDefaults> ORVUserDefaults::defaultsWithPath(const QString &filePath)
+{
+    const QString path = QFileInfo(filePath).absoluteFilePath();
+    std::lock_guard lock(registryLock);
+    auto &slot = registry()[path];
+    if (auto existing = slot.lock())
+        return existing;
+    std::shared_ptr<ORVUserDefaults> store(new ORVUserDefaults(path));
+    slot = store;
+    return store;
+}
+
+ORVUserDefaults::ORVUserDefaults(QString filePath) : _filePath(std::move(filePath))
+{
+    QDir().mkpath(QFileInfo(_filePath).absolutePath());
+    _settings = new QSettings(_filePath, QSettings::IniFormat, this);
+    // QSettings writes on a later pass of the event loop; that write takes
+    // the store's lock, as every other use of the settings object does.
+    _settings->installEventFilter(this);
+    _snapshot = readAll(*_settings);
+    _watcher = new QFileSystemWatcher(this);
+    // QSettings replaces the file by renaming, which ends a watch on the
+    // file: the folder is watched too and the file watched again.
+    _watcher->addPath(QFileInfo(_filePath).absolutePath());
+    if (QFileInfo::exists(_filePath))
+        _watcher->addPath(_filePath);
+    connect(_watcher, &QFileSystemWatcher::fileChanged, this, &ORVUserDefaults::fileMayHaveChanged);
+    connect(_watcher, &QFileSystemWatcher::directoryChanged, this, &ORVUserDefaults::fileMayHaveChanged);
+    if (QCoreApplication *app = QCoreApplication::instance(); app && thread() != app->thread())
+        moveToThread(app->thread());
+}
+
+ORVUserDefaults::~ORVUserDefaults()
+{
+    {
+        std::lock_guard lock(_lock);
+        _settings->removeEventFilter(this);
+        _settings->sync();
+    }
+    std::lock_guard lock(registryLock);
+    auto it = registry().find(_filePath);
+    if (it != registry().end() && it->second.expired())
+        registry().erase(it);
+}
+
+bool ORVUserDefaults::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == _settings && event->type() == QEvent::UpdateRequest) {
+        std::lock_guard lock(_lock);
+        _settings->sync();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+QVariant ORVUserDefaults::objectForKey(const QString &key) const
+{
+    std::lock_guard lock(_lock);
+    const QVariant value = _settings->value(key);
+    return value.isValid() ? value : _registered.value(key);
+}
+
+std::optional<QString> ORVUserDefaults::stringForKey(const QString &key) const
+{
+    const QVariant value = objectForKey(key);
+    if (!value.isValid() || value.typeId() == QMetaType::QVariantMap || value.typeId() == QMetaType::QVariantList ||
+        value.typeId() == QMetaType::QStringList)
+        return std::nullopt;
+    return value.toString();
+}
+
+qint64 ORVUserDefaults::integerForKey(const QString &key) const
+{
+    bool ok = false;
+    const qint64 number = objectForKey(key).toLongLong(&ok);
+    if (ok)
+        return number;
+    // INI files keep "3.7" as text; read it as the number it names.
+    const double real = objectForKey(key).toDouble(&ok);
+    return ok ? static_cast<qint64>(real) : 0;
+}
+
+double ORVUserDefaults::doubleForKey(const QString &key) const
+{
+    bool ok = false;
+    const double number = objectForKey(key).toDouble(&ok);
+    return ok ? number : 0.0;
+}
+
+bool ORVUserDefaults::boolForKey(const QString &key) const
+{
+    const QVariant value = objectForKey(key);
+    if (value.typeId() == QMetaType::QString) {
+        const QString text = value.toString().trimmed().toLower();
+        if (text == QLatin1String("true") || text == QLatin1String("yes"))
+            return true;
+        bool ok = false;
+        const double number = text.toDouble(&ok);
+        return ok && number != 0.0;
+    }
+    return value.toBool();
+}
+
+QStringList ORVUserDefaults::dictionaryRepresentationKeys() const
+{
+    std::lock_guard lock(_lock);
+    QStringList keys = _settings->allKeys();
+    for (auto it = _registered.begin(); it != _registered.end(); ++it) {
+        if (!keys.contains(it.key()))
+            keys << it.key();
+    }
+    return keys;
+}
+
+void ORVUserDefaults::setObject(const QVariant &value, const QString &key)
+{
+    if (key.isEmpty())
+        return;
+    {
+        std::lock_guard lock(_lock);
+        if (value.isValid()) {
+            _settings->setValue(key, value);
+            // What the file will say once read back (INI keeps text).
+            _snapshot.insert(key, _settings->value(key));
+        } else {
+            _settings->remove(key);
+            _snapshot.remove(key);
+        }
+    }
+    notify({key});
+}
+
+void ORVUserDefaults::registerDefaults(const QVariantMap &defaults)
+{
+    std::lock_guard lock(_lock);
+    for (auto it = defaults.begin(); it != defaults.end(); ++it)
+        _registered.insert(it.key(), it.value());
+}
+
+bool ORVUserDefaults::synchronize()
+{
+    std::lock_guard lock(_lock);
+    _settings->sync();
+    return _settings->status() == QSettings::NoError;
+}
+
+void ORVUserDefaults::fileMayHaveChanged()
+{
+    if (QFileInfo::exists(_filePath) && !_watcher->files().contains(_filePath))
+        _watcher->addPath(_filePath);
+    QStringList changed;
+    {
+        std::lock_guard lock(_lock);
+        _settings->sync();
+        const QVariantMap now = readAll(*_settings);
+        for (auto it = now.begin(); it != now.end(); ++it) {
+            if (_snapshot.value(it.key()) != it.value())
+                changed << it.key();
+        }
+        for (auto it = _snapshot.begin(); it != _snapshot.end(); ++it) {
+            if (!now.contains(it.key()))
+                changed << it.key();
+        }
+        _snapshot = now;
+    }
+    if (!changed.isEmpty())
+        notify(changed);
+}
+
+void ORVUserDefaults::notify(const QStringList &keys)
+{
+    for (const QString &key : keys) {
+        std::vector<std::shared_ptr<ChangeHandler>> handlers;
+        {
+            std::lock_guard lock(_observersLock);
+            const auto found = _observers.find(key);
+            if (found == _observers.end())
+                continue;
+            for (const auto &[context, handler] : found->second)
+                handlers.push_back(handler);
+        }
+        for (const auto &handler : handlers)
+            (*handler)(key, *this);
+    }
+}
+
+void ORVUserDefaults::addObserver(const void *context, const QString &key, ChangeHandler handler)
+{
+    std::lock_guard lock(_observersLock);
+    _observers[key][context] = std::make_shared<ChangeHandler>(std::move(handler));
+}
+
+void ORVUserDefaults::removeObserver(const void *context, const QString &key)
+{
+    std::lock_guard lock(_observersLock);
+    const auto found = _observers.find(key);
+    if (found == _observers.end())
+        return;
+    found->second.erase(context);
+    if (found->second.empty())
+        _observers.erase(found);
+}
+
+int ORVUserDefaults::observerCount(const QString &key) const
+{
+    std::lock_guard lock(_observersLock);
+    const auto found = _observers.find(key);
+    return found == _observers.end() ? 0 : static_cast<int>(found->second.size());
+}

@@ -1,0 +1,127 @@
+#include "OrvTestSupport.h"
+
+#include <OrvellaKit/ORVUserDefaults.h>
+
+#include <QDir>
+#include <QProcess>
+#include <QSettings>
+#include <QThread>
+
+using namespace orv::test;
+
+namespace {
+
+// Records what a key's observer heard.
+struct Heard {
+    std::mutex mutex;
+    QStringList keys;
+    std::vector<Qt::HANDLE> threads;
+    ORVUserDefaults::ChangeHandler handler()
+    {
+        return [this](const QString &key, ORVUserDefaults &) {
+            std::lock_guard lock(mutex);
+            keys << key;
+            threads.push_back(QThread::currentThreadId());
+        };
+    }
+    int count()
+    {
+        std::lock_guard lock(mutex);
+        return static_cast<int>(keys.size());
+    }
+};
+
+class UserDefaultsTest : public XdgHomeTest {};
+
+} // namespace
+
+TEST_F(UserDefaultsTest, OneStorePerFileAndTypedValues)
+{
+    auto standard = ORVUserDefaults::standardUserDefaults();
+    ASSERT_TRUE(standard);
+    EXPECT_TRUE(standard->filePath().startsWith(home.path() + "/.config/"));
+    EXPECT_TRUE(standard->filePath().endsWith(".conf"));
+    EXPECT_EQ(ORVUserDefaults::standardUserDefaults(), standard);
+    auto suite = ORVUserDefaults::defaultsWithSuiteName("com.example.shared");
+    EXPECT_EQ(suite, ORVUserDefaults::defaultsWithPath(QDir(home.path()).filePath(".config/com.example.shared.conf")));
+    EXPECT_FALSE(ORVUserDefaults::defaultsWithSuiteName(""));
+    EXPECT_FALSE(ORVUserDefaults::defaultsWithSuiteName("a/b"));
+
+    suite->setInteger(42, "Count");
+    suite->setDouble(2.5, "Ratio");
+    suite->setBool(true, "Enabled");
+    suite->setString("Week", "View");
+    suite->registerDefaults({{"View", "Month"}, {"Zoom", 3}});
+    EXPECT_EQ(suite->integerForKey("Count"), 42);
+    EXPECT_EQ(suite->doubleForKey("Ratio"), 2.5);
+    EXPECT_TRUE(suite->boolForKey("Enabled"));
+    EXPECT_EQ(suite->stringForKey("View"), std::optional<QString>("Week"));
+    EXPECT_EQ(suite->integerForKey("Zoom"), 3); // registered
+    suite->removeObjectForKey("View");
+    EXPECT_EQ(suite->stringForKey("View"), std::optional<QString>("Month"));
+    EXPECT_EQ(suite->integerForKey("Missing"), 0);
+    EXPECT_FALSE(suite->boolForKey("Missing"));
+
+    // On disk after synchronize(), typed values read back from text.
+    ASSERT_TRUE(suite->synchronize());
+    QSettings file(suite->filePath(), QSettings::IniFormat);
+    EXPECT_EQ(file.value("Count").toInt(), 42);
+    EXPECT_FALSE(file.contains("Zoom"));
+    EXPECT_FALSE(file.contains("View"));
+}
+
+TEST_F(UserDefaultsTest, SetsAndRemovalsAreReportedPerKey)
+{
+    auto store = ORVUserDefaults::defaultsWithSuiteName("observed");
+    Heard theme;
+    Heard other;
+    int context = 0;
+    store->addObserver(&context, "Theme", theme.handler());
+    store->addObserver(&other, "Theme", other.handler());
+    EXPECT_EQ(store->observerCount("Theme"), 2);
+
+    store->setString("dark", "Theme");
+    store->setString("dark", "Theme"); // a set is reported even when nothing changed
+    store->setString("x", "Unobserved");
+    store->removeObjectForKey("Theme");
+    EXPECT_EQ(theme.keys, QStringList({"Theme", "Theme", "Theme"}));
+    EXPECT_EQ(theme.threads.front(), QThread::currentThreadId()); // synchronously, on the setter's thread
+
+    store->removeObserver(&context, "Theme");
+    store->setString("light", "Theme");
+    EXPECT_EQ(theme.count(), 3);
+    EXPECT_EQ(other.count(), 4);
+    store->removeObserver(&other, "Theme");
+    EXPECT_EQ(store->observerCount("Theme"), 0);
+}
+
+TEST_F(UserDefaultsTest, WritesOfAnotherProcessAreReportedOnce)
+{
+    auto store = ORVUserDefaults::defaultsWithSuiteName("shared");
+    store->setString("before", "Untouched");
+    ASSERT_TRUE(store->synchronize());
+    Heard heard;
+    Heard untouched;
+    store->addObserver(&heard, "Color", heard.handler());
+    store->addObserver(&untouched, "Untouched", untouched.handler());
+
+    QProcess writer;
+    writer.start(ORV_DEFAULTS_WRITER_PATH, {store->filePath(), "Color", "teal"});
+    ASSERT_TRUE(writer.waitForFinished(10000));
+    ASSERT_EQ(writer.exitCode(), 0);
+
+    ASSERT_TRUE(waitUntil([&] { return heard.count() > 0; }, 10s));
+    spinFor(300ms);
+    EXPECT_EQ(heard.count(), 1);
+    EXPECT_EQ(heard.threads.front(), QThread::currentThreadId()); // the main thread's event loop
+    EXPECT_EQ(untouched.count(), 0);
+    EXPECT_EQ(store->stringForKey("Color"), std::optional<QString>("teal"));
+    EXPECT_EQ(store->stringForKey("Untouched"), std::optional<QString>("before"));
+
+    // A second write of the same key, after QSettings replaced the file.
+    QProcess again;
+    again.start(ORV_DEFAULTS_WRITER_PATH, {store->filePath(), "Color", "navy"});
+    ASSERT_TRUE(again.waitForFinished(10000));
+    ASSERT_TRUE(waitUntil([&] { return heard.count() > 1; }, 10s));
+    EXPECT_EQ(store->stringForKey("Color"), std::optional<QString>("navy"));
+}
