@@ -1,0 +1,189 @@
+#include <OrvellaKit/ORVDefaultsObserver.h>
+#include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVException.h>
+
+#include <QTimer>
+
+namespace {
+
+constexpr const char *kFile = "ORVDefaultsObserver";
+constexpr const char *kClass = "ORVDefaultsObserver";
+
+// Stores to their observers. The observer holds its store, so an entry
+// lives as long as the process, as the store does.
+std::mutex registryLock;
+std::map<const ORVUserDefaults *, std::pair<std::weak_ptr<ORVUserDefaults>, std::shared_ptr<ORVDefaultsObserver>>> &
+registry()
+{
+    static std::map<const ORVUserDefaults *,
+                    std::pair<std::weak_ptr<ORVUserDefaults>, std::shared_ptr<ORVDefaultsObserver>>>
+        observers;
+    return observers;
+}
+
+} // namespace
+
+std::shared_ptr<ORVDefaultsObserverInfo> ORVDefaultsObserverInfo::infoForObserver(std::weak_ptr<void> observer,
+                                                                                  const void *identity,
+                                                                                  Selector selector, QString key,
+                                                                                  Invoker invoker)
+{
+    std::shared_ptr<ORVDefaultsObserverInfo> info(new ORVDefaultsObserverInfo());
+    info->_observer = std::move(observer);
+    info->_identity = identity;
+    info->_selector = selector;
+    info->_key = std::move(key);
+    info->_invoker = std::move(invoker);
+    return info;
+}
+
+std::shared_ptr<ORVDefaultsObserver> ORVDefaultsObserver::defaultObserver()
+{
+    return observerForDefaults(ORVUserDefaults::standardUserDefaults());
+}
+
+std::shared_ptr<ORVDefaultsObserver>
+ORVDefaultsObserver::observerForDefaults(const std::shared_ptr<ORVUserDefaults> &defaults)
+{
+    if (!ORVMethodParameterAssert(defaults != nullptr, "defaults != nil", "observerForDefaults:", kClass, kFile))
+        return nullptr;
+    std::lock_guard lock(registryLock);
+    auto &slot = registry()[defaults.get()];
+    if (!slot.second || slot.first.lock() != defaults)
+        slot = {defaults, std::make_shared<ORVDefaultsObserver>(defaults)};
+    return slot.second;
+}
+
+ORVDefaultsObserver::ORVDefaultsObserver(std::shared_ptr<ORVUserDefaults> defaults) : _defaults(std::move(defaults))
+{
+    ORVMethodParameterAssert(_defaults != nullptr, "defaults != nil", "initWithDefaults:", kClass, kFile);
+}
+
+ORVDefaultsObserver::~ORVDefaultsObserver()
+{
+    std::lock_guard lock(_observerQueue);
+    if (_defaults) {
+        for (const auto &[key, infos] : _infoForKeys)
+            _defaults->removeObserver(this, key);
+    }
+}
+
+void ORVDefaultsObserver::addInfo(std::weak_ptr<void> object, const void *identity,
+                                  ORVDefaultsObserverInfo::Selector selector, const QString &key,
+                                  ORVDefaultsObserverInfo::Invoker invoker, bool hasSelector)
+{
+    constexpr const char *method = "addObserver:selector:forKey:";
+    if (!ORVMethodParameterAssert(identity != nullptr, "observer != nil", method, kClass, kFile) ||
+        !ORVMethodParameterAssert(hasSelector, "selector != nil", method, kClass, kFile) ||
+        !ORVMethodParameterAssert(!key.isNull(), "key != nil", method, kClass, kFile) || !_defaults)
+        return;
+    std::lock_guard lock(_observerQueue);
+    auto &infos = _infoForKeys[key];
+    for (const auto &info : infos) {
+        if (info->observerIdentity() == identity && info->selector() == selector && info->key() == key)
+            return;
+    }
+    if (infos.empty()) {
+        std::weak_ptr<ORVDefaultsObserver> weakSelf = weak_from_this();
+        const void *context = this;
+        _defaults->addObserver(this, key, [weakSelf, context](const QString &changed, ORVUserDefaults &store) {
+            if (auto self = weakSelf.lock())
+                self->observeValueForKeyPath(changed, &store, context);
+        });
+    }
+    infos.push_back(ORVDefaultsObserverInfo::infoForObserver(std::move(object), identity, selector, key,
+                                                             std::move(invoker)));
+}
+
+void ORVDefaultsObserver::removeObserver(const void *object, const QString &key)
+{
+    if (!ORVMethodParameterAssert(object != nullptr, "observer != nil", "removeObserver:forKey:", kClass, kFile))
+        return;
+    std::lock_guard lock(_observerQueue);
+    QStringList emptied;
+    for (auto &[k, infos] : _infoForKeys) {
+        if (!key.isNull() && k != key)
+            continue;
+        const auto before = infos.size();
+        std::erase_if(infos, [object](const auto &info) { return info->observerIdentity() == object; });
+        if (infos.empty() && before > 0)
+            emptied << k;
+    }
+    for (const QString &k : emptied)
+        removeKeyLocked(k);
+}
+
+void ORVDefaultsObserver::removeKeyLocked(const QString &key)
+{
+    _infoForKeys.erase(key);
+    if (_defaults)
+        _defaults->removeObserver(this, key);
+}
+
+void ORVDefaultsObserver::compact()
+{
+    std::lock_guard lock(_observerQueue);
+    QStringList emptied;
+    for (auto &[key, infos] : _infoForKeys) {
+        // A key whose set was already empty is left alone.
+        if (infos.empty())
+            continue;
+        std::erase_if(infos, [](const auto &info) { return info->observer() == nullptr; });
+        if (infos.empty())
+            emptied << key;
+    }
+    for (const QString &key : emptied)
+        removeKeyLocked(key);
+}
+
+std::map<QString, std::vector<std::shared_ptr<ORVDefaultsObserverInfo>>> ORVDefaultsObserver::infoForKeys() const
+{
+    std::lock_guard lock(_observerQueue);
+    return _infoForKeys;
+}
+
+void ORVDefaultsObserver::observeValueForKeyPath(const QString &keyPath, const ORVUserDefaults *object,
+                                                 const void *context)
+{
+    if (object != _defaults.get() || context != this || keyPath.isNull())
+        return;
+    // Cancel the delivery scheduled for this key and schedule a new one at
+    // the end of the current pass: a burst of changes ends in one delivery.
+    std::weak_ptr<ORVDefaultsObserver> weakSelf = weak_from_this();
+    ORVDispatchQueue::mainQueue()->async([weakSelf, keyPath] {
+        auto self = weakSelf.lock();
+        if (!self)
+            return;
+        const quint64 generation = ++self->_pendingDeliveries[keyPath];
+        QTimer::singleShot(0, [weakSelf, keyPath, generation] {
+            auto self = weakSelf.lock();
+            if (!self || self->_pendingDeliveries.value(keyPath) != generation)
+                return;
+            self->_pendingDeliveries.remove(keyPath);
+            self->observedKeyPathDidChange(keyPath);
+        });
+    });
+}
+
+void ORVDefaultsObserver::observedKeyPathDidChange(const QString &keyPath)
+{
+    if (!ORVMethodParameterAssert(!keyPath.isNull(), "keyPath != nil", "observedKeyPathDidChange:", kClass, kFile))
+        return;
+    bool needsCompaction = false;
+    {
+        std::lock_guard lock(_observerQueue);
+        const auto found = _infoForKeys.find(keyPath);
+        const auto infos = found == _infoForKeys.end() ? std::vector<std::shared_ptr<ORVDefaultsObserverInfo>>()
+                                                       : found->second;
+        for (const auto &info : infos) {
+            const auto object = info->observer();
+            if (!object) {
+                needsCompaction = true;
+                continue;
+            }
+            info->invoke(object.get(), keyPath, *_defaults);
+        }
+    }
+    if (needsCompaction)
+        compact();
+}
