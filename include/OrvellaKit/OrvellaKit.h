@@ -9,6 +9,7 @@
 #include <OrvellaKit/ORVData.h>
 #include <OrvellaKit/ORVDataCollectionManager.h>
 #include <OrvellaKit/ORVDebug.h>
+#include <OrvellaKit/ORVDefaultsNotificationManager.h>
 #include <OrvellaKit/ORVDefaultsObserver.h>
 #include <OrvellaKit/ORVDispatchMainQueue.h>
 #include <OrvellaKit/ORVDispatchQueue.h>

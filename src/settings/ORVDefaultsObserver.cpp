@@ -10,15 +10,15 @@ constexpr const char *kFile = "ORVDefaultsObserver";
 constexpr const char *kClass = "ORVDefaultsObserver";
 
 // Stores to their observers. The observer holds its store, so an entry
-// lives as long as the process, as the store does.
+// lives as long as the process, as the store does; the table is never
+// destroyed, so nothing is torn down in an unknown order at exit.
 std::mutex registryLock;
-std::map<const ORVUserDefaults *, std::pair<std::weak_ptr<ORVUserDefaults>, std::shared_ptr<ORVDefaultsObserver>>> &
-registry()
+using Registry =
+    std::map<const ORVUserDefaults *, std::pair<std::weak_ptr<ORVUserDefaults>, std::shared_ptr<ORVDefaultsObserver>>>;
+Registry &registry()
 {
-    static std::map<const ORVUserDefaults *,
-                    std::pair<std::weak_ptr<ORVUserDefaults>, std::shared_ptr<ORVDefaultsObserver>>>
-        observers;
-    return observers;
+    static auto *observers = new Registry();
+    return *observers;
 }
 
 } // namespace
