@@ -43,8 +43,13 @@ public:
     void defaultsDidChangeForKey(const QString &key);
 
 private:
-    mutable std::mutex _registrationLock;
+    // Serialises registration and de-registration (held while calling
+    // into the defaults observer).
+    std::mutex _registrationLock;
     ORVNotificationCenter *_notificationCenter;
     std::shared_ptr<ORVUserDefaults> _defaults;
+    // Guards the table alone; taken inside the registration lock and during
+    // deliveries.
+    mutable std::mutex _namesLock;
     QHash<QString, QSet<QString>> _notificationNames;
 };

@@ -53,7 +53,7 @@ ORVDefaultsNotificationManager::~ORVDefaultsNotificationManager()
 
 QHash<QString, QSet<QString>> ORVDefaultsNotificationManager::notificationNames() const
 {
-    std::lock_guard lock(_registrationLock);
+    std::lock_guard lock(_namesLock);
     return _notificationNames;
 }
 
@@ -74,9 +74,13 @@ void ORVDefaultsNotificationManager::registerNotificationName(const QString &not
         return;
     std::lock_guard lock(_registrationLock);
     for (const QString &key : keys) {
-        QSet<QString> &names = _notificationNames[key];
-        const bool wasEmpty = names.isEmpty();
-        names.insert(notificationName);
+        bool wasEmpty = false;
+        {
+            std::lock_guard names(_namesLock);
+            QSet<QString> &set = _notificationNames[key];
+            wasEmpty = set.isEmpty();
+            set.insert(notificationName);
+        }
         if (wasEmpty)
             ORVDefaultsObserver::observerForDefaults(_defaults)->addObserver(
                 shared_from_this(), &ORVDefaultsNotificationManager::defaultsDidChangeForKey, key);
@@ -101,14 +105,19 @@ void ORVDefaultsNotificationManager::deregisterNotificationName(const QString &n
         return;
     std::lock_guard lock(_registrationLock);
     for (const QString &key : keys) {
-        const auto found = _notificationNames.find(key);
-        if (found == _notificationNames.end())
-            continue;
-        found->remove(notificationName);
-        if (found->isEmpty()) {
-            ORVDefaultsObserver::observerForDefaults(_defaults)->removeObserver(static_cast<const void *>(this), key);
-            _notificationNames.erase(found);
+        bool emptied = false;
+        {
+            std::lock_guard names(_namesLock);
+            const auto found = _notificationNames.find(key);
+            if (found == _notificationNames.end())
+                continue;
+            found->remove(notificationName);
+            emptied = found->isEmpty();
+            if (emptied)
+                _notificationNames.erase(found);
         }
+        if (emptied)
+            ORVDefaultsObserver::observerForDefaults(_defaults)->removeObserver(static_cast<const void *>(this), key);
     }
 }
 
@@ -118,9 +127,10 @@ void ORVDefaultsNotificationManager::defaultsDidChangeForKey(const QString &key)
         return;
     QSet<QString> names;
     {
-        // Registration may come from another thread; the copy is taken
-        // under the lock, the posting done without it.
-        std::lock_guard lock(_registrationLock);
+        // Registration may come from another thread: the table is read
+        // under its own short lock (never the registration lock, which is
+        // held while calling into the observer that is delivering now).
+        std::lock_guard lock(_namesLock);
         names = _notificationNames.value(key);
     }
     for (const QString &name : names)
