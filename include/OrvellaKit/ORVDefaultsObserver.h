@@ -20,6 +20,7 @@
 #include <OrvellaKit/ORVUserDefaults.h>
 
 #include <QHash>
+#include <QSet>
 #include <QString>
 
 #include <array>
@@ -144,6 +145,16 @@ private:
     mutable std::recursive_mutex _observerQueue;
     std::shared_ptr<ORVUserDefaults> _defaults;
     std::map<QString, std::vector<std::shared_ptr<ORVDefaultsObserverInfo>>> _infoForKeys;
-    // Main thread only: the newest scheduled delivery per key.
-    QHash<QString, quint64> _pendingDeliveries;
+    void changeArrived(const QString &keyPath);
+    void scheduleDelivery(const QString &keyPath);
+    // Keys with a change on its way to the main queue (any thread).
+    std::mutex _changesLock;
+    QSet<QString> _changeTaskPosted;
+    // Main thread only: per key, the changes seen and the delivery waiting.
+    struct PendingDelivery {
+        quint64 changes = 0;
+        quint64 seen = 0;
+        bool scheduled = false;
+    };
+    QHash<QString, PendingDelivery> _pendingDeliveries;
 };

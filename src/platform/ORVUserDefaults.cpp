@@ -168,8 +168,21 @@ void ORVUserDefaults::setObject(const QVariant &value, const QString &key)
         std::lock_guard lock(_lock);
         if (value.isValid()) {
             _settings->setValue(key, value);
-            // What the file will say once read back (INI keeps text).
-            _snapshot.insert(key, _settings->value(key));
+            // What the file will say once read back: INI keeps text, and
+            // for whole numbers, booleans and text that is the value's own
+            // text form; other types are asked for.
+            switch (value.typeId()) {
+            case QMetaType::QString:
+            case QMetaType::Int:
+            case QMetaType::UInt:
+            case QMetaType::LongLong:
+            case QMetaType::ULongLong:
+            case QMetaType::Bool:
+                _snapshot.insert(key, value.toString());
+                break;
+            default:
+                _snapshot.insert(key, _settings->value(key));
+            }
         } else {
             _settings->remove(key);
             _snapshot.remove(key);

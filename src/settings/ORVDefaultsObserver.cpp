@@ -147,21 +147,53 @@ void ORVDefaultsObserver::observeValueForKeyPath(const QString &keyPath, const O
 {
     if (object != _defaults.get() || context != this || keyPath.isNull())
         return;
-    // Cancel the delivery scheduled for this key and schedule a new one at
-    // the end of the current pass: a burst of changes ends in one delivery.
+    // One main-queue task per key at a time: changes that come while one is
+    // waiting are already covered by it.
+    {
+        std::lock_guard lock(_changesLock);
+        if (_changeTaskPosted.contains(keyPath))
+            return;
+        _changeTaskPosted.insert(keyPath);
+    }
     std::weak_ptr<ORVDefaultsObserver> weakSelf = weak_from_this();
     ORVDispatchQueue::mainQueue()->async([weakSelf, keyPath] {
+        if (auto self = weakSelf.lock())
+            self->changeArrived(keyPath);
+    });
+}
+
+void ORVDefaultsObserver::changeArrived(const QString &keyPath)
+{
+    {
+        std::lock_guard lock(_changesLock);
+        _changeTaskPosted.remove(keyPath);
+    }
+    PendingDelivery &pending = _pendingDeliveries[keyPath];
+    ++pending.changes;
+    if (!pending.scheduled) {
+        pending.scheduled = true;
+        scheduleDelivery(keyPath);
+    }
+}
+
+// The delivery waits for a pass of the main loop that brought no further
+// change of the key: what the cancel-and-reschedule of a zero-delay call
+// does, with one timer per key instead of one per change.
+void ORVDefaultsObserver::scheduleDelivery(const QString &keyPath)
+{
+    _pendingDeliveries[keyPath].seen = _pendingDeliveries[keyPath].changes;
+    std::weak_ptr<ORVDefaultsObserver> weakSelf = weak_from_this();
+    QTimer::singleShot(0, [weakSelf, keyPath] {
         auto self = weakSelf.lock();
         if (!self)
             return;
-        const quint64 generation = ++self->_pendingDeliveries[keyPath];
-        QTimer::singleShot(0, [weakSelf, keyPath, generation] {
-            auto self = weakSelf.lock();
-            if (!self || self->_pendingDeliveries.value(keyPath) != generation)
-                return;
-            self->_pendingDeliveries.remove(keyPath);
-            self->observedKeyPathDidChange(keyPath);
-        });
+        const auto found = self->_pendingDeliveries.find(keyPath);
+        if (found == self->_pendingDeliveries.end())
+            return;
+        if (found->changes != found->seen)
+            return self->scheduleDelivery(keyPath);
+        self->_pendingDeliveries.erase(found);
+        self->observedKeyPathDidChange(keyPath);
     });
 }
 
