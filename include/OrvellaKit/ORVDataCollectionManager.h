@@ -129,11 +129,9 @@ private:
     sharedManagerMadeBy(const std::function<std::shared_ptr<ORVDataCollectionManager>()> &make);
     // The queue as read; `readable` false when the file exists but is not a
     // queue (it is then moved aside before the next write).
-    QList<ORVDataCollectionItem> readLocked(bool *readable) const;
     QJsonArray readArrayLocked(bool *readable) const;
     static QList<ORVDataCollectionItem> itemsOfArray(const QJsonArray &array);
     // `replacesReadableFile` false moves the present file aside first.
-    void writeLocked(const QList<ORVDataCollectionItem> &items, bool replacesReadableFile);
     void writeArrayLocked(const QJsonArray &array, bool replacesReadableFile);
     // Checks the submission URL, then submitBatch().
     void submit(SubmissionHandler handler, std::optional<QJsonArray> queue);

@@ -34,14 +34,29 @@ ORVError keyError(qint64 code, const ORVError &underlying = ORVError())
     return orv::detail::tokenError(code, userInfo);
 }
 
-QUrl verificationRecordURL(const ORVOrvellaAccount &account)
+// A request for the account's key verification record, sent with the
+// account's access token and never answered from a cache.
+std::shared_ptr<ORVOrvellaAccountRequest> verificationRecordRequest(const ORVOrvellaAccount &account,
+                                                                    const QString &category,
+                                                                    const QString &method = QStringLiteral("GET"),
+                                                                    const QByteArray &body = QByteArray())
 {
     QUrl url = account.URLForServerEndpoint(ORVOrvellaServerEndpointKeyValue);
     QString path = url.path();
     if (!path.endsWith(QLatin1Char('/')))
         path += QLatin1Char('/');
     url.setPath(path + QStringLiteral("key/keyVerification"));
-    return url;
+    ORVURLRequest urlRequest(url);
+    urlRequest.setHTTPMethod(method);
+    urlRequest.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
+    urlRequest.setTimeoutInterval(kTimeout);
+    if (!body.isNull()) {
+        urlRequest.setHTTPBody(body);
+        urlRequest.setValue(QStringLiteral("application/octet-stream"), QStringLiteral("Content-Type"));
+    }
+    auto request = ORVOrvellaAccountRequest::requestWithURLRequest(urlRequest);
+    request->setCategory(category);
+    return request;
 }
 
 } // namespace
@@ -85,11 +100,7 @@ void ORVOrvellaTokenManager::checkEncryptionKey(const QByteArray &key, Encryptio
 
     const QString category = QStringLiteral("Orvella: Verify Key");
     auto activity = orv::detail::beginAccountActivity(category);
-    ORVURLRequest urlRequest(verificationRecordURL(*account));
-    urlRequest.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
-    urlRequest.setTimeoutInterval(kTimeout);
-    auto request = ORVOrvellaAccountRequest::requestWithURLRequest(urlRequest);
-    request->setCategory(category);
+    auto request = verificationRecordRequest(*account, category);
 
     auto self = shared_from_this();
     const QString user = *username;
@@ -150,14 +161,7 @@ void ORVOrvellaTokenManager::resetEncryptionKey(const QByteArray &key, Encryptio
 
     const QString category = QStringLiteral("Orvella: Update Key Verification");
     auto activity = orv::detail::beginAccountActivity(category);
-    ORVURLRequest urlRequest(verificationRecordURL(*account));
-    urlRequest.setHTTPMethod(QStringLiteral("PUT"));
-    urlRequest.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
-    urlRequest.setTimeoutInterval(kTimeout);
-    urlRequest.setHTTPBody(*record);
-    urlRequest.setValue(QStringLiteral("application/octet-stream"), QStringLiteral("Content-Type"));
-    auto request = ORVOrvellaAccountRequest::requestWithURLRequest(urlRequest);
-    request->setCategory(category);
+    auto request = verificationRecordRequest(*account, category, QStringLiteral("PUT"), *record);
 
     auto self = shared_from_this();
     const QString user = *username;

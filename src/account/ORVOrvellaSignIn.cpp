@@ -43,6 +43,14 @@ QVariant codeOrBody(const std::optional<QJsonObject> &body)
     return QString::fromUtf8(QJsonDocument(copyScrubbedORV(*body)).toJson(QJsonDocument::Compact));
 }
 
+// The error of a sign-in or registration the server refused with `status`.
+ORVError refusedError(int status, QVariantMap userInfo = {})
+{
+    userInfo.insert(ORVLocalizedDescriptionKey,
+                    ORVStringWithFormat(ORVLocalizedString("Failed to sign in to account: %ld"), static_cast<long>(status)));
+    return orv::detail::tokenError(status, std::move(userInfo));
+}
+
 // The first element of the body's array under `key`, when it is an object.
 std::optional<QJsonObject> firstFieldError(const QJsonObject &body, const QString &key)
 {
@@ -257,10 +265,7 @@ void ORVOrvellaTokenManager::finishSignIn(SignInKind kind, const std::optional<O
             reason = ORVStringWithFormat("%@\n%@\n(%@, %ld)", ORVLocalizedString("Failed to sign in to Orvella account."),
                                          message + QLatin1Char('\n'), codeOrBody(body), static_cast<long>(status));
         }
-        fail(tokenError(status,
-                        {{ORVLocalizedDescriptionKey,
-                          ORVStringWithFormat(ORVLocalizedString("Failed to sign in to account: %ld"), static_cast<long>(status))},
-                         {ORVLocalizedFailureReasonErrorKey, reason}}));
+        fail(refusedError(status, {{ORVLocalizedFailureReasonErrorKey, reason}}));
         return;
     }
 
@@ -423,9 +428,7 @@ void ORVOrvellaTokenManager::registerOtherDeviceWithScope(const QJsonValue &scop
         ORVError error = transportError;
         if (!isSuccess(status)) {
             if (!error)
-                error = tokenError(status, {{ORVLocalizedDescriptionKey,
-                                             ORVStringWithFormat(ORVLocalizedString("Failed to sign in to account: %ld"),
-                                                                 static_cast<long>(status))}});
+                error = refusedError(status);
         } else {
             const auto object = orv_JSONDictionaryWithData(data ? data->data() : QByteArray());
             const auto received = object ? orv_stringForKey(*object, QStringLiteral("token")) : std::nullopt;
@@ -434,21 +437,19 @@ void ORVOrvellaTokenManager::registerOtherDeviceWithScope(const QJsonValue &scop
                     error = tokenError(
                         10, {{ORVLocalizedFailureReasonErrorKey,
                               ORVLocalizedString("Failed to register device. Received invalid response from server.")}});
-            } else if (auto current = ORVFetchOrvellaAccount()) {
-                // The other device gets its own account: the caller fills in
-                // who it is.
-                account = current->copy();
-                account->setUsername(std::nullopt);
-                account->setEmailAddress(QString());
-                token = *received;
             } else {
                 token = *received;
+                // The other device gets its own account: the caller fills in
+                // who it is.
+                if (auto current = ORVFetchOrvellaAccount()) {
+                    account = current->copy();
+                    account->setUsername(std::nullopt);
+                    account->setEmailAddress(QString());
+                }
             }
         }
-        if (token.isNull()) {
-            account.reset();
+        if (token.isNull())
             ORVLogError("Failed to register other device: %@", error);
-        }
         ORVDispatchQueue::mainQueue()->async([completion, account, token, error, activity] {
             if (completion)
                 completion(account, token, error);

@@ -180,12 +180,7 @@ void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, double delay,
 QList<ORVDataCollectionItem> ORVDataCollectionManager::pendingItems() const
 {
     std::lock_guard lock(_fileLock);
-    return readLocked(nullptr);
-}
-
-QList<ORVDataCollectionItem> ORVDataCollectionManager::readLocked(bool *readable) const
-{
-    return itemsOfArray(readArrayLocked(readable));
+    return itemsOfArray(readArrayLocked(nullptr));
 }
 
 QJsonArray ORVDataCollectionManager::readArrayLocked(bool *readable) const
@@ -227,18 +222,13 @@ QList<ORVDataCollectionItem> ORVDataCollectionManager::itemsOfArray(const QJsonA
 
 void ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollectionItem> &items)
 {
-    std::lock_guard lock(_fileLock);
-    bool readable = true;
-    readLocked(&readable);
-    writeLocked(items, readable);
-}
-
-void ORVDataCollectionManager::writeLocked(const QList<ORVDataCollectionItem> &items, bool replacesReadableFile)
-{
     QJsonArray array;
     for (const ORVDataCollectionItem &item : items)
         array.append(item.JSONDictionaryForStorage());
-    writeArrayLocked(array, replacesReadableFile);
+    std::lock_guard lock(_fileLock);
+    bool readable = true;
+    readArrayLocked(&readable);
+    writeArrayLocked(array, readable);
 }
 
 void ORVDataCollectionManager::writeArrayLocked(const QJsonArray &array, bool replacesReadableFile)
@@ -301,13 +291,14 @@ void ORVDataCollectionManager::submitBatch(SubmissionHandler handler, std::optio
         const bool due = date && now.msecsTo(*date) < 0;
         if (!due)
             continue;
-        if (batch.size() < kBatchSize) {
-            const ORVDataCollectionItem item(object);
-            batch.append(item.JSONDictionaryForSubmission());
-            sent.append(item);
-        } else {
+        if (batch.size() == kBatchSize) {
+            // The rest goes with the next batch.
             more = true;
+            break;
         }
+        const ORVDataCollectionItem item(object);
+        batch.append(item.JSONDictionaryForSubmission());
+        sent.append(item);
     }
     if (batch.isEmpty())
         return finish(handler, ORVError(), 0);
@@ -327,8 +318,6 @@ void ORVDataCollectionManager::submitBatch(SubmissionHandler handler, std::optio
                 if (status < 200 || status > 299)
                     return finish(handler, error, 0);
                 {
-                    // Only now do the sent items leave the queue. The file is
-                    // read again, so items added meanwhile stay.
                     // Only now do the sent items leave the queue. The file is
                     // read again, so items added meanwhile stay, and what is
                     // not sent stays as it was written.
