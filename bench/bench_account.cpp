@@ -9,6 +9,7 @@
 //   cached; the difference divided by 1,000 is the latency each request
 //   gains from waiting for the token (the one fetch included).
 
+#include "BenchAccount.h"
 #include "BenchRatios.h"
 
 #include <AccountServer.h>
@@ -47,31 +48,6 @@ orv::server::AccountServer &server()
     return *instance;
 }
 
-class Account : public ORVOrvellaAccount {
-public:
-    explicit Account(QUrl api) : _api(std::move(api)) {}
-    QString identifier() const override { return QStringLiteral("bench-account"); }
-    std::optional<QString> username() const override { return QStringLiteral("bench"); }
-    QString emailAddress() const override { return QStringLiteral("bench@example.org"); }
-    ORVOrvellaAccountType orvellaAccountType() const override { return ORVOrvellaAccountTypePassword; }
-    QString displayName() const override { return {}; }
-    void setDisplayName(const QString &) override {}
-    void setUsername(const std::optional<QString> &) override {}
-    void setEmailAddress(const QString &) override {}
-    void setOrvellaAccountType(ORVOrvellaAccountType) override {}
-    std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<Account>(_api); }
-    QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint endpoint) const override
-    {
-        QUrl url = ORVOrvellaAccountURLForServerEndpoint(endpoint, _api.authority());
-        url.setScheme(_api.scheme());
-        return url;
-    }
-    QUrl serverURLForAPIAccess() const override { return _api; }
-
-private:
-    QUrl _api;
-};
-
 // Keeps the device credential in memory; stores no tokens.
 class Tokens : public ORVOrvellaTokenManager {
 public:
@@ -97,12 +73,12 @@ private:
 };
 
 struct Setup {
-    std::shared_ptr<Account> account;
+    std::shared_ptr<orv::bench::BenchAccount> account;
     std::shared_ptr<Tokens> tokens = std::make_shared<Tokens>();
     std::shared_ptr<ORVOrvellaNetworkManager> manager = std::make_shared<ORVOrvellaNetworkManager>();
     Setup()
     {
-        account = std::make_shared<Account>(QUrl(QString::fromStdString(server().baseURL()) + QStringLiteral("/")));
+        account = std::make_shared<orv::bench::BenchAccount>(QUrl(QString::fromStdString(server().baseURL()) + QStringLiteral("/")));
         auto shared = account;
         ORVRegisterOrvellaAccountFetchBlock([shared] { return shared; });
         tokens->setNetworkManager(manager);

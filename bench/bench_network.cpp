@@ -4,6 +4,7 @@
 // answers from memory) against the same GETs through a bare
 // QNetworkAccessManager on the main thread.
 
+#include "BenchAccount.h"
 #include "BenchRatios.h"
 
 #include <AccountServer.h>
@@ -43,26 +44,6 @@ QUrl pingURL()
 {
     return QUrl(QString::fromStdString(server().baseURL()) + QStringLiteral("/ping"));
 }
-
-class BenchAccount : public ORVOrvellaAccount {
-public:
-    explicit BenchAccount(QUrl api) : _api(std::move(api)) {}
-    QString identifier() const override { return QStringLiteral("bench"); }
-    std::optional<QString> username() const override { return QStringLiteral("bench"); }
-    QString emailAddress() const override { return QStringLiteral("bench@example.org"); }
-    ORVOrvellaAccountType orvellaAccountType() const override { return ORVOrvellaAccountTypePassword; }
-    QString displayName() const override { return {}; }
-    void setDisplayName(const QString &) override {}
-    void setUsername(const std::optional<QString> &) override {}
-    void setEmailAddress(const QString &) override {}
-    void setOrvellaAccountType(ORVOrvellaAccountType) override {}
-    std::shared_ptr<ORVOrvellaAccount> copy() const override { return std::make_shared<BenchAccount>(_api); }
-    QUrl URLForServerEndpoint(ORVOrvellaServerEndpoint) const override { return _api; }
-    QUrl serverURLForAPIAccess() const override { return _api; }
-
-private:
-    QUrl _api;
-};
 
 class MemoryTokens : public ORVOrvellaTokenProviding {
 public:
@@ -124,7 +105,7 @@ void runThroughManager(benchmark::State &state, bool withToken)
 {
     const QUrl url = pingURL();
     const QUrl api(QString::fromStdString(server().baseURL()) + QStringLiteral("/"));
-    ORVRegisterOrvellaAccountFetchBlock([api] { return std::make_shared<BenchAccount>(api); });
+    ORVRegisterOrvellaAccountFetchBlock([api] { return std::make_shared<orv::bench::BenchAccount>(api); });
     auto manager = std::make_shared<ORVOrvellaNetworkManager>();
     auto tokens = std::make_shared<MemoryTokens>();
     if (withToken)

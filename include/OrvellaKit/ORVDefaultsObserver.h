@@ -137,7 +137,9 @@ private:
     }
     void addInfo(std::weak_ptr<void> object, const void *identity, ORVDefaultsObserverInfo::Selector selector,
                  const QString &key, ORVDefaultsObserverInfo::Invoker invoker, bool hasSelector);
-    void removeKeyLocked(const QString &key);
+    // Removes the matching registrations of the key (every key when null)
+    // and ends the store registration of each key left without any.
+    void removeInfosLocked(const QString &key, const std::function<bool(const ORVDefaultsObserverInfo &)> &matches);
 
     // Stands for the serial queue of the registry: a lock its owner may take
     // again, so a method called during a delivery can add or remove

@@ -100,40 +100,33 @@ void ORVDefaultsObserver::removeObserver(const void *object, const QString &key)
     if (!ORVMethodParameterAssert(object != nullptr, "observer != nil", "removeObserver:forKey:", kClass, kFile))
         return;
     std::lock_guard lock(_observerQueue);
-    QStringList emptied;
-    for (auto &[k, infos] : _infoForKeys) {
-        if (!key.isNull() && k != key)
-            continue;
-        const auto before = infos.size();
-        std::erase_if(infos, [object](const auto &info) { return info->observerIdentity() == object; });
-        if (infos.empty() && before > 0)
-            emptied << k;
-    }
-    for (const QString &k : emptied)
-        removeKeyLocked(k);
-}
-
-void ORVDefaultsObserver::removeKeyLocked(const QString &key)
-{
-    _infoForKeys.erase(key);
-    if (_defaults)
-        _defaults->removeObserver(this, key);
+    removeInfosLocked(key, [object](const ORVDefaultsObserverInfo &info) { return info.observerIdentity() == object; });
 }
 
 void ORVDefaultsObserver::compact()
 {
     std::lock_guard lock(_observerQueue);
+    removeInfosLocked(QString(), [](const ORVDefaultsObserverInfo &info) { return info.observer() == nullptr; });
+}
+
+void ORVDefaultsObserver::removeInfosLocked(const QString &key,
+                                            const std::function<bool(const ORVDefaultsObserverInfo &)> &matches)
+{
     QStringList emptied;
-    for (auto &[key, infos] : _infoForKeys) {
+    for (auto &[k, infos] : _infoForKeys) {
         // A key whose set was already empty is left alone.
-        if (infos.empty())
+        if ((!key.isNull() && k != key) || infos.empty())
             continue;
-        std::erase_if(infos, [](const auto &info) { return info->observer() == nullptr; });
+        std::erase_if(infos, [&](const auto &info) { return matches(*info); });
         if (infos.empty())
-            emptied << key;
+            emptied << k;
     }
-    for (const QString &key : emptied)
-        removeKeyLocked(key);
+    // A key is registered with the store exactly while its set has entries.
+    for (const QString &k : emptied) {
+        _infoForKeys.erase(k);
+        if (_defaults)
+            _defaults->removeObserver(this, k);
+    }
 }
 
 std::map<QString, std::vector<std::shared_ptr<ORVDefaultsObserverInfo>>> ORVDefaultsObserver::infoForKeys() const
