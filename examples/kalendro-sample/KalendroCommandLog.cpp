@@ -18,8 +18,15 @@ QString describeBody(const QByteArray &body)
 {
     if (body.isEmpty())
         return QStringLiteral("(empty)");
-    if (const auto object = orv_JSONDictionaryWithData(body))
+    if (auto object = orv_JSONDictionaryWithData(body)) {
+        // The framework masks "token"; the other secret fields an answer or
+        // a body of ours can carry are masked here as well.
+        for (const char *key : {"device_token", "password", "password1", "password2", "id_token", "magic_token"}) {
+            if (object->contains(QLatin1String(key)))
+                object->insert(QLatin1String(key), QStringLiteral("MASKED"));
+        }
         return QString::fromUtf8(QJsonDocument(copyScrubbedORV(*object)).toJson(QJsonDocument::Compact));
+    }
     const QString text = QString::fromUtf8(body);
     // Anything else that is not JSON: its size, never its bytes, since it
     // cannot be scrubbed.

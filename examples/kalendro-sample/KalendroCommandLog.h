@@ -9,7 +9,7 @@
 // The sample's command log: one entry per exchange of a categorised account
 // request, appended to a text file beside the log files. Bodies the
 // framework marks as secret are written as "MASKED"; other JSON bodies have
-// their "token" masked.
+// their token, password and device-token fields masked.
 class KalendroCommandLog : public ORVCommandLogging {
 public:
     explicit KalendroCommandLog(QString path);

@@ -96,7 +96,9 @@ void KalendroSecrets::writeChanged()
 {
     if (!_keyring) {
         std::lock_guard lock(_lock);
-        writeFile(QJsonDocument(_values).toJson(QJsonDocument::Compact));
+        if (!writeFile(QJsonDocument(_values).toJson(QJsonDocument::Compact)))
+            qWarning("kalendro-sample: could not write the secrets file %s; the secrets stay in memory only",
+                     qPrintable(_file));
         return;
     }
     // The token manager calls in from its own threads; keyring jobs run on
@@ -144,6 +146,5 @@ bool KalendroSecrets::writeFile(const QByteArray &json)
         return false;
     // Owner only, before the first byte is written.
     file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    file.write(json);
-    return file.commit();
+    return file.write(json) == json.size() && file.commit();
 }

@@ -236,17 +236,21 @@ void ORVDataCollectionManager::writeArrayLocked(const QJsonArray &array, bool re
     const QString path = URLForPendingItems().toLocalFile();
     // A file that is not a queue may still be worth something to someone:
     // it is kept beside the new one rather than overwritten.
-    if (!replacesReadableFile) {
+    if (!replacesReadableFile && QFile::exists(path)) {
         const QString aside = path + QStringLiteral(".unreadable");
         QFile::remove(aside);
-        QFile::rename(path, aside);
+        if (!QFile::rename(path, aside)) {
+            qWarning("Pending submissions file %s is unreadable and cannot be moved aside; not replacing it",
+                     qPrintable(path));
+            return;
+        }
     }
-    // Atomic, so a crash mid-write cannot cut the queue short.
+    // Atomic, so a crash mid-write cannot cut the queue short; a failed
+    // write leaves the previous file as it was.
+    const QByteArray json = QJsonDocument(array).toJson(QJsonDocument::Compact);
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return;
-    file.write(QJsonDocument(array).toJson(QJsonDocument::Compact));
-    file.commit();
+    if (!file.open(QIODevice::WriteOnly) || file.write(json) != json.size() || !file.commit())
+        qWarning("Cannot write the pending submissions file %s: %s", qPrintable(path), qPrintable(file.errorString()));
 }
 
 void ORVDataCollectionManager::submitPendingItemsWithCompletionHandler(SubmissionHandler handler)
