@@ -10,6 +10,7 @@
 #include <QUuid>
 
 #include <algorithm>
+#include <cstdio>
 #include <cctype>
 
 #include <openssl/evp.h>
@@ -556,12 +557,13 @@ void AccountService::saveLocked() const
                             {"devices", devices},
                             {"values", values}};
     // Passwords and the signing key are in it: the owner alone may read it.
+    const QByteArray json = QJsonDocument(state).toJson(QJsonDocument::Indented);
     QSaveFile file(q(_stateFile));
-    if (!file.open(QIODevice::WriteOnly))
-        return;
-    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    file.write(QJsonDocument(state).toJson(QJsonDocument::Indented));
-    file.commit();
+    if (!file.open(QIODevice::WriteOnly) ||
+        !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) || file.write(json) != json.size() ||
+        !file.commit())
+        std::fprintf(stderr, "account server: cannot write the state file %s: %s\n", _stateFile.c_str(),
+                     qPrintable(file.errorString()));
 }
 
 } // namespace orv::server
