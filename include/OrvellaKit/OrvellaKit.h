@@ -4,6 +4,8 @@
 
 #include <OrvellaKit/ORVAsyncOperation.h>
 #include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVCollections.h>
+#include <OrvellaKit/ORVColor.h>
 #include <OrvellaKit/ORVCommandLogger.h>
 #include <OrvellaKit/ORVCoordinator.h>
 #include <OrvellaKit/ORVData.h>
@@ -33,6 +35,7 @@
 #include <OrvellaKit/ORVOrvellaTokenManager.h>
 #include <OrvellaKit/ORVOrvellaURLSession.h>
 #include <OrvellaKit/ORVStandardPaths.h>
+#include <OrvellaKit/ORVString.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVURLRequest.h>
 #include <OrvellaKit/ORVURLSession.h>

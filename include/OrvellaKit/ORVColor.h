@@ -1,0 +1,61 @@
+#pragma once
+
+// Portable, comparable colours on QColor: constructors, hexadecimal text,
+// component reads that never fail, tolerance equality, relative luminance
+// and contrast ratio, a luminance-weighted grey and a linear mix.
+//
+// Components are doubles from 0.0 to 1.0. A colour is "readable" when it is
+// valid (QColor::isValid()); an invalid QColor plays the unreadable colour.
+// Constructors read a NaN component as 0.0 and clamp alpha to 0.0 ... 1.0;
+// red, green and blue outside 0 ... 1 are kept (Qt's extended RGB) and
+// clamped when printed. QColor stores 16 bits per channel, so a component
+// reads back within 1/65535 of what was given.
+
+#include <QColor>
+#include <QString>
+
+// Grey of the given white value (red = green = blue = white, sRGB).
+QColor orv_colorWithWhite(double white, double alpha);
+QColor orv_colorWithRed(double red, double green, double blue, double alpha);
+// Hue, saturation and brightness each 0 ... 1 (clamped).
+QColor orv_colorWithHue(double hue, double saturation, double brightness, double alpha);
+
+// "#RRGGBB" or "#RRGGBBAA" (the "#" optional). The leading hexadecimal
+// digits are read as one number after optional white space and "0x";
+// trailing junk is ignored. Exactly six characters after the "#" read as
+// RGB; any other length as RGBA, so "#FFF" is red 0, green 0, blue 0x0F,
+// alpha 1. No digits: an invalid QColor. A null string fails
+// "hexString != nil".
+QColor orv_colorWithHexColorString(const QString &hexString);
+
+// "#RRGGBBAA" or "#RRGGBB", upper case; each channel clamped to 0 ... 1,
+// times 255, rounded half away from zero. An unreadable colour prints as
+// opaque black.
+QString orv_hexString(const QColor &color, bool includeAlpha);
+
+// Whether every RGBA component differs by at most half an 8-bit step
+// (0.5/255, plus one 16-bit storage step for QColor's rounding). Unreadable
+// colours compare with QColor's own equality.
+bool orv_isEqualToColor(const QColor &color, const QColor &other);
+
+// White and alpha. A colour whose red, green and blue are equal reads
+// directly; any other is converted to grey with gamma 2.2 (the white of its
+// luminance). False only for an unreadable colour. Pointers may be null.
+bool orv_getWhite(const QColor &color, double *white, double *alpha);
+// sRGB components; an unreadable colour reads as zeros. Always true.
+bool orv_getRed(const QColor &color, double *red, double *green, double *blue, double *alpha);
+// HSB components (hue 0 for greys); zeros for an unreadable colour. Always true.
+bool orv_getHue(const QColor &color, double *hue, double *saturation, double *brightness, double *alpha);
+
+// Relative luminance 0.2126 R + 0.7152 G + 0.0722 B of the linearised
+// components (c / 12.92 up to 0.03928, else ((c + 0.055) / 1.055)^2.4).
+bool orv_getLuminance(const QColor &color, double *luminance);
+// (lighter + 0.05) / (darker + 0.05): 1.0 ... 21.0.
+double orv_contrastRatioToColor(const QColor &color, const QColor &otherColor);
+// Grey of 0.2126 R + 0.7152 G + 0.0722 B on the stored components, same
+// alpha; an unreadable colour comes back unchanged.
+QColor orv_grayscaleColor(const QColor &color);
+// other * amount + color * (1 - amount) per RGBA component. amount outside
+// 0 ... 1 fails "amount >= 0.0 && amount <= 1.0" (and is clamped after).
+// With an unreadable colour: other when amount > 0.5, else color.
+QColor orv_rgbMixWithColor(const QColor &color, const QColor &other, double amount);
