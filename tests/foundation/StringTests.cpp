@@ -1,0 +1,205 @@
+#include "OrvTestSupport.h"
+
+#include <OrvellaKit/ORVString.h>
+
+#include <QCryptographicHash>
+
+using namespace orv::test;
+
+namespace {
+const QString kCombiningAcute = QString(QChar(0x0301));
+const QString kGrinning = QString::fromUcs4(U"\U0001F600");
+const QChar kLoneHigh(0xD83D);
+
+QStringList sortedSuffixes(const QString &text)
+{
+    QStringList list = orv_suffixes(text).values();
+    list.sort();
+    return list;
+}
+} // namespace
+
+TEST(CharacterSet, RangesCategoriesUnionsAndInversion)
+{
+    const auto &digits = ORVCharacterSet::decimalDigitCharacterSet();
+    EXPECT_TRUE(digits.characterIsMember(u'7'));
+    EXPECT_TRUE(digits.characterIsMember(QChar(0x0663))) << "Arabic-Indic three is a decimal digit";
+    EXPECT_FALSE(digits.characterIsMember(u'x'));
+
+    const ORVCharacterSet dashOrEmoji = ORVCharacterSet::characterSetWithCharactersInString(u"-")
+                                            .unionWithCharacterSet(ORVCharacterSet::characterSetWithRange(0x1F600, 0x50));
+    EXPECT_TRUE(dashOrEmoji.characterIsMember(u'-'));
+    EXPECT_TRUE(dashOrEmoji.longCharacterIsMember(0x1F64F));
+    EXPECT_FALSE(dashOrEmoji.longCharacterIsMember(0x1F650));
+    const ORVCharacterSet notDigits = digits.invertedSet();
+    EXPECT_FALSE(notDigits.characterIsMember(u'1'));
+    EXPECT_TRUE(notDigits.characterIsMember(u'a'));
+    EXPECT_TRUE(ORVCharacterSet::whitespaceAndNewlineCharacterSet().characterIsMember(QChar(0x2028)));
+    EXPECT_FALSE(ORVCharacterSet::whitespaceCharacterSet().characterIsMember(u'\n'));
+}
+
+TEST(StringHelpers, ReversalKeepsComposedCharactersWhole)
+{
+    EXPECT_EQ(orv_reversedString("abc"), "cba");
+    EXPECT_EQ(orv_reversedString("a"), "a");
+    EXPECT_EQ(orv_reversedString(""), "");
+    // The accent stays on its e, which comes first.
+    EXPECT_EQ(orv_reversedString("abe" + kCombiningAcute), "e" + kCombiningAcute + "ba");
+    EXPECT_EQ(orv_reversedString("x" + kGrinning + "y"), "y" + kGrinning + "x");
+    // An unpaired surrogate is one sequence of its own, not lost.
+    const QString lone = orv_reversedString(QString("a") + kLoneHigh + "b");
+    EXPECT_EQ(lone.size(), 3);
+    EXPECT_EQ(lone[1], kLoneHigh);
+}
+
+TEST(StringHelpers, FileNamesRemovalAndHash)
+{
+    EXPECT_EQ(orv_stringByNormalizingFilename("..a/b:c."), "--a-b-c-");
+    EXPECT_EQ(orv_stringByNormalizingFilename("x\\y..z"), "x-y..z");
+    EXPECT_EQ(orv_stringByNormalizingFilename("..."), "---");
+
+    const auto &digits = ORVCharacterSet::decimalDigitCharacterSet();
+    EXPECT_EQ(orv_stringByRemovingCharactersInSet("abc123", digits), "abc");
+    EXPECT_EQ(orv_stringByRemovingCharactersInSet("1a2b3", digits), "ab");
+    EXPECT_EQ(orv_stringByRemovingCharactersInSet("abc", digits), "abc");
+    const auto emoji = ORVCharacterSet::characterSetWithRange(0x1F600, 1);
+    EXPECT_EQ(orv_stringByRemovingCharactersInSet("a" + kGrinning + "b", emoji), "ab") << "pair removed whole";
+
+    EXPECT_EQ(orv_SHA256String(QString("")), "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
+    // Short, multi-byte and long text (the scratch buffer and the heap path)
+    // all hash their UTF-8 bytes.
+    for (const QString &text : {QString("abc"), QString::fromUtf8("Grüße ") + kGrinning, QString(300, QChar(0x20AC)),
+                                QString(5000, u'q')}) {
+        const QByteArray expected = QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Sha256).toHex().toUpper();
+        EXPECT_EQ(orv_SHA256String(text), QString::fromLatin1(expected)) << text.size();
+    }
+    const QByteArray withQuestionMark = QCryptographicHash::hash("a?b", QCryptographicHash::Sha256).toHex().toUpper();
+    EXPECT_EQ(orv_SHA256String(QString("a") + kLoneHigh + "b"), QString::fromLatin1(withQuestionMark));
+}
+
+TEST(StringHelpers, SimpleHTMLFilteringDivRule)
+{
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("a<br>b"), "a\nb");
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("a<br/>b<br />c&nbsp;d"), "a\nb\nc" + QString(QChar(0xA0)) + "d");
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("<div>x</div>y"), "x\ny");
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("a<div>b"), "a\nb");
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("a<div class=\"q\">b"), "ab") << "attributes: no newline";
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("<b><i></i></b>"), "");
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("x<unclosed"), "x");
+    EXPECT_EQ(orv_stringWithSimpleHTMLFiltering("  <p>hi</p>\n"), "hi");
+}
+
+TEST(Suffixes, WordsComposedCharactersAndLimits)
+{
+    EXPECT_EQ(sortedSuffixes("ab cd"), (QStringList{"ab", "b", "cd", "d"}));
+    EXPECT_EQ(sortedSuffixes("e" + kCombiningAcute + "x"), (QStringList{"e" + kCombiningAcute + "x", "x"}));
+    EXPECT_EQ(sortedSuffixes(kGrinning + "a").size(), 2) << "no suffix starts inside the pair";
+    EXPECT_TRUE(orv_suffixes("  \n ").isEmpty());
+
+    QStringList ftsWords = orv_suffixStringForFTSIndex("Ab ab").split(' ');
+    ftsWords.sort();
+    EXPECT_EQ(ftsWords, (QStringList{"ab", "b"}));
+
+    QString longWord;
+    for (int i = 0; i < 150; ++i)
+        longWord += QChar(u'a' + i % 26);
+    const QStringList suffixes = orv_suffixStringForFTSIndex(longWord).split(' ');
+    EXPECT_EQ(suffixes.size(), 100);
+    for (const QString &suffix : suffixes)
+        EXPECT_GE(suffix.size(), 51) << "only the 100 longest";
+
+    // At most 10,000 words contribute.
+    QStringList words;
+    for (int i = 0; i < 10050; ++i)
+        words << QStringLiteral("w%1").arg(i, 5, 10, QLatin1Char('0'));
+    const QStringList ftsList = orv_suffixStringForFTSIndex(words.join(' ')).split(' ');
+    const QSet<QString> fts(ftsList.begin(), ftsList.end());
+    EXPECT_TRUE(fts.contains("w09999"));
+    EXPECT_FALSE(fts.contains("w10000"));
+
+    QStringList seen;
+    orv_enumerateSuffixesInSubstring("abc", [&](const QString &suffix, bool *stop) {
+        seen << suffix;
+        *stop = suffix == "bc";
+    });
+    EXPECT_EQ(seen, (QStringList{"abc", "bc"}));
+
+    QStringList components;
+    orv_enumerateComponentsSeparatedByCharacterSet("--a-bc--d", ORVCharacterSet::characterSetWithCharactersInString(u"-"),
+                                                   ORVRange{1, 7}, [&](const QString &word, bool *) { components << word; });
+    EXPECT_EQ(components, (QStringList{"a", "bc"}));
+}
+
+TEST(Searches, IntermittentPrefixAndSkippingRange)
+{
+    EXPECT_TRUE(orv_hasIntermittentPrefix("calendar", "cdr"));
+    EXPECT_FALSE(orv_hasIntermittentPrefix("calendar", "rc"));
+    EXPECT_FALSE(orv_hasIntermittentPrefix("", ""));
+    EXPECT_TRUE(orv_hasIntermittentPrefix("x", ""));
+    EXPECT_FALSE(orv_hasIntermittentPrefix("Calendar", "cal")) << "case-sensitive";
+
+    const auto dash = ORVCharacterSet::characterSetWithCharactersInString(u"-");
+    EXPECT_EQ(orv_rangeOfString("a-b-c", "abc", dash), (ORVRange{0, 5}));
+    EXPECT_EQ(orv_rangeOfString("abc", "abc", dash), (ORVRange{0, 3}));
+    EXPECT_EQ(orv_rangeOfString("xa-bc", "abc", dash), (ORVRange{1, 4}));
+    // A shorter later span wins; an equal one does not.
+    EXPECT_EQ(orv_rangeOfString("a--b a-b", "ab", dash), (ORVRange{5, 3}));
+    EXPECT_EQ(orv_rangeOfString("a-b a-b", "ab", dash), (ORVRange{0, 3}));
+    EXPECT_EQ(orv_rangeOfString("a-b ab", "ab", dash), (ORVRange{4, 2}));
+    // A skip character at the start is not skipped.
+    EXPECT_EQ(orv_rangeOfString("-ab", "ab", dash), (ORVRange{1, 2}));
+    EXPECT_EQ(orv_rangeOfString("a-x", "ab", dash), (ORVRange{ORVNotFound, 0}));
+    EXPECT_EQ(orv_rangeOfString("abc", "", dash), (ORVRange{ORVNotFound, 0}));
+    EXPECT_EQ(orv_rangeOfString("ab", "abc", dash), (ORVRange{ORVNotFound, 0}));
+}
+
+TEST(Searches, LongestCommonSubstring)
+{
+    EXPECT_EQ(orv_longestCommonSubstring("xabcy", "zabcw"), "abc");
+    EXPECT_EQ(orv_longestCommonSubstring("abc", "def"), "");
+    EXPECT_EQ(orv_longestCommonSubstring("", "abc"), "");
+    EXPECT_EQ(orv_longestCommonSubstring("Hello", "hello", ORVCaseInsensitiveSearch), "Hello");
+    EXPECT_EQ(orv_longestCommonSubstring("xxHELLOyy", "hello", ORVCaseInsensitiveSearch), "hello") << "folded form";
+    EXPECT_EQ(orv_longestCommonSubstring(QString::fromUtf8("crème brûlée"), "creme", ORVDiacriticInsensitiveSearch),
+              "creme");
+    EXPECT_EQ(orv_longestCommonSubstring(QString::fromUtf8("ＡＢＣd"), "abc",
+                                         ORVWidthInsensitiveSearch | ORVCaseInsensitiveSearch),
+              "abc");
+    // Ties: the match that ends first in the receiver.
+    EXPECT_EQ(orv_longestCommonSubstring("abXcd", "cdYab"), "ab");
+
+    // The 250-character cut: a difference after it is not seen, and the
+    // common run is the whole cut.
+    const QString head(250, u'q');
+    EXPECT_EQ(orv_longestCommonSubstring(head + QString(50, u'a'), head + QString(50, u'b')), head);
+    const QString lateMatch = QString(260, u'x') + "needle";
+    EXPECT_EQ(orv_longestCommonSubstring(lateMatch, "needle"), "") << "beyond the cut in the receiver";
+}
+
+TEST(StringRobustness, OddInputGivesDocumentedResults)
+{
+    const QString lone(kLoneHigh);
+    const QString huge(1 << 20, u'z');
+    for (const QString &text : {lone, QString(), QString(""), huge, lone + lone + "a", QString(QChar(0xDC00)) + "x"}) {
+        EXPECT_EQ(orv_reversedString(orv_reversedString(text)).size(), text.size());
+        EXPECT_EQ(orv_SHA256String(text).size(), 64);
+        orv_suffixes(text.left(4096));
+        orv_suffixStringForFTSIndex(text);
+        orv_stringWithSimpleHTMLFiltering(text);
+        orv_stringByFoldingWithOptions(text, ORVCaseInsensitiveSearch | ORVDiacriticInsensitiveSearch |
+                                                 ORVWidthInsensitiveSearch);
+        EXPECT_LE(orv_longestCommonSubstring(text, huge + "!").size(), 250);
+        orv_rangeOfString(text, "zz", ORVCharacterSet::whitespaceCharacterSet());
+    }
+    EXPECT_EQ(orv_longestCommonSubstring(huge, huge + "a").size(), 250);
+
+    RecordAssertions record;
+    EXPECT_FALSE(orv_hasIntermittentPrefix("abc", QString()));
+    EXPECT_EQ(orv_rangeOfString("abc", QString(), ORVCharacterSet()), (ORVRange{ORVNotFound, 0}));
+    orv_enumerateSuffixesInSubstring(QString(), [](const QString &, bool *) {});
+    EXPECT_EQ(record.descriptions(),
+              (QStringList{"Invalid parameter not satisfying: prefix != nil",
+                           "Invalid parameter not satisfying: string != nil",
+                           "Invalid parameter not satisfying: substring != nil"}));
+    EXPECT_EQ(record.failures().front().file, "NSString+OrvellaKit");
+}
