@@ -1,0 +1,158 @@
+// Text helpers: SHA-256 of short strings against OpenSSL on the UTF-8 bytes,
+// the longest common substring of two 250-character strings, and how the
+// full-text suffix string scales with the size of the text.
+
+#include "BenchRatios.h"
+
+#include <OrvellaKit/ORVString.h>
+
+#include <QRandomGenerator>
+#include <QStringList>
+
+#include <benchmark/benchmark.h>
+#include <openssl/evp.h>
+
+namespace {
+
+const QStringList &shortStrings()
+{
+    static const QStringList strings = [] {
+        QStringList list;
+        QRandomGenerator generator(7);
+        for (int i = 0; i < 64; ++i) {
+            QString s;
+            const int length = 8 + generator.bounded(56);
+            for (int k = 0; k < length; ++k)
+                s += QChar(k % 11 == 10 ? 0x00E9 : u'a' + generator.bounded(26));
+            list << s;
+        }
+        return list;
+    }();
+    return strings;
+}
+
+void BM_SHA256StringOurs(benchmark::State &state)
+{
+    const QStringList &strings = shortStrings();
+    qsizetype i = 0;
+    for (auto _ : state) {
+        QString digest = orv_SHA256String(strings[i++ & 63]);
+        benchmark::DoNotOptimize(digest.data());
+    }
+}
+
+// The direct way: UTF-8 bytes, one EVP digest with a fetched algorithm,
+// upper-case hex text.
+void BM_SHA256StringOpenSSL(benchmark::State &state)
+{
+    const QStringList &strings = shortStrings();
+    EVP_MD *md = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    qsizetype i = 0;
+    for (auto _ : state) {
+        const QByteArray bytes = strings[i++ & 63].toUtf8();
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned int length = 0;
+        EVP_Digest(bytes.constData(), static_cast<size_t>(bytes.size()), digest, &length, md, nullptr);
+        QString text = QString::fromLatin1(QByteArray(reinterpret_cast<const char *>(digest), 32).toHex().toUpper());
+        benchmark::DoNotOptimize(text.data());
+    }
+    EVP_MD_free(md);
+}
+
+QString randomText(int length, quint32 seed, int alphabet)
+{
+    QRandomGenerator generator(seed);
+    QString s;
+    for (int i = 0; i < length; ++i)
+        s += QChar(u'a' + generator.bounded(alphabet));
+    return s;
+}
+
+void BM_LongestCommonSubstring250(benchmark::State &state)
+{
+    const QString a = randomText(250, 1, 4);
+    const QString b = randomText(250, 2, 4);
+    for (auto _ : state) {
+        QString common = orv_longestCommonSubstring(a, b, ORVCaseInsensitiveSearch);
+        benchmark::DoNotOptimize(common.data());
+    }
+}
+
+// Ten thousand words (the most that contribute) filling the size, so every
+// part of the work grows with it: a thousand distinct words repeated.
+QString longWordText(qsizetype size)
+{
+    const int wordLength = static_cast<int>(size / 10000) - 1;
+    QStringList vocabulary;
+    for (int w = 0; w < 1000; ++w)
+        vocabulary << randomText(wordLength, 100 + w, 26);
+    QStringList words;
+    for (int i = 0; i < 10000; ++i)
+        words << vocabulary[i % 1000];
+    return words.join(' ');
+}
+
+void runSuffixString(benchmark::State &state, const QString &text)
+{
+    for (auto _ : state) {
+        QString suffixes = orv_suffixStringForFTSIndex(text);
+        benchmark::DoNotOptimize(suffixes.data());
+    }
+    state.SetBytesProcessed(state.iterations() * text.size());
+}
+
+void BM_FTSSuffixLongWords1MiB(benchmark::State &state)
+{
+    static const QString text = longWordText(1 << 20);
+    runSuffixString(state, text);
+}
+
+void BM_FTSSuffixLongWords4MiB(benchmark::State &state)
+{
+    static const QString text = longWordText(4 << 20);
+    runSuffixString(state, text);
+}
+
+// Ordinary short words: past 10,000 words only the lower-casing grows.
+QString shortWordText(qsizetype size)
+{
+    QString text;
+    text.reserve(size);
+    QRandomGenerator generator(3);
+    while (text.size() < size) {
+        text += randomText(3 + generator.bounded(8), generator.generate(), 26);
+        text += u' ';
+    }
+    return text;
+}
+
+void BM_FTSSuffixShortWords1MiB(benchmark::State &state)
+{
+    static const QString text = shortWordText(1 << 20);
+    runSuffixString(state, text);
+}
+
+void BM_FTSSuffixShortWords4MiB(benchmark::State &state)
+{
+    static const QString text = shortWordText(4 << 20);
+    runSuffixString(state, text);
+}
+
+} // namespace
+
+BENCHMARK(BM_SHA256StringOurs);
+BENCHMARK(BM_SHA256StringOpenSSL);
+BENCHMARK(BM_LongestCommonSubstring250)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_FTSSuffixLongWords1MiB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FTSSuffixLongWords4MiB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FTSSuffixShortWords1MiB)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FTSSuffixShortWords4MiB)->Unit(benchmark::kMillisecond);
+
+static orv::bench::RegisterComparison sha256String("sha256string_vs_openssl", "BM_SHA256StringOurs",
+                                                   "BM_SHA256StringOpenSSL");
+static orv::bench::RegisterReport lcs("longest_common_substring_250", "BM_LongestCommonSubstring250");
+// These two "ratios" are time(4 MiB) / time(1 MiB): 4.0 is linear growth.
+static orv::bench::RegisterComparison ftsLong("fts_suffix_long_words_4mib_over_1mib", "BM_FTSSuffixLongWords1MiB",
+                                              "BM_FTSSuffixLongWords4MiB");
+static orv::bench::RegisterComparison ftsShort("fts_suffix_short_words_4mib_over_1mib", "BM_FTSSuffixShortWords1MiB",
+                                               "BM_FTSSuffixShortWords4MiB");
