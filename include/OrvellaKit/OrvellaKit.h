@@ -3,6 +3,7 @@
 // The core headers of OrvellaKit.
 
 #include <OrvellaKit/ORVAsyncOperation.h>
+#include <OrvellaKit/ORVBezierPath.h>
 #include <OrvellaKit/ORVBundle.h>
 #include <OrvellaKit/ORVCollections.h>
 #include <OrvellaKit/ORVColor.h>
@@ -18,7 +19,9 @@
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVGeometry.h>
 #include <OrvellaKit/ORVISO8601DateFormatter.h>
+#include <OrvellaKit/ORVImage.h>
 #include <OrvellaKit/ORVJSON.h>
 #include <OrvellaKit/ORVLocalization.h>
 #include <OrvellaKit/ORVLocks.h>
@@ -34,6 +37,7 @@
 #include <OrvellaKit/ORVOrvellaServerEndpoints.h>
 #include <OrvellaKit/ORVOrvellaTokenManager.h>
 #include <OrvellaKit/ORVOrvellaURLSession.h>
+#include <OrvellaKit/ORVOverrides.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVString.h>
 #include <OrvellaKit/ORVStringWithFormat.h>

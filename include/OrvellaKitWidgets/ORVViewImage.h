@@ -1,0 +1,18 @@
+#pragma once
+
+// Snapshots of a widget into an image.
+
+#include <QImage>
+#include <QRect>
+
+class QWidget;
+
+// A bitmap of `rect` (widget coordinates) of the view at the view's device
+// pixel ratio. Synchronous: the widget is rendered now, as it would paint
+// (QWidget::grab). Otherwise an image for caching the rectangle is cleared to
+// transparent and the view draws the rectangle into it (QWidget::render,
+// without its background). A null view or an empty rectangle gives a null
+// image.
+QImage ORVImageRepFromView(QWidget *view, const QRect &rect, bool synchronous);
+// The same bitmap as the only representation of a new image.
+QImage ORVImageFromView(QWidget *view, const QRect &rect, bool synchronous);
