@@ -9,6 +9,7 @@
 #include <QPointF>
 
 #include <array>
+#include <cstddef>
 #include <optional>
 #include <vector>
 
@@ -23,6 +24,28 @@ struct ORVBezierPathElement {
     friend bool operator==(const ORVBezierPathElement &, const ORVBezierPathElement &) = default;
 };
 
+namespace orv::detail {
+// Large element buffers (a curve through a million points is tens of
+// megabytes) are placed on transparent huge pages where the kernel offers
+// them: filling fresh memory 4 KiB page by page would otherwise cost more
+// than the curve's arithmetic. Small buffers use the ordinary allocator.
+void *allocateLargeBuffer(std::size_t bytes);
+void freeLargeBuffer(void *buffer, std::size_t bytes);
+
+template<class T>
+struct LargeBufferAllocator {
+    using value_type = T;
+    LargeBufferAllocator() = default;
+    template<class U>
+    LargeBufferAllocator(const LargeBufferAllocator<U> &)
+    {
+    }
+    T *allocate(std::size_t count) { return static_cast<T *>(allocateLargeBuffer(count * sizeof(T))); }
+    void deallocate(T *buffer, std::size_t count) { freeLargeBuffer(buffer, count * sizeof(T)); }
+    friend bool operator==(const LargeBufferAllocator &, const LargeBufferAllocator &) { return true; }
+};
+} // namespace orv::detail
+
 class ORVBezierPath {
 public:
     void moveToPoint(QPointF point);
@@ -34,10 +57,11 @@ public:
     bool isEmpty() const { return _elements.empty(); }
     qsizetype elementCount() const { return static_cast<qsizetype>(_elements.size()); }
     const ORVBezierPathElement &elementAtIndex(qsizetype index) const { return _elements[static_cast<size_t>(index)]; }
-    const std::vector<ORVBezierPathElement> &elements() const { return _elements; }
+    using Elements = std::vector<ORVBezierPathElement, orv::detail::LargeBufferAllocator<ORVBezierPathElement>>;
+    const Elements &elements() const { return _elements; }
 
 private:
-    std::vector<ORVBezierPathElement> _elements;
+    Elements _elements;
 };
 
 // The path as a QPainterPath; nothing for an empty path. With `forceClosed`
