@@ -38,6 +38,7 @@
 #include <OrvellaKit/ORVOrvellaTokenManager.h>
 #include <OrvellaKit/ORVOrvellaURLSession.h>
 #include <OrvellaKit/ORVOverrides.h>
+#include <OrvellaKit/ORVPhoneNumber.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVString.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
