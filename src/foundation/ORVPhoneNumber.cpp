@@ -11,6 +11,7 @@
 #include <array>
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 using i18n::phonenumbers::AsYouTypeFormatter;
 using i18n::phonenumbers::PhoneNumber;
@@ -55,6 +56,20 @@ QString currentRegion(const QString &region)
     if (!region.isEmpty())
         return region;
     return QLocale::territoryToCode(QLocale().territory());
+}
+
+// A formatter per region and thread, cleared before each use: making one
+// compiles its patterns, which costs far more than the typing itself.
+AsYouTypeFormatter *asYouTypeFormatter(const PhoneNumberUtil &util, const std::string &region)
+{
+    thread_local std::unordered_map<std::string, std::unique_ptr<AsYouTypeFormatter>> formatters;
+    if (formatters.size() >= 64 && !formatters.count(region))
+        formatters.clear(); // region texts come from callers: keep the cache bounded
+    std::unique_ptr<AsYouTypeFormatter> &formatter = formatters[region];
+    if (!formatter)
+        formatter.reset(util.GetAsYouTypeFormatter(region));
+    formatter->Clear();
+    return formatter.get();
 }
 
 std::string utf8(const QString &text)
@@ -126,7 +141,7 @@ QString orv_formattedPhoneNumber(const QString &string, bool forceInternational,
         const bool keepAsIs = !formatted.startsWith(u'0') && !text.startsWith(u'0');
         const int leadingZeros = number.italian_leading_zero() ? number.number_of_leading_zeros() : 0;
         if (leadingZeros >= 1 && !keepAsIs && format == PhoneNumberUtil::NATIONAL) {
-            std::unique_ptr<AsYouTypeFormatter> typing(util.GetAsYouTypeFormatter(regionUtf8));
+            AsYouTypeFormatter *typing = asYouTypeFormatter(util, regionUtf8);
             std::string typed;
             for (char32_t c : text.toUcs4())
                 typing->InputDigit(static_cast<i18n::phonenumbers::char32>(c), &typed);
