@@ -4,6 +4,9 @@
 
 #include <QCryptographicHash>
 
+#include <atomic>
+#include <thread>
+
 using namespace orv::test;
 
 namespace {
@@ -202,4 +205,27 @@ TEST(StringRobustness, OddInputGivesDocumentedResults)
                            "Invalid parameter not satisfying: string != nil",
                            "Invalid parameter not satisfying: substring != nil"}));
     EXPECT_EQ(record.failures().front().file, "NSString+OrvellaKit");
+}
+
+TEST(StringHelpers, ConcurrentHashingSharesTheScratchBufferSafely)
+{
+    // Threads that find the shared buffer taken go the heap path; every
+    // digest must still be the right one.
+    const QStringList texts{"alpha", "beta", QString(100, QChar(0x00E9)), QString(511, u'x')};
+    QStringList expected;
+    for (const QString &text : texts)
+        expected << QString::fromLatin1(QCryptographicHash::hash(text.toUtf8(), QCryptographicHash::Sha256).toHex().toUpper());
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 2000; ++i) {
+                const int k = (i + t) % texts.size();
+                if (orv_SHA256String(texts[k]) != expected[k])
+                    ++wrong;
+            }
+        });
+    for (auto &thread : threads)
+        thread.join();
+    EXPECT_EQ(wrong.load(), 0);
 }
