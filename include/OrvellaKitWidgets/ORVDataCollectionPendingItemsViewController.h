@@ -1,0 +1,103 @@
+#pragma once
+
+// ORVDataCollectionPendingItemsViewController: a table of the usage reports
+// waiting in an ORVDataCollectionManager's queue, with two columns: the
+// report's text ("sentence") and when it will be sent ("date", or "Now" for
+// a report that is due). The user can copy the selected reports' texts,
+// delete reports, or ask for all of them to be sent now.
+//
+// While the view is on screen the queue sends nothing (one
+// beginSubmissionDisabled() when it appears, one endSubmissionDisabled()
+// when it disappears). The user's changes are applied when it disappears:
+// the queue is rewritten when rows were deleted or rescheduled, and
+// "Submit All Now" then sends every report.
+
+#include <OrvellaKit/ORVDataCollectionManager.h>
+
+#include <QAbstractTableModel>
+#include <QList>
+#include <QWidget>
+
+#include <memory>
+
+class QLabel;
+class QMenu;
+class QPushButton;
+class QTableView;
+class QAction;
+
+namespace Ui {
+class ORVDataCollectionPendingItemsViewController;
+}
+
+class ORVDataCollectionPendingItemsViewController : public QWidget {
+    Q_OBJECT
+public:
+    // The column identifiers, also the model's header data under
+    // Qt::UserRole.
+    static const QString sentenceColumnIdentifier; // "sentence"
+    static const QString dateColumnIdentifier;     // "date"
+
+    // Loads the layout (ORVDataCollectionPendingItemsViewController.ui) and
+    // the queue's items; null manager: the shared one.
+    explicit ORVDataCollectionPendingItemsViewController(std::shared_ptr<ORVDataCollectionManager> manager = {},
+                                                         QWidget *parent = nullptr);
+    ~ORVDataCollectionPendingItemsViewController() override;
+
+    QList<ORVDataCollectionItem> rows() const { return _rows; }
+    bool didModifyItems() const { return _didModifyItems; }
+    bool shouldSubmitItems() const { return _shouldSubmitItems; }
+    QTableView *tableView() const;
+    QPushButton *deleteButton() const;
+    QLabel *submitNowTextField() const;
+    QAction *copyAction() const { return _copyAction; }
+
+    // The table cell's text: the report's text, or its date (the formatter's
+    // text for a future date, "Now" otherwise), every line break a space.
+    QString objectValue(const QString &columnIdentifier, int row) const;
+
+    // The table's context menu for a right-click on `clickedRow` (-1: none):
+    // "Submit All Now" when there are rows, "Delete" when a row was clicked.
+    // The caller owns the menu.
+    QMenu *contextMenuForClickedRow(int clickedRow);
+    int clickedRow() const { return _clickedRow; }
+
+public slots:
+    // Deletes the selected rows.
+    void deleteItems();
+    // Deletes the selection when the clicked row is part of it, else only
+    // the clicked row; nothing without one.
+    void deleteItemsFromMenuItem();
+    // Removes the rows (ascending or not) from the list and the table.
+    void deleteItemsAtIndexes(QList<int> rows);
+    // Puts the selected reports' texts, in row order and joined by line
+    // feeds, on the clipboard as one text.
+    void copy();
+    // Makes every report due (one second ago), shows "Now" everywhere and
+    // the note that they go out when the view closes.
+    void submitAllPendingItems();
+
+protected:
+    void showEvent(QShowEvent *event) override;
+    void hideEvent(QHideEvent *event) override;
+
+private:
+    class Model;
+    void viewDidLoad();
+    void viewWillAppear();
+    void viewDidDisappear();
+    void tableViewSelectionDidChange();
+    QList<int> selectedRows() const;
+    QString formattedDate(const QDateTime &date) const;
+
+    QList<ORVDataCollectionItem> _rows;
+    bool _didModifyItems = false;
+    bool _shouldSubmitItems = false;
+
+    std::shared_ptr<ORVDataCollectionManager> _manager;
+    std::unique_ptr<Ui::ORVDataCollectionPendingItemsViewController> _ui;
+    Model *_model = nullptr;
+    QAction *_copyAction = nullptr;
+    int _clickedRow = -1;
+    bool _appeared = false;
+};

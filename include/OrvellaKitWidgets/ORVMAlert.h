@@ -1,0 +1,79 @@
+#pragma once
+
+// ORVMAlert: a modal alert that announces itself. runModal() posts
+// "ORVMAlertWillShowNotification" before it shows and
+// "ORVMAlertDidHideNotification" after it is gone, both on the default
+// ORVNotificationCenter with the alert as object
+// (ORVNotificationObject(alert)), so an application can pause what it shows
+// behind. Where the window manager allows (X11 with EWMH), the alert shows on
+// all workspaces.
+//
+//   ORVMAlert alert;
+//   alert.setMessageText(tr("Quit the other copy?"));
+//   alert.addButtonWithTitle(tr("Quit Other Copy"));   // first: default
+//   alert.addButtonWithTitle(tr("Cancel"));            // Escape
+//   if (alert.runModal() == ORVAlertFirstButtonReturn) ...
+
+#include <QList>
+#include <QMessageBox>
+#include <QString>
+
+class QPushButton;
+
+extern const QString ORVMAlertWillShowNotification; // "ORVMAlertWillShowNotification"
+extern const QString ORVMAlertDidHideNotification;  // "ORVMAlertDidHideNotification"
+
+// runModal()'s answer for the buttons added with addButtonWithTitle(), in
+// the order they were added.
+constexpr int ORVAlertFirstButtonReturn = 1000;
+constexpr int ORVAlertSecondButtonReturn = 1001;
+constexpr int ORVAlertThirdButtonReturn = 1002;
+
+enum class ORVAlertStyle { Warning, Informational, Critical };
+
+class ORVMAlert : public QMessageBox {
+    Q_OBJECT
+public:
+    explicit ORVMAlert(QWidget *parent = nullptr);
+    ~ORVMAlert() override;
+
+    // Stored for the application; the alert itself does nothing with it.
+    bool skipsUserAttentionRequest() const { return _skipsUserAttentionRequest; }
+    void setSkipsUserAttentionRequest(bool skips) { _skipsUserAttentionRequest = skips; }
+
+    void setMessageText(const QString &text) { setText(text); }
+    QString messageText() const { return text(); }
+    void setInformativeText(const QString &text) { QMessageBox::setInformativeText(text); }
+    void setAlertStyle(ORVAlertStyle style);
+
+    // Adds a button on the alert's right, after the ones before. The first
+    // one is the default button (Return); one titled "Cancel" (or its
+    // translation) also answers Escape, and so does one made the escape
+    // button with setEscapeButton().
+    QPushButton *addButtonWithTitle(const QString &title);
+    // The buttons added with addButtonWithTitle(), in order.
+    QList<QPushButton *> alertButtons() const { return _alertButtons; }
+
+    // Posts the will-show notification, asks for all workspaces, runs the
+    // alert modally, posts the did-hide notification and answers
+    // ORVAlertFirstButtonReturn + the index of the clicked button among
+    // alertButtons(), or QMessageBox::exec()'s result for other buttons.
+    int runModal();
+    // The same as runModal(), so the alert announces itself however it runs.
+    int exec() override;
+
+    // True once runModal() asked the window manager to show the alert on
+    // every workspace (X11 with a window manager following EWMH); false
+    // where that cannot be asked (Wayland, offscreen).
+    bool showsOnAllWorkspaces() const { return _showsOnAllWorkspaces; }
+
+private:
+    bool _skipsUserAttentionRequest = false;
+    QList<QPushButton *> _alertButtons;
+    bool _showsOnAllWorkspaces = false;
+};
+
+// Asks the window manager to show the window on all workspaces (EWMH
+// _NET_WM_DESKTOP 0xFFFFFFFF, set before the window is mapped); false when
+// the platform has no such notion or the request could not be made.
+bool ORVWindowJoinAllWorkspaces(QWidget *window);

@@ -1,0 +1,173 @@
+#pragma once
+
+// A toolbar-driven preferences window. Each pane is an
+// ORVPreferencesViewController; the toolbar has one exclusive, checkable item
+// per pane. Choosing an item swaps the pane in: the window is resized around
+// the pane's height with its top edge kept in place, and the old and new
+// pane cross-fade while the frame moves (0.25 s, or 2.0 s while Shift is
+// held). A pane chosen during a cross-fade is shown once it ends (only the
+// last one chosen).
+//
+//   auto *preferences = new ORVPreferencesWindowController(app);
+//   preferences->addPreferencesViewController(new GeneralPane);
+//   preferences->addPreferencesViewController(new AccountPane);
+//   preferences->showWindow();
+//
+// Everything runs on the main thread.
+
+#include <QAction>
+#include <QList>
+#include <QMainWindow>
+#include <QObject>
+#include <QPointer>
+#include <QRect>
+#include <QSizeF>
+#include <QString>
+#include <QStringList>
+#include <QToolBar>
+
+class QAbstractAnimation;
+class QActionGroup;
+
+class ORVPreferencesViewController;
+class ORVPreferencesWindowController;
+
+// The preferences window: a QMainWindow whose toolbar shows text under icons
+// and cannot be moved or customised. Escape orders it out (hides it).
+class ORVPreferencesWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    explicit ORVPreferencesWindow(QWidget *parent = nullptr);
+
+    // The widget the panes are shown in (the central widget).
+    QWidget *contentView() const { return centralWidget(); }
+    // Hides the window (the Escape key).
+    void cancelOperation();
+
+    void setVisible(bool visible) override;
+
+signals:
+    // Before the window leaves the screen (hidden or closed).
+    void willHide();
+    // After it is on screen.
+    void didShow();
+    // When it is about to close (the close button, close()).
+    void willClose();
+
+protected:
+    void keyPressEvent(QKeyEvent *event) override;
+    void closeEvent(QCloseEvent *event) override;
+    void showEvent(QShowEvent *event) override;
+};
+
+class ORVPreferencesWindowController : public QObject {
+    Q_OBJECT
+public:
+    // A controller whose window is made on first use (loadWindow()).
+    explicit ORVPreferencesWindowController(QObject *parent = nullptr);
+    // A controller of an existing window; null: made on first use.
+    explicit ORVPreferencesWindowController(ORVPreferencesWindow *window, QObject *parent = nullptr);
+    // Deletes the window.
+    ~ORVPreferencesWindowController() override;
+
+    // The window, loaded (loadWindow(), then windowDidLoad()) on first use.
+    ORVPreferencesWindow *window();
+    bool isWindowLoaded() const { return _windowLoaded; }
+
+    // Makes the window: the default size at the origin, a title, close and
+    // minimise buttons (no maximise), and the toolbar "ORVPreferencesToolbar"
+    // (object name) whose items this controller provides.
+    virtual void loadWindow();
+    // Puts one toolbar item per pane, with the identifiers "0", "1", ..., and
+    // selects the first pane without animation.
+    virtual void windowDidLoad();
+    // Centres the window when it is not on screen, shows, raises and
+    // activates it, then applies the active pane's size limits.
+    void showWindow();
+
+    QToolBar *toolbar() const { return _toolbar; }
+    QList<ORVPreferencesViewController *> viewControllers() const;
+    ORVPreferencesViewController *activeViewController() const { return _activeViewController; }
+    // A pane chosen during a cross-fade, shown when it ends.
+    ORVPreferencesViewController *requestedViewController() const { return _requestedViewController; }
+    // The widget that shows the cross-fade while one runs; null otherwise.
+    QWidget *animationView() const { return _animationView; }
+    // The window's width, and its first height; 475 x 338.
+    QSizeF defaultWindowSize() const { return _defaultWindowSize; }
+    void setDefaultWindowSize(const QSizeF &size) { _defaultWindowSize = size; }
+    bool isAnimatingTransition() const { return _animatingTransition; }
+    // The length of the running cross-fade in milliseconds; 0 when none runs.
+    int transitionDuration() const;
+
+    // Appends the pane (taking ownership when it has no parent). When the
+    // window is loaded already, a toolbar item is put at the end whose
+    // identifier is the new number of panes, one more than the pane's index:
+    // that item carries no pane. This numbering is deliberate; add panes
+    // before the window is loaded.
+    void addPreferencesViewController(ORVPreferencesViewController *viewController);
+    // The pane at the item's tag; during a cross-fade it is only remembered.
+    void toolbarItemClicked(QAction *item);
+    // The first pane that is a T (or derived from T); null when none.
+    template<class T>
+    T *viewControllerForClass() const
+    {
+        for (ORVPreferencesViewController *pane : viewControllers())
+            if (auto *match = dynamic_cast<T *>(pane))
+                return match;
+        return nullptr;
+    }
+    // Shows the pane (nothing when it is not one of this window's, or is
+    // active already). Animation is skipped while the window is hidden or
+    // inside orv_performWithoutAnimation().
+    void selectPreferencesViewController(ORVPreferencesViewController *viewController, bool animate);
+    // Sets the window frame for a content size (width: the default width).
+    void setSize(const QSizeF &size, bool animate);
+    // registerDefaults() of every pane.
+    void registerDefaults();
+    // Called when the window closes: the active pane's view keeps its width
+    // following the window and its height.
+    virtual void windowWillClose();
+
+    // Toolbar items: the identifiers "0" ... pane count - 1 are allowed and
+    // selectable; no item is there by default.
+    QStringList toolbarAllowedItemIdentifiers() const;
+    QStringList toolbarSelectableItemIdentifiers() const;
+    QStringList toolbarDefaultItemIdentifiers() const;
+    // A new item for the identifier: the pane at the identifier's value
+    // (its image, its title as text, the index as tag), checkable, calling
+    // toolbarItemClicked(). No pane there: an item without text or icon.
+    QAction *toolbarItemForItemIdentifier(const QString &identifier);
+    // The toolbar's item with that identifier (the action's object name).
+    QAction *toolbarItemWithIdentifier(const QString &identifier) const;
+    // The identifier of the checked item; empty when none is.
+    QString selectedItemIdentifier() const;
+
+signals:
+    // A pane became the active one.
+    void activeViewControllerChanged(ORVPreferencesViewController *viewController);
+    // A cross-fade ended (before a pane requested meanwhile is selected).
+    void transitionFinished();
+
+private:
+    QRect windowFrameForNewSize(const QSize &contentSize) const; // _windowFrameForNewSize:
+    void activeViewDidAppear();                                   // _activeViewDidAppear
+    QRect availableScreenGeometry() const;
+    void insertToolbarItem(const QString &identifier);
+    void setSelectedItemIdentifier(const QString &identifier);
+    void pinView(QWidget *view);
+    void unpinView(QWidget *view);
+    void finishTransition(ORVPreferencesViewController *viewController);
+
+    bool _animatingTransition = false;
+    bool _windowLoaded = false;
+    QPointer<QToolBar> _toolbar;
+    QList<QPointer<ORVPreferencesViewController>> _viewControllers;
+    QPointer<ORVPreferencesViewController> _activeViewController;
+    QPointer<ORVPreferencesViewController> _requestedViewController;
+    QPointer<QWidget> _animationView;
+    QSizeF _defaultWindowSize{475.0, 338.0};
+
+    QPointer<ORVPreferencesWindow> _window;
+    QPointer<QActionGroup> _toolbarGroup;
+    QPointer<QAbstractAnimation> _transition;
+};

@@ -1,0 +1,198 @@
+#include <OrvellaKitWidgets/ORVCrashReportWindowController.h>
+
+#include "ui_ORVCrashReportWindowController.h"
+
+#include "../platform/ORVSystemBus.h"
+
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVStringWithFormat.h>
+#include <OrvellaKit/ORVUserDefaults.h>
+
+#include <QCoreApplication>
+#include <QDBusArgument>
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusObjectPath>
+#include <QDBusVariant>
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <vector>
+
+const QString ORVCrashReportNameKey = QStringLiteral("CrashReportName");
+const QString ORVCrashReportEmailKey = QStringLiteral("CrashReportEmail");
+
+namespace {
+
+constexpr int kAccountsServiceTimeoutMilliseconds = 2000;
+
+QVariantMap propertiesOf(const QDBusConnection &bus, const QString &path, const QString &interface)
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Accounts"), path,
+                                                       QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                       QStringLiteral("GetAll"));
+    call << interface;
+    const QDBusMessage reply = bus.call(call, QDBus::Block, kAccountsServiceTimeoutMilliseconds);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return {};
+    const QVariant argument = reply.arguments().first();
+    if (argument.canConvert<QDBusArgument>())
+        return qdbus_cast<QVariantMap>(argument.value<QDBusArgument>());
+    return argument.toMap();
+}
+
+QString localizedInfoValue(const char *key)
+{
+    // An application translates its information dictionary in the context
+    // "InfoPlist", with the key as source text.
+    const QString translated = QCoreApplication::translate("InfoPlist", key);
+    return translated == QLatin1String(key) ? QString() : translated;
+}
+
+} // namespace
+
+QString ORVPasswdFullName()
+{
+    long size = sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(static_cast<size_t>(size > 0 ? size : 16384));
+    passwd entry {};
+    passwd *found = nullptr;
+    if (getpwuid_r(getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || !found)
+        return {};
+    QString name = QString::fromLocal8Bit(found->pw_gecos ? found->pw_gecos : "").section(QLatin1Char(','), 0, 0);
+    if (name.contains(QLatin1Char('&'))) {
+        QString login = QString::fromLocal8Bit(found->pw_name ? found->pw_name : "");
+        if (!login.isEmpty())
+            login[0] = login[0].toUpper();
+        name.replace(QLatin1Char('&'), login);
+    }
+    return name.trimmed();
+}
+
+std::optional<ORVContactCard> ORVMeContactCard()
+{
+    if (!orv::detail::systemBusMayExist())
+        return std::nullopt;
+    const QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.isConnected())
+        return std::nullopt;
+    QDBusMessage find = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("/org/freedesktop/Accounts"),
+        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("FindUserById"));
+    find << static_cast<qint64>(getuid());
+    const QDBusMessage reply = bus.call(find, QDBus::Block, kAccountsServiceTimeoutMilliseconds);
+    if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
+        return std::nullopt;
+    const QString path = qvariant_cast<QDBusObjectPath>(reply.arguments().first()).path();
+    if (path.isEmpty())
+        return std::nullopt;
+    const QVariantMap properties = propertiesOf(bus, path, QStringLiteral("org.freedesktop.Accounts.User"));
+    ORVContactCard card;
+    card.fullName = properties.value(QStringLiteral("RealName")).toString().trimmed();
+    if (card.fullName.isEmpty())
+        card.fullName = ORVPasswdFullName();
+    const QString email = properties.value(QStringLiteral("Email")).toString().trimmed();
+    if (!email.isEmpty())
+        card.emailAddresses << email;
+    return card;
+}
+
+// ---------------------------------------------------------------------------
+
+ORVCrashReportWindowController::ORVCrashReportWindowController(const std::shared_ptr<ORVUserDefaults> &userDefaults,
+                                                               QWidget *parent)
+    : QDialog(parent), _userDefaults(userDefaults), _ui(std::make_unique<Ui::ORVCrashReportWindowController>())
+{
+    _ui->setupUi(this);
+    connect(_ui->sendButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::send);
+    connect(_ui->cancelButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::cancel);
+    connect(_ui->_detailsButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::detailsRequested);
+    windowDidLoad();
+}
+
+ORVCrashReportWindowController::~ORVCrashReportWindowController() = default;
+
+QLabel *ORVCrashReportWindowController::headingTextField() const
+{
+    return _ui->_headingTextField;
+}
+
+QLineEdit *ORVCrashReportWindowController::nameTextField() const
+{
+    return _ui->_nameTextField;
+}
+
+QLineEdit *ORVCrashReportWindowController::emailTextField() const
+{
+    return _ui->_emailTextField;
+}
+
+QPlainTextEdit *ORVCrashReportWindowController::commentsTextView() const
+{
+    return _ui->_commentsTextView;
+}
+
+QPushButton *ORVCrashReportWindowController::detailsButton() const
+{
+    return _ui->_detailsButton;
+}
+
+QString ORVCrashReportWindowController::comments() const
+{
+    return _ui->_commentsTextView->toPlainText();
+}
+
+QString ORVCrashReportWindowController::applicationName()
+{
+    const ORVBundle &bundle = ORVBundle::mainBundle();
+    for (const char *key : {"CFBundleDisplayName", "CFBundleName"}) {
+        const QString localized = localizedInfoValue(key);
+        if (!localized.isEmpty())
+            return localized;
+        const QString plain = bundle.objectForInfoDictionaryKey(QString::fromLatin1(key)).toString();
+        if (!plain.isEmpty())
+            return plain;
+    }
+    return QCoreApplication::applicationName();
+}
+
+void ORVCrashReportWindowController::windowDidLoad()
+{
+    QLabel *heading = _ui->_headingTextField;
+    heading->setText(ORVStringWithFormat(heading->text(), applicationName()));
+
+    const std::shared_ptr<ORVUserDefaults> defaults = _userDefaults.lock();
+    std::optional<QString> name = defaults ? defaults->stringForKey(ORVCrashReportNameKey) : std::nullopt;
+    std::optional<QString> email = defaults ? defaults->stringForKey(ORVCrashReportEmailKey) : std::nullopt;
+    if (!name || !email) {
+        // The card replaces both, as the user's own card is the better
+        // source; without a card only a missing name is filled in.
+        if (const std::optional<ORVContactCard> card = ORVMeContactCard()) {
+            name = card->fullName;
+            email = card->emailAddresses.isEmpty() ? std::nullopt : std::optional<QString>(card->emailAddresses.first());
+        } else if (!name) {
+            const QString passwdName = ORVPasswdFullName();
+            if (!passwdName.isEmpty())
+                name = passwdName;
+        }
+    }
+    _ui->_nameTextField->setText(name.value_or(QString()));
+    _ui->_emailTextField->setText(email.value_or(QString()));
+    if (!_ui->_nameTextField->text().isEmpty() && !_ui->_emailTextField->text().isEmpty())
+        _ui->_commentsTextView->setFocus();
+}
+
+void ORVCrashReportWindowController::send()
+{
+    if (const std::shared_ptr<ORVUserDefaults> defaults = _userDefaults.lock()) {
+        defaults->setString(_ui->_nameTextField->text(), ORVCrashReportNameKey);
+        defaults->setString(_ui->_emailTextField->text(), ORVCrashReportEmailKey);
+    }
+    done(1);
+}
+
+void ORVCrashReportWindowController::cancel()
+{
+    done(0);
+}

@@ -1,0 +1,282 @@
+#include <OrvellaKitWidgets/ORVDataCollectionPendingItemsViewController.h>
+
+#include "ui_ORVDataCollectionPendingItemsViewController.h"
+
+#include <OrvellaKit/ORVLocalization.h>
+
+#include <QAction>
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QHeaderView>
+#include <QItemSelectionModel>
+#include <QLocale>
+#include <QMenu>
+#include <QRegularExpression>
+
+#include <algorithm>
+
+const QString ORVDataCollectionPendingItemsViewController::sentenceColumnIdentifier = QStringLiteral("sentence");
+const QString ORVDataCollectionPendingItemsViewController::dateColumnIdentifier = QStringLiteral("date");
+
+namespace {
+QString withoutLineBreaks(QString text)
+{
+    static const QRegularExpression lineBreak(QStringLiteral("\r\n|[\n\r\v\f\u0085\u2028\u2029]"));
+    return text.replace(lineBreak, QStringLiteral(" "));
+}
+} // namespace
+
+// The table's rows are the controller's list; the model only reads it.
+class ORVDataCollectionPendingItemsViewController::Model : public QAbstractTableModel {
+public:
+    explicit Model(ORVDataCollectionPendingItemsViewController *controller)
+        : QAbstractTableModel(controller), _controller(controller)
+    {
+    }
+    int rowCount(const QModelIndex &parent = {}) const override
+    {
+        return parent.isValid() ? 0 : static_cast<int>(_controller->_rows.size());
+    }
+    int columnCount(const QModelIndex &parent = {}) const override { return parent.isValid() ? 0 : 2; }
+    QVariant data(const QModelIndex &index, int role) const override
+    {
+        if (!index.isValid() || (role != Qt::DisplayRole && role != Qt::ToolTipRole))
+            return {};
+        if (role == Qt::ToolTipRole && index.column() == 0)
+            return _controller->_rows.value(index.row()).text.value_or(QString());
+        return _controller->objectValue(identifier(index.column()), index.row());
+    }
+    QVariant headerData(int section, Qt::Orientation orientation, int role) const override
+    {
+        if (orientation != Qt::Horizontal)
+            return {};
+        if (role == Qt::UserRole)
+            return identifier(section);
+        if (role == Qt::DisplayRole)
+            return section == 0 ? ORVLocalizedString("Report") : ORVLocalizedString("Sending");
+        return {};
+    }
+    static QString identifier(int column)
+    {
+        return column == 0 ? sentenceColumnIdentifier : dateColumnIdentifier;
+    }
+    void reset()
+    {
+        beginResetModel();
+        endResetModel();
+    }
+    void removeRowAt(int row, const std::function<void()> &remove)
+    {
+        beginRemoveRows({}, row, row);
+        remove();
+        endRemoveRows();
+    }
+
+private:
+    ORVDataCollectionPendingItemsViewController *_controller;
+};
+
+ORVDataCollectionPendingItemsViewController::ORVDataCollectionPendingItemsViewController(
+    std::shared_ptr<ORVDataCollectionManager> manager, QWidget *parent)
+    : QWidget(parent), _manager(manager ? std::move(manager) : ORVDataCollectionManager::sharedManager()),
+      _ui(std::make_unique<Ui::ORVDataCollectionPendingItemsViewController>())
+{
+    _ui->setupUi(this);
+    _model = new Model(this);
+    _ui->_tableView->setModel(_model);
+    _ui->_tableView->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
+    _ui->_tableView->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+
+    _copyAction = new QAction(ORVLocalizedString("Copy"), this);
+    _copyAction->setShortcut(QKeySequence::Copy);
+    _copyAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    _copyAction->setEnabled(false);
+    addAction(_copyAction);
+    connect(_copyAction, &QAction::triggered, this, &ORVDataCollectionPendingItemsViewController::copy);
+
+    connect(_ui->_deleteButton, &QPushButton::clicked, this, &ORVDataCollectionPendingItemsViewController::deleteItems);
+    connect(_ui->_tableView->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            &ORVDataCollectionPendingItemsViewController::tableViewSelectionDidChange);
+    connect(_ui->_tableView, &QWidget::customContextMenuRequested, this, [this](const QPoint &position) {
+        const QModelIndex index = _ui->_tableView->indexAt(position);
+        std::unique_ptr<QMenu> menu(contextMenuForClickedRow(index.isValid() ? index.row() : -1));
+        if (!menu->isEmpty())
+            menu->exec(_ui->_tableView->viewport()->mapToGlobal(position));
+    });
+    viewDidLoad();
+}
+
+ORVDataCollectionPendingItemsViewController::~ORVDataCollectionPendingItemsViewController()
+{
+    // A view destroyed while shown still gives submission back.
+    if (_appeared)
+        viewDidDisappear();
+}
+
+QTableView *ORVDataCollectionPendingItemsViewController::tableView() const
+{
+    return _ui->_tableView;
+}
+
+QPushButton *ORVDataCollectionPendingItemsViewController::deleteButton() const
+{
+    return _ui->_deleteButton;
+}
+
+QLabel *ORVDataCollectionPendingItemsViewController::submitNowTextField() const
+{
+    return _ui->_submitNowTextField;
+}
+
+void ORVDataCollectionPendingItemsViewController::viewDidLoad()
+{
+    _rows = _manager->pendingItems();
+    _model->reset();
+}
+
+void ORVDataCollectionPendingItemsViewController::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    if (!_appeared)
+        viewWillAppear();
+}
+
+void ORVDataCollectionPendingItemsViewController::hideEvent(QHideEvent *event)
+{
+    QWidget::hideEvent(event);
+    // A minimised window hides its widgets too; the view has not gone then.
+    if (_appeared && !(window()->windowState() & Qt::WindowMinimized))
+        viewDidDisappear();
+}
+
+void ORVDataCollectionPendingItemsViewController::viewWillAppear()
+{
+    _appeared = true;
+    _manager->beginSubmissionDisabled();
+}
+
+void ORVDataCollectionPendingItemsViewController::viewDidDisappear()
+{
+    _appeared = false;
+    if (std::exchange(_didModifyItems, false))
+        _manager->setPendingItems(_rows);
+    _manager->endSubmissionDisabled();
+    if (std::exchange(_shouldSubmitItems, false)) {
+        _manager->submitPendingItemsWithCompletionHandler();
+        _ui->_submitNowTextField->hide();
+    }
+}
+
+QString ORVDataCollectionPendingItemsViewController::formattedDate(const QDateTime &date) const
+{
+    // Short date and time, with "Today" and "Tomorrow" for the next days.
+    const QLocale locale;
+    const QDateTime local = date.toLocalTime();
+    const qint64 days = QDate::currentDate().daysTo(local.date());
+    QString day;
+    if (days == 0)
+        day = ORVLocalizedString("Today");
+    else if (days == 1)
+        day = ORVLocalizedString("Tomorrow");
+    else
+        day = locale.toString(local.date(), QLocale::ShortFormat);
+    return day + QStringLiteral(", ") + locale.toString(local.time(), QLocale::ShortFormat);
+}
+
+QString ORVDataCollectionPendingItemsViewController::objectValue(const QString &columnIdentifier, int row) const
+{
+    if (row < 0 || row >= _rows.size())
+        return {};
+    const ORVDataCollectionItem &item = _rows.at(row);
+    QString text;
+    if (columnIdentifier == sentenceColumnIdentifier) {
+        text = item.text.value_or(QString());
+    } else {
+        const std::optional<QDateTime> &date = item.scheduledSubmissionDate;
+        text = date && *date > QDateTime::currentDateTimeUtc() ? formattedDate(*date) : ORVLocalizedString("Now");
+    }
+    return withoutLineBreaks(text);
+}
+
+QList<int> ORVDataCollectionPendingItemsViewController::selectedRows() const
+{
+    QList<int> rows;
+    for (const QModelIndex &index : _ui->_tableView->selectionModel()->selectedRows())
+        rows.append(index.row());
+    std::sort(rows.begin(), rows.end());
+    return rows;
+}
+
+void ORVDataCollectionPendingItemsViewController::tableViewSelectionDidChange()
+{
+    const bool selected = _ui->_tableView->selectionModel()->hasSelection();
+    _ui->_deleteButton->setEnabled(selected);
+    _copyAction->setEnabled(selected);
+}
+
+void ORVDataCollectionPendingItemsViewController::deleteItems()
+{
+    deleteItemsAtIndexes(selectedRows());
+}
+
+void ORVDataCollectionPendingItemsViewController::deleteItemsFromMenuItem()
+{
+    if (_clickedRow < 0)
+        return;
+    const QList<int> selection = selectedRows();
+    deleteItemsAtIndexes(selection.contains(_clickedRow) ? selection : QList<int>{_clickedRow});
+}
+
+void ORVDataCollectionPendingItemsViewController::deleteItemsAtIndexes(QList<int> rows)
+{
+    std::sort(rows.begin(), rows.end());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    bool removed = false;
+    // From the last, so the positions still to remove stay valid.
+    for (auto it = rows.crbegin(); it != rows.crend(); ++it) {
+        const int row = *it;
+        if (row < 0 || row >= _rows.size())
+            continue;
+        _model->removeRowAt(row, [this, row] { _rows.removeAt(row); });
+        removed = true;
+    }
+    if (removed)
+        _didModifyItems = true;
+    tableViewSelectionDidChange();
+}
+
+void ORVDataCollectionPendingItemsViewController::copy()
+{
+    QStringList texts;
+    for (int row : selectedRows())
+        texts << _rows.at(row).text.value_or(QString());
+    if (texts.isEmpty())
+        return;
+    QClipboard *clipboard = QGuiApplication::clipboard();
+    clipboard->clear();
+    clipboard->setText(texts.join(QLatin1Char('\n')));
+}
+
+void ORVDataCollectionPendingItemsViewController::submitAllPendingItems()
+{
+    _didModifyItems = true;
+    _shouldSubmitItems = true;
+    const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
+    for (ORVDataCollectionItem &item : _rows)
+        item.scheduledSubmissionDate = due;
+    _model->reset();
+    _ui->_submitNowTextField->show();
+}
+
+QMenu *ORVDataCollectionPendingItemsViewController::contextMenuForClickedRow(int clickedRow)
+{
+    _clickedRow = clickedRow >= 0 && clickedRow < _rows.size() ? clickedRow : -1;
+    auto *menu = new QMenu(_ui->_tableView);
+    if (!_rows.isEmpty())
+        connect(menu->addAction(ORVLocalizedString("Submit All Now")), &QAction::triggered, this,
+                &ORVDataCollectionPendingItemsViewController::submitAllPendingItems);
+    if (_clickedRow >= 0)
+        connect(menu->addAction(ORVLocalizedString("Delete")), &QAction::triggered, this,
+                &ORVDataCollectionPendingItemsViewController::deleteItemsFromMenuItem);
+    return menu;
+}

@@ -1,0 +1,147 @@
+#include <OrvellaKitWidgets/ORVMAlert.h>
+
+#include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKit/ORVNotificationCenter.h>
+
+#include <QGuiApplication>
+#include <QLibrary>
+#include <QPushButton>
+#include <QtGui/qguiapplication_platform.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+const QString ORVMAlertWillShowNotification = QStringLiteral("ORVMAlertWillShowNotification");
+const QString ORVMAlertDidHideNotification = QStringLiteral("ORVMAlertDidHideNotification");
+
+namespace {
+
+// The few libxcb calls that set a window property. libxcb is loaded at run
+// time: it is there whenever Qt runs on X11, and the library does not need
+// its headers to build.
+struct Xcb {
+    struct AtomCookie {
+        unsigned int sequence;
+    };
+    struct AtomReply {
+        std::uint8_t responseType;
+        std::uint8_t pad0;
+        std::uint16_t sequence;
+        std::uint32_t length;
+        std::uint32_t atom;
+    };
+    struct VoidCookie {
+        unsigned int sequence;
+    };
+    using InternAtom = AtomCookie (*)(xcb_connection_t *, std::uint8_t, std::uint16_t, const char *);
+    using InternAtomReply = AtomReply *(*)(xcb_connection_t *, AtomCookie, void **);
+    using ChangeProperty = VoidCookie (*)(xcb_connection_t *, std::uint8_t, std::uint32_t, std::uint32_t,
+                                          std::uint32_t, std::uint8_t, std::uint32_t, const void *);
+    using Flush = int (*)(xcb_connection_t *);
+
+    InternAtom internAtom = nullptr;
+    InternAtomReply internAtomReply = nullptr;
+    ChangeProperty changeProperty = nullptr;
+    Flush flush = nullptr;
+
+    static const Xcb *instance()
+    {
+        static const Xcb xcb = [] {
+            Xcb loaded;
+            QLibrary library(QStringLiteral("xcb"), 1);
+            if (library.load()) {
+                loaded.internAtom = reinterpret_cast<InternAtom>(library.resolve("xcb_intern_atom"));
+                loaded.internAtomReply = reinterpret_cast<InternAtomReply>(library.resolve("xcb_intern_atom_reply"));
+                loaded.changeProperty = reinterpret_cast<ChangeProperty>(library.resolve("xcb_change_property"));
+                loaded.flush = reinterpret_cast<Flush>(library.resolve("xcb_flush"));
+            }
+            return loaded;
+        }();
+        return xcb.internAtom && xcb.internAtomReply && xcb.changeProperty && xcb.flush ? &xcb : nullptr;
+    }
+};
+
+constexpr std::uint8_t kPropModeReplace = 0;
+constexpr std::uint32_t kAtomCardinal = 6;
+constexpr std::uint32_t kAllDesktops = 0xFFFFFFFF;
+
+} // namespace
+
+bool ORVWindowJoinAllWorkspaces(QWidget *window)
+{
+    if (!window || QGuiApplication::platformName() != QLatin1String("xcb"))
+        return false;
+    auto *x11 = qGuiApp->nativeInterface<QNativeInterface::QX11Application>();
+    const Xcb *xcb = Xcb::instance();
+    if (!x11 || !x11->connection() || !xcb)
+        return false;
+    xcb_connection_t *connection = x11->connection();
+    const auto windowId = static_cast<std::uint32_t>(window->winId());
+    static const char name[] = "_NET_WM_DESKTOP";
+    Xcb::AtomReply *reply =
+        xcb->internAtomReply(connection, xcb->internAtom(connection, 0, sizeof(name) - 1, name), nullptr);
+    if (!reply)
+        return false;
+    const std::uint32_t atom = reply->atom;
+    std::free(reply);
+    xcb->changeProperty(connection, kPropModeReplace, windowId, atom, kAtomCardinal, 32, 1, &kAllDesktops);
+    xcb->flush(connection);
+    return true;
+}
+
+// ---------------------------------------------------------------------------
+
+ORVMAlert::ORVMAlert(QWidget *parent) : QMessageBox(parent)
+{
+    setIcon(QMessageBox::Warning);
+}
+
+ORVMAlert::~ORVMAlert() = default;
+
+void ORVMAlert::setAlertStyle(ORVAlertStyle style)
+{
+    switch (style) {
+    case ORVAlertStyle::Warning:
+        setIcon(QMessageBox::Warning);
+        break;
+    case ORVAlertStyle::Informational:
+        setIcon(QMessageBox::Information);
+        break;
+    case ORVAlertStyle::Critical:
+        setIcon(QMessageBox::Critical);
+        break;
+    }
+}
+
+QPushButton *ORVMAlert::addButtonWithTitle(const QString &title)
+{
+    // The role only orders the buttons; the first added stays on the right
+    // as the default one, the ones after it to its left.
+    QPushButton *button = addButton(title, _alertButtons.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole);
+    if (_alertButtons.isEmpty())
+        setDefaultButton(button);
+    if (title == QLatin1String("Cancel") || title == ORVLocalizedString("Cancel"))
+        setEscapeButton(button);
+    _alertButtons.append(button);
+    return button;
+}
+
+int ORVMAlert::runModal()
+{
+    ORVNotificationCenter::defaultCenter().postNotificationName(ORVMAlertWillShowNotification,
+                                                                ORVNotificationObject(this));
+    _showsOnAllWorkspaces = ORVWindowJoinAllWorkspaces(this);
+    const int result = QMessageBox::exec();
+    ORVNotificationCenter::defaultCenter().postNotificationName(ORVMAlertDidHideNotification,
+                                                                ORVNotificationObject(this));
+    const auto *clicked = clickedButton();
+    for (qsizetype index = 0; index < _alertButtons.size(); ++index)
+        if (_alertButtons.at(index) == clicked)
+            return ORVAlertFirstButtonReturn + static_cast<int>(index);
+    return result;
+}
+
+int ORVMAlert::exec()
+{
+    return runModal();
+}
