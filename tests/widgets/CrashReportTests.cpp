@@ -1,0 +1,195 @@
+// The crash report dialog reads the user's own card from AccountsService on
+// the system bus. The test machine has no system bus, so this suite runs in
+// its own D-Bus session and points the system bus address at that session,
+// where a stand-in for AccountsService answers (the one service here that
+// cannot exist on the machine).
+
+#include "OrvTestSupport.h"
+
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVUserDefaults.h>
+#include <OrvellaKitWidgets/ORVCrashReportWindowController.h>
+
+#include <QDBusConnection>
+#include <QDBusObjectPath>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QSignalSpy>
+#include <QTest>
+#include <QThread>
+#include <QTimer>
+
+#include <unistd.h>
+
+using namespace orv::test;
+
+// A user as AccountsService publishes it.
+class FakeAccountsUser : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Accounts.User")
+    Q_PROPERTY(QString RealName READ realName)
+    Q_PROPERTY(QString Email READ email)
+public:
+    QString realName() const { return QStringLiteral("Ada Lovelace"); }
+    QString email() const { return QStringLiteral("ada@analytical.example"); }
+};
+
+class FakeAccounts : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Accounts")
+public:
+    std::atomic<int> lookups = 0;
+    std::atomic<qint64> askedFor = -1;
+public slots:
+    QDBusObjectPath FindUserById(qint64 uid)
+    {
+        ++lookups;
+        askedFor = uid;
+        return QDBusObjectPath(QStringLiteral("/org/freedesktop/Accounts/User%1").arg(uid));
+    }
+};
+
+namespace {
+
+// Points the system bus at this test's session bus before anything asks
+// for it.
+class SystemBusOnSessionBus : public ::testing::Environment {
+public:
+    void SetUp() override
+    {
+        const QByteArray session = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+        if (!session.isEmpty())
+            qputenv("DBUS_SYSTEM_BUS_ADDRESS", session);
+    }
+};
+[[maybe_unused]] auto *const systemBusEnvironment = ::testing::AddGlobalTestEnvironment(new SystemBusOnSessionBus);
+
+// The stand-in service on its own connection and thread, so that the
+// dialog's blocking call on the main thread gets a real answer.
+class AccountsService {
+public:
+    AccountsService()
+    {
+        _thread.start();
+        accounts.moveToThread(&_thread);
+        user.moveToThread(&_thread);
+        QMetaObject::invokeMethod(
+            &accounts,
+            [this] {
+                QDBusConnection bus = QDBusConnection::connectToBus(qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"),
+                                                                    QStringLiteral("fake-accounts"));
+                registered = bus.registerObject(QStringLiteral("/org/freedesktop/Accounts"), &accounts,
+                                                QDBusConnection::ExportAllSlots) &&
+                             bus.registerObject(QStringLiteral("/org/freedesktop/Accounts/User%1").arg(getuid()), &user,
+                                                QDBusConnection::ExportAllProperties) &&
+                             bus.registerService(QStringLiteral("org.freedesktop.Accounts"));
+            },
+            Qt::BlockingQueuedConnection);
+    }
+    ~AccountsService()
+    {
+        QMetaObject::invokeMethod(
+            &accounts,
+            [] {
+                QDBusConnection bus(QStringLiteral("fake-accounts"));
+                bus.unregisterService(QStringLiteral("org.freedesktop.Accounts"));
+                bus.unregisterObject(QStringLiteral("/org/freedesktop/Accounts"), QDBusConnection::UnregisterTree);
+                QDBusConnection::disconnectFromBus(QStringLiteral("fake-accounts"));
+            },
+            Qt::BlockingQueuedConnection);
+        _thread.quit();
+        _thread.wait();
+        accounts.moveToThread(QThread::currentThread());
+        user.moveToThread(QThread::currentThread());
+    }
+    FakeAccounts accounts;
+    FakeAccountsUser user;
+    bool registered = false;
+
+private:
+    QThread _thread;
+};
+
+class CrashReportTest : public XdgHomeTest {
+protected:
+    void SetUp() override
+    {
+        ASSERT_FALSE(qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) << "run under dbus-run-session";
+        defaults = ORVUserDefaults::defaultsWithPath(home.filePath("crash.conf"));
+        ORVBundle::mainBundle().setInfoDictionary({{"CFBundleName", "kalendro"}, {"CFBundleDisplayName", "Kalendro"}});
+    }
+    std::shared_ptr<ORVUserDefaults> defaults;
+};
+
+TEST_F(CrashReportTest, WithBothStoredNoCardIsReadAndTheCommentsHaveFocus)
+{
+    AccountsService service;
+    ASSERT_TRUE(service.registered);
+    defaults->setString("Grace Hopper", "CrashReportName");
+    defaults->setString("grace@example.org", "CrashReportEmail");
+
+    ORVCrashReportWindowController dialog(defaults);
+    dialog.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+    EXPECT_EQ(service.accounts.lookups.load(), 0);
+    EXPECT_EQ(dialog.nameTextField()->text(), "Grace Hopper");
+    EXPECT_EQ(dialog.emailTextField()->text(), "grace@example.org");
+    EXPECT_EQ(dialog.focusWidget(), dialog.commentsTextView());
+    EXPECT_EQ(dialog.headingTextField()->text(), "Kalendro quit unexpectedly.");
+}
+
+TEST_F(CrashReportTest, AMissingValueBringsInTheUsersOwnCardForBoth)
+{
+    AccountsService service;
+    ASSERT_TRUE(service.registered);
+    defaults->setString("Someone Else", "CrashReportName");
+
+    ORVCrashReportWindowController dialog(defaults);
+    EXPECT_EQ(service.accounts.lookups.load(), 1);
+    EXPECT_EQ(service.accounts.askedFor.load(), static_cast<qint64>(getuid()));
+    EXPECT_EQ(dialog.nameTextField()->text(), "Ada Lovelace");
+    EXPECT_EQ(dialog.emailTextField()->text(), "ada@analytical.example");
+}
+
+TEST_F(CrashReportTest, WithoutTheServiceTheNameComesFromPasswd)
+{
+    ORVCrashReportWindowController dialog(defaults);
+    EXPECT_EQ(dialog.nameTextField()->text(), ORVPasswdFullName());
+    EXPECT_EQ(dialog.emailTextField()->text(), "");
+    EXPECT_NE(dialog.focusWidget(), dialog.commentsTextView());
+}
+
+TEST_F(CrashReportTest, SendRemembersNameAndEmailAndAnswersOneCancelAnswersZero)
+{
+    {
+        ORVCrashReportWindowController dialog(defaults);
+        QTimer::singleShot(0, &dialog, [&] {
+            dialog.nameTextField()->setText("Ada");
+            dialog.emailTextField()->setText("ada@example.org");
+            dialog.commentsTextView()->setPlainText("It froze\nafter saving");
+            dialog.findChild<QPushButton *>("sendButton")->click();
+        });
+        EXPECT_EQ(dialog.exec(), 1);
+        EXPECT_FALSE(dialog.isVisible());
+        EXPECT_EQ(dialog.comments(), "It froze\nafter saving");
+    }
+    EXPECT_EQ(defaults->stringForKey("CrashReportName"), "Ada");
+    EXPECT_EQ(defaults->stringForKey("CrashReportEmail"), "ada@example.org");
+
+    ORVCrashReportWindowController dialog(defaults);
+    QSignalSpy details(&dialog, &ORVCrashReportWindowController::detailsRequested);
+    QTimer::singleShot(0, &dialog, [&] {
+        dialog.detailsButton()->click();
+        dialog.nameTextField()->setText("Changed");
+        QTest::keyClick(&dialog, Qt::Key_Escape);
+    });
+    EXPECT_EQ(dialog.exec(), 0);
+    EXPECT_EQ(details.count(), 1);
+    EXPECT_EQ(defaults->stringForKey("CrashReportName"), "Ada");
+}
+
+} // namespace
+
+#include "CrashReportTests.moc"

@@ -1,0 +1,158 @@
+#include "AccountServerFixture.h"
+
+#include <OrvellaKitWidgets/ORVDataCollectionPendingItemsViewController.h>
+
+#include <QAction>
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QItemSelectionModel>
+#include <QLabel>
+#include <QMenu>
+#include <QPushButton>
+#include <QTableView>
+#include <QTest>
+
+using namespace orv::test;
+
+namespace {
+
+ORVDataCollectionItem report(const QString &text, qint64 secondsFromNow)
+{
+    ORVDataCollectionItem item;
+    item.text = text;
+    item.category = QStringLiteral("usage");
+    item.scheduledSubmissionDate = QDateTime::currentDateTimeUtc().addSecs(secondsFromNow);
+    return item;
+}
+
+QStringList texts(const QList<ORVDataCollectionItem> &items)
+{
+    QStringList result;
+    for (const auto &item : items)
+        result << item.text.value_or(QString());
+    return result;
+}
+
+class PendingItemsTest : public AccountServerTest {
+protected:
+    void SetUp() override
+    {
+        AccountServerTest::SetUp();
+        queue = std::make_shared<ORVDataCollectionManager>();
+        queue->setSubmissionURL(url("/v1/usage/collect/"));
+        queue->setPendingItems({report("Opened the week view", 3600 * 24 * 7),
+                                report("Imported a calendar\nwith 12 events", 3600 * 24 * 3),
+                                report("Changed the theme", 3600)});
+    }
+    void select(ORVDataCollectionPendingItemsViewController &view, std::initializer_list<int> rows)
+    {
+        QItemSelectionModel *selection = view.tableView()->selectionModel();
+        selection->clearSelection();
+        for (int row : rows)
+            selection->select(view.tableView()->model()->index(row, 0),
+                              QItemSelectionModel::Select | QItemSelectionModel::Rows);
+    }
+    std::shared_ptr<ORVDataCollectionManager> queue;
+};
+
+TEST_F(PendingItemsTest, AMultiLineReportShowsOnOneLineAndCopyKeepsTheLines)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    QAbstractItemModel *model = view.tableView()->model();
+    ASSERT_EQ(model->rowCount(), 3);
+    EXPECT_EQ(model->headerData(0, Qt::Horizontal, Qt::UserRole).toString(), "sentence");
+    EXPECT_EQ(model->index(1, 0).data().toString(), "Imported a calendar with 12 events");
+    EXPECT_EQ(view.objectValue("sentence", 1), "Imported a calendar with 12 events");
+    // A future date is formatted, never "Now".
+    EXPECT_NE(view.objectValue("date", 0), "Now");
+    EXPECT_FALSE(view.objectValue("date", 0).isEmpty());
+
+    EXPECT_FALSE(view.deleteButton()->isEnabled());
+    EXPECT_FALSE(view.copyAction()->isEnabled());
+    select(view, {2, 1});
+    EXPECT_TRUE(view.deleteButton()->isEnabled());
+    EXPECT_TRUE(view.copyAction()->isEnabled());
+    view.copyAction()->trigger();
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "Imported a calendar\nwith 12 events\nChanged the theme");
+}
+
+TEST_F(PendingItemsTest, SubmitAllNowThenClosingSendsEveryReport)
+{
+    auto view = std::make_unique<ORVDataCollectionPendingItemsViewController>(queue);
+    view->show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(view.get()));
+
+    // Without a clicked row the menu only offers to send everything.
+    std::unique_ptr<QMenu> menu(view->contextMenuForClickedRow(-1));
+    ASSERT_EQ(menu->actions().size(), 1);
+    EXPECT_EQ(menu->actions().first()->text(), "Submit All Now");
+    EXPECT_TRUE(menu->actions().first()->shortcut().isEmpty());
+
+    // While the view is shown the queue sends nothing.
+    queue->setPendingItems(view->rows() << report("Due already", -10));
+    std::atomic<int> handled = 0;
+    queue->submitPendingItemsWithCompletionHandler([&](const ORVError &, quint64 sent) {
+        EXPECT_EQ(sent, 0u);
+        ++handled;
+    });
+    ASSERT_TRUE(waitUntil([&] { return handled.load() == 1; }));
+    EXPECT_TRUE(server.service().collectedReports().empty());
+    queue->setPendingItems(view->rows());
+
+    menu->actions().first()->trigger();
+    for (int row = 0; row < 3; ++row)
+        EXPECT_EQ(view->objectValue("date", row), "Now");
+    EXPECT_TRUE(view->submitNowTextField()->isVisible());
+    EXPECT_TRUE(server.service().collectedReports().empty());
+
+    view->hide();
+    ASSERT_TRUE(waitUntil([&] { return server.service().collectedReports().size() == 3; }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return queue->pendingItems().isEmpty(); }, 10s));
+    const auto reports = server.service().collectedReports();
+    EXPECT_NE(reports[1].find("Imported a calendar\\nwith 12 events"), std::string::npos);
+}
+
+TEST_F(PendingItemsTest, DeletingRowsThenClosingRewritesTheQueue)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+
+    select(view, {0, 2});
+    QTest::mouseClick(view.deleteButton(), Qt::LeftButton);
+    EXPECT_EQ(texts(view.rows()), QStringList{"Imported a calendar\nwith 12 events"});
+    EXPECT_FALSE(view.deleteButton()->isEnabled());
+    // The file is only rewritten when the view goes.
+    EXPECT_EQ(queue->pendingItems().size(), 3);
+
+    view.hide();
+    EXPECT_EQ(texts(queue->pendingItems()), QStringList{"Imported a calendar\nwith 12 events"});
+    spinFor(100ms);
+    EXPECT_TRUE(server.service().collectedReports().empty());
+}
+
+TEST_F(PendingItemsTest, TheMenusDeleteTakesTheSelectionOnlyWhenTheClickedRowIsInIt)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    select(view, {0, 1});
+    std::unique_ptr<QMenu> outside(view.contextMenuForClickedRow(2));
+    ASSERT_EQ(outside->actions().size(), 2);
+    EXPECT_EQ(outside->actions().at(1)->text(), "Delete");
+    outside->actions().at(1)->trigger();
+    EXPECT_EQ(texts(view.rows()), (QStringList{"Opened the week view", "Imported a calendar\nwith 12 events"}));
+
+    select(view, {0, 1});
+    std::unique_ptr<QMenu> inside(view.contextMenuForClickedRow(1));
+    inside->actions().at(1)->trigger();
+    EXPECT_TRUE(view.rows().isEmpty());
+    EXPECT_TRUE(view.didModifyItems());
+
+    // Nothing left: no menu items at all, and deleting nothing is harmless.
+    std::unique_ptr<QMenu> empty(view.contextMenuForClickedRow(0));
+    EXPECT_TRUE(empty->actions().isEmpty());
+    view.deleteItems();
+    view.deleteItemsAtIndexes({5, -1});
+    EXPECT_TRUE(view.rows().isEmpty());
+}
+
+} // namespace
