@@ -75,5 +75,95 @@
         <source>Failed to register device. Received invalid response from server.</source>
         <translation>Das Gerät konnte nicht registriert werden. Der Server hat eine ungültige Antwort gesendet.</translation>
     </message>
+    <message>
+        <source>Report</source>
+        <translation>Bericht</translation>
+    </message>
+    <message>
+        <source>Sending</source>
+        <translation>Senden</translation>
+    </message>
+    <message>
+        <source>Copy</source>
+        <translation>Kopieren</translation>
+    </message>
+    <message>
+        <source>Now</source>
+        <translation>Jetzt</translation>
+    </message>
+    <message>
+        <source>Today</source>
+        <translation>Heute</translation>
+    </message>
+    <message>
+        <source>Tomorrow</source>
+        <translation>Morgen</translation>
+    </message>
+    <message>
+        <source>Submit All Now</source>
+        <translation>Alle jetzt senden</translation>
+    </message>
+    <message>
+        <source>Delete</source>
+        <translation>Löschen</translation>
+    </message>
+</context>
+<context>
+    <name>ORVCrashReportWindowController</name>
+    <message>
+        <source>Problem Report</source>
+        <translation>Problembericht</translation>
+    </message>
+    <message>
+        <source>%@ quit unexpectedly.</source>
+        <translation>%@ wurde unerwartet beendet.</translation>
+    </message>
+    <message>
+        <source>A report of what happened helps us fix the problem. Add your name and e-mail address if we may contact you about it.</source>
+        <translation>Ein Bericht über das Geschehene hilft uns, das Problem zu beheben. Gib deinen Namen und deine E-Mail-Adresse an, wenn wir dich dazu kontaktieren dürfen.</translation>
+    </message>
+    <message>
+        <source>Name:</source>
+        <translation>Name:</translation>
+    </message>
+    <message>
+        <source>E-mail:</source>
+        <translation>E-Mail:</translation>
+    </message>
+    <message>
+        <source>Comments (what were you doing when it happened?):</source>
+        <translation>Kommentare (was hast du gerade gemacht?):</translation>
+    </message>
+    <message>
+        <source>Show Details…</source>
+        <translation>Details anzeigen …</translation>
+    </message>
+    <message>
+        <source>Cancel</source>
+        <translation>Abbrechen</translation>
+    </message>
+    <message>
+        <source>Send Report</source>
+        <translation>Bericht senden</translation>
+    </message>
+</context>
+<context>
+    <name>ORVDataCollectionPendingItemsViewController</name>
+    <message>
+        <source>Pending Reports</source>
+        <translation>Ausstehende Berichte</translation>
+    </message>
+    <message>
+        <source>These usage reports are waiting to be sent. Delete the ones you do not want to share.</source>
+        <translation>Diese Nutzungsberichte warten auf das Senden. Lösche die, die du nicht teilen möchtest.</translation>
+    </message>
+    <message>
+        <source>All reports will be sent when you close this view.</source>
+        <translation>Alle Berichte werden gesendet, wenn du diese Ansicht schließt.</translation>
+    </message>
+    <message>
+        <source>Delete</source>
+        <translation>Löschen</translation>
+    </message>
 </context>
 </TS>

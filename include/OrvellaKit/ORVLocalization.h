@@ -16,3 +16,5 @@
 // Returns false when the framework has no translation for it (the texts
 // then stay in English). A second call replaces the first translator.
 bool ORVInstallTranslations(const QLocale &locale = QLocale());
+// Removes the framework's translator: the texts are English again.
+void ORVRemoveTranslations();

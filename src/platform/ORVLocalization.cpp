@@ -5,21 +5,35 @@
 
 #include <mutex>
 
+namespace {
+std::mutex g_lock;
+QPointer<QTranslator> g_installed;
+
+void removeInstalledLocked()
+{
+    if (g_installed) {
+        QCoreApplication::removeTranslator(g_installed);
+        delete g_installed.data();
+    }
+}
+} // namespace
+
+void ORVRemoveTranslations()
+{
+    std::lock_guard guard(g_lock);
+    removeInstalledLocked();
+}
+
 bool ORVInstallTranslations(const QLocale &locale)
 {
-    static std::mutex lock;
-    static QPointer<QTranslator> installed;
-    std::lock_guard guard(lock);
+    std::lock_guard guard(g_lock);
     QCoreApplication *app = QCoreApplication::instance();
     if (!app)
         return false;
     auto translator = std::make_unique<QTranslator>(app);
     if (!translator->load(locale, QStringLiteral("orvellakit"), QStringLiteral("_"), QStringLiteral(":/i18n")))
         return false;
-    if (installed) {
-        QCoreApplication::removeTranslator(installed);
-        delete installed.data();
-    }
-    installed = translator.release();
-    return QCoreApplication::installTranslator(installed);
+    removeInstalledLocked();
+    g_installed = translator.release();
+    return QCoreApplication::installTranslator(g_installed);
 }

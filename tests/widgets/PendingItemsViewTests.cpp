@@ -1,5 +1,7 @@
 #include "AccountServerFixture.h"
 
+#include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKitWidgets/ORVCrashReportWindowController.h>
 #include <OrvellaKitWidgets/ORVDataCollectionPendingItemsViewController.h>
 
 #include <QAction>
@@ -153,6 +155,26 @@ TEST_F(PendingItemsTest, TheMenusDeleteTakesTheSelectionOnlyWhenTheClickedRowIsI
     view.deleteItems();
     view.deleteItemsAtIndexes({5, -1});
     EXPECT_TRUE(view.rows().isEmpty());
+}
+
+TEST_F(PendingItemsTest, TextsComeInGermanWithTheGermanTranslation)
+{
+    ASSERT_TRUE(ORVInstallTranslations(QLocale(QLocale::German, QLocale::Germany)));
+    queue->setPendingItems({report("Fällig", -5)});
+    {
+        ORVDataCollectionPendingItemsViewController view(queue);
+        EXPECT_EQ(view.objectValue("date", 0), "Jetzt");
+        EXPECT_EQ(view.deleteButton()->text(), "Löschen");
+        std::unique_ptr<QMenu> menu(view.contextMenuForClickedRow(0));
+        ASSERT_EQ(menu->actions().size(), 2);
+        EXPECT_EQ(menu->actions().at(0)->text(), "Alle jetzt senden");
+        EXPECT_EQ(menu->actions().at(1)->text(), "Löschen");
+        ORVCrashReportWindowController dialog(nullptr);
+        EXPECT_TRUE(dialog.headingTextField()->text().endsWith(" wurde unerwartet beendet."));
+    }
+    ORVRemoveTranslations();
+    ORVDataCollectionPendingItemsViewController english(queue);
+    EXPECT_EQ(english.objectValue("date", 0), "Now");
 }
 
 } // namespace
