@@ -2,17 +2,19 @@
 // signed-in session against the account server.
 //
 //   kalendro-sample [--server URL] [--email E] [--password P] [--name N]
-//                   [--sign-out] [--refresh] [--verbose]
+//                   [--sign-out] [--refresh] [--verbose] [--gui] [--screenshots DIR]
 //
 // Without --server it runs the reference account server inside the process
 // on 127.0.0.1 (its state kept in the data folder, so a second run finds the
 // account and the device again). Each step is printed in plain words; the
-// secrets themselves are never printed.
+// secrets themselves are never printed. With --gui the preferences window
+// stays open afterwards; --screenshots writes a PNG of each window and ends.
 
 #include "KalendroAccount.h"
 #include "KalendroCommandLog.h"
 #include "KalendroSecrets.h"
 #include "KalendroTokenManager.h"
+#include "KalendroWindows.h"
 
 #include <AccountServer.h>
 
@@ -27,6 +29,7 @@
 #include <QTimer>
 
 #include <atomic>
+#include <functional>
 
 ORV_LOG_FILE("Kalendro")
 
@@ -62,6 +65,10 @@ public:
           _password(std::move(password)), _name(std::move(name)), _refresh(refresh)
     {
     }
+
+    // What happens when the session ends (0: every step passed); the
+    // application exits with the code unless something else is set.
+    std::function<void(int)> finished = [](int code) { QCoreApplication::exit(code); };
 
     void start()
     {
@@ -171,7 +178,7 @@ private:
 
     void finish(int code)
     {
-        ORVDispatchQueue::mainQueue()->async([code] { QCoreApplication::exit(code); });
+        ORVDispatchQueue::mainQueue()->async([this, code] { finished(code); });
     }
 
     std::shared_ptr<KalendroTokenManager> _tokens;
@@ -202,7 +209,11 @@ int main(int argc, char **argv)
     const QCommandLineOption signOutOption("sign-out", "Forget the saved account and secrets first.");
     const QCommandLineOption refreshOption("refresh", "Get a fresh access token even when a stored one is valid.");
     const QCommandLineOption verboseOption("verbose", "Log everything (level verbose) to the log files.");
-    parser.addOptions({serverOption, emailOption, passwordOption, nameOption, signOutOption, refreshOption, verboseOption});
+    const QCommandLineOption guiOption("gui", "Show the preferences window afterwards (its menu opens the crash report "
+                                              "dialog and the pending usage reports).");
+    const QCommandLineOption screenshotsOption("screenshots", "Write a PNG of each window into DIR, then end.", "DIR");
+    parser.addOptions({serverOption, emailOption, passwordOption, nameOption, signOutOption, refreshOption, verboseOption,
+                       guiOption, screenshotsOption});
     parser.process(app);
 
     const ORVBundle &bundle = ORVBundle::mainBundle();
@@ -299,12 +310,39 @@ int main(int argc, char **argv)
     // 7. The session: account, sign-in, token, a request, the key.
     Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
                     parser.value(nameOption), parser.isSet(refreshOption));
-    ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
-    QTimer::singleShot(60000, &app, [] {
+    std::unique_ptr<KalendroWindows> windows;
+    int sessionStatus = 0;
+    QTimer giveUp;
+    giveUp.setSingleShot(true);
+    QObject::connect(&giveUp, &QTimer::timeout, &app, [] {
         say("gave up after 60 seconds without an answer");
         QCoreApplication::exit(1);
     });
-    const int status = QApplication::exec();
+    if (parser.isSet(guiOption) || parser.isSet(screenshotsOption)) {
+        session.finished = [&](int code) {
+            giveUp.stop();
+            sessionStatus = code;
+            const auto account = ORVFetchOrvellaAccount();
+            const QString accountText =
+                account && account->username()
+                    ? ORVStringWithFormat("Signed in as %@ (%@) on %@.", account->emailAddress(), *account->username(),
+                                          serverURL)
+                    : ORVStringWithFormat("Not signed in (server %@).", serverURL);
+            windows = std::make_unique<KalendroWindows>(usage, accountText);
+            if (parser.isSet(screenshotsOption)) {
+                const bool written = windows->writeScreenshots(parser.value(screenshotsOption));
+                QCoreApplication::exit(written ? code : 1);
+            } else {
+                windows->show();
+            }
+        };
+    }
+    ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
+    giveUp.start(60000);
+    int status = QApplication::exec();
+    if (windows && status == 0)
+        status = sessionStatus;
+    windows.reset();
 
     usage->stopSubmissionTimer();
     // The report is written on a background queue; a quick run may end first.

@@ -16,16 +16,16 @@
 // bus); without one, the name comes from the account's passwd entry.
 
 #include <QDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
 #include <QString>
 #include <QStringList>
 
 #include <memory>
 #include <optional>
 
-class QLabel;
-class QLineEdit;
-class QPlainTextEdit;
-class QPushButton;
 class ORVUserDefaults;
 
 namespace Ui {

@@ -15,16 +15,16 @@
 #include <OrvellaKit/ORVDataCollectionManager.h>
 
 #include <QAbstractTableModel>
+#include <QAction>
+#include <QLabel>
 #include <QList>
+#include <QMenu>
+#include <QPushButton>
+#include <QTableView>
 #include <QWidget>
 
 #include <memory>
 
-class QLabel;
-class QMenu;
-class QPushButton;
-class QTableView;
-class QAction;
 
 namespace Ui {
 class ORVDataCollectionPendingItemsViewController;

@@ -152,6 +152,7 @@ private:
     QRect windowFrameForNewSize(const QSize &contentSize) const; // _windowFrameForNewSize:
     void activeViewDidAppear();                                   // _activeViewDidAppear
     QRect availableScreenGeometry() const;
+    void liftSizeLimits();
     void insertToolbarItem(const QString &identifier);
     void setSelectedItemIdentifier(const QString &identifier);
     void pinView(QWidget *view);

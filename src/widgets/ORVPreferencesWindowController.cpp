@@ -310,6 +310,10 @@ void ORVPreferencesWindowController::selectPreferencesViewController(ORVPreferen
     _activeViewController = viewController;
     emit activeViewControllerChanged(viewController);
 
+    // Lift the previous pane's size limits, or the new frame would be held
+    // to them, and lay the window out so the content height is current.
+    liftSizeLimits();
+
     // The size the pane is laid out at: on first use its own size hint; the
     // stored one afterwards, clamped to what the screen can show.
     QWidget *view = viewController->view();
@@ -327,13 +331,6 @@ void ORVPreferencesWindowController::selectPreferencesViewController(ORVPreferen
     }
     const QSize contentSize(*viewController->widthConstraint(), *viewController->heightConstraint());
     view->setMinimumHeight(contentSize.height());
-
-    // Lift the previous pane's size limits, or the new frame would be held
-    // to them.
-    w->setMinimumSize(0, 0);
-    w->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
-    if (w->layout())
-        w->layout()->activate();
     const QRect target = windowFrameForNewSize(contentSize);
 
     QWidget *oldView = previous && previous->isViewLoaded() ? previous->view() : nullptr;
@@ -416,6 +413,14 @@ void ORVPreferencesWindowController::finishTransition(ORVPreferencesViewControll
         selectPreferencesViewController(requested, true);
 }
 
+void ORVPreferencesWindowController::liftSizeLimits()
+{
+    _window->setMinimumSize(0, 0);
+    _window->setMaximumSize(QWIDGETSIZE_MAX, QWIDGETSIZE_MAX);
+    if (_window->layout())
+        _window->layout()->activate();
+}
+
 void ORVPreferencesWindowController::activeViewDidAppear()
 {
     if (!_activeViewController || !_window)
@@ -423,6 +428,9 @@ void ORVPreferencesWindowController::activeViewDidAppear()
     ORVPreferencesViewController *pane = _activeViewController;
     QWidget *view = pane->view();
     view->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    // Measure the window as it is now laid out (a menu bar may have come
+    // since the pane was selected).
+    liftSizeLimits();
     if (pane->canResize()) {
         _window->setMinimumSize(windowFrameForNewSize(pane->minSize()).size());
         const QSize maxContent = pane->maxSize();
@@ -433,8 +441,10 @@ void ORVPreferencesWindowController::activeViewDidAppear()
         // size, so neither the user nor the window manager can resize it
         // (window managers drop the maximise button and the resize handles
         // of such a window).
-        const QSize fixed = windowFrameForNewSize(QSize(view->width(), std::max(view->height(), view->minimumHeight())))
-                                .size();
+        // The view's height is the one it was laid out at; its geometry
+        // may not be settled yet while the window is hidden.
+        const int height = pane->heightConstraint().value_or(view->height());
+        const QSize fixed = windowFrameForNewSize(QSize(view->width(), height)).size();
         _window->setMinimumSize(fixed);
         _window->setMaximumSize(fixed);
     }
