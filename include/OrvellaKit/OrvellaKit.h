@@ -16,6 +16,7 @@
 #include <OrvellaKit/ORVDefaultsObserver.h>
 #include <OrvellaKit/ORVDispatchMainQueue.h>
 #include <OrvellaKit/ORVDispatchQueue.h>
+#include <OrvellaKit/ORVDistributedNotificationCenter.h>
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVException.h>

@@ -27,7 +27,17 @@ const QString &launchExecutablePath()
 
 constexpr qint64 kMaxInfoSize = 1 << 20;
 
+// The main bundle's dictionary is read when the application object is made,
+// while the bundle is surely where it was launched from: a moved application
+// still knows its name and identifier.
+void readMainBundleAtStart()
+{
+    (void)ORVBundle::mainBundle().infoDictionary();
+}
+
 } // namespace
+
+Q_COREAPP_STARTUP_FUNCTION(readMainBundleAtStart)
 
 QString ORVLaunchExecutablePath()
 {
