@@ -107,6 +107,26 @@
         <source>Delete</source>
         <translation>Löschen</translation>
     </message>
+    <message>
+        <source>%@ has been moved</source>
+        <translation>%@ wurde verschoben</translation>
+    </message>
+    <message>
+        <source>%1$@ has been moved from where it was originally launched. This can cause unexpected behavior. Would you like to quit and reopen %1$@ to avoid problems?</source>
+        <translation>%1$@ wurde von dem Ort verschoben, von dem es gestartet wurde. Das kann zu unerwartetem Verhalten führen. Möchtest du %1$@ beenden und erneut öffnen, um Probleme zu vermeiden?</translation>
+    </message>
+    <message>
+        <source>%1$@ has been moved from where it was originally launched. This can cause unexpected behavior. Please quit and relaunch %1$@.</source>
+        <translation>%1$@ wurde von dem Ort verschoben, von dem es gestartet wurde. Das kann zu unerwartetem Verhalten führen. Bitte beende %1$@ und starte es erneut.</translation>
+    </message>
+    <message>
+        <source>Relaunch</source>
+        <translation>Neu starten</translation>
+    </message>
+    <message>
+        <source>Don't Relaunch</source>
+        <translation>Nicht neu starten</translation>
+    </message>
 </context>
 <context>
     <name>ORVCrashReportWindowController</name>
@@ -164,6 +184,45 @@
     <message>
         <source>Delete</source>
         <translation>Löschen</translation>
+    </message>
+</context>
+<context>
+    <name>DuplicateApp</name>
+    <message>
+        <source>Another copy of %@ is open</source>
+        <translation>Eine weitere Kopie von %@ ist geöffnet</translation>
+    </message>
+    <message>
+        <source>You can not have two copies of %@ open at the same time.
+
+Would you like to quit the copy you just opened or the one that is already open?</source>
+        <translation>Es können nicht zwei Kopien von %@ gleichzeitig geöffnet sein.
+
+Möchtest du die gerade geöffnete Kopie beenden oder die, die bereits geöffnet ist?</translation>
+    </message>
+    <message>
+        <source>An older version of %@ is already open. Would you like to quit the older version?</source>
+        <translation>Eine ältere Version von %@ ist bereits geöffnet. Möchtest du die ältere Version beenden?</translation>
+    </message>
+    <message>
+        <source>Would you like to quit the other copy?</source>
+        <translation>Möchtest du die andere Kopie beenden?</translation>
+    </message>
+    <message>
+        <source>Quit Older Version</source>
+        <translation>Ältere Version beenden</translation>
+    </message>
+    <message>
+        <source>Quit Other Copy</source>
+        <translation>Andere Kopie beenden</translation>
+    </message>
+    <message>
+        <source>Quit This Copy</source>
+        <translation>Diese Kopie beenden</translation>
+    </message>
+    <message>
+        <source>Ignore</source>
+        <translation>Ignorieren</translation>
     </message>
 </context>
 </TS>

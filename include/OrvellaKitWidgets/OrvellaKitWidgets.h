@@ -11,3 +11,4 @@
 #include <OrvellaKitWidgets/ORVPreferencesWindowController.h>
 #include <OrvellaKitWidgets/ORVViewImage.h>
 #include <OrvellaKitWidgets/ORVWidgets.h>
+#include <OrvellaKitWidgets/ORVDuplicateAppManager.h>

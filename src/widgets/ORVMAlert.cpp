@@ -115,9 +115,10 @@ void ORVMAlert::setAlertStyle(ORVAlertStyle style)
 
 QPushButton *ORVMAlert::addButtonWithTitle(const QString &title)
 {
-    // The role only orders the buttons; the first added stays on the right
-    // as the default one, the ones after it to its left.
-    QPushButton *button = addButton(title, _alertButtons.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::RejectRole);
+    // The roles only order the buttons: the first added is the default one,
+    // the others are actions, so none of them answers Escape by accident
+    // (QMessageBox would take a lone reject-role button for it).
+    QPushButton *button = addButton(title, _alertButtons.isEmpty() ? QMessageBox::AcceptRole : QMessageBox::ActionRole);
     if (_alertButtons.isEmpty())
         setDefaultButton(button);
     if (title == QLatin1String("Cancel") || title == ORVLocalizedString("Cancel"))

@@ -1,0 +1,116 @@
+#pragma once
+
+// Launch-time safeguards: another running copy of the application, and an
+// application whose folder was moved while it runs.
+//
+// A copy is another process whose executable lies in a bundle folder (an
+// Info.json beside it, see ORVBundle) with this application's
+// "CFBundleIdentifier", while that folder still exists. Copies tell each
+// other to quit with the distributed notification
+// "ORVDuplicateAppManagerQuitDuplicatesNotification" (object: the bundle
+// identifier) on the session bus; a copy told so posts
+// "ORVDuplicateAppManagerWillQuitAsDuplicateNotification" on the default
+// ORVNotificationCenter (a last chance to save) and quits.
+//
+//   auto duplicates = ORVDuplicateAppManager::sharedManager();
+//   duplicates->registerApp();                              // early at launch
+//   duplicates->quitDuplicates(false, false, appIcon);      // asks the user
+//   ORVCheckIfApplicationMoved(true);                       // e.g. on activation
+//
+// Everything runs on the main thread; sendQuitMessage() blocks it for up to
+// five seconds.
+
+#include <QImage>
+#include <QString>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include <OrvellaKit/ORVDistributedNotificationCenter.h>
+
+class ORVBundle;
+class ORVMAlert;
+
+extern const QString ORVDuplicateAppManagerQuitDuplicatesNotification;   // distributed
+extern const QString ORVDuplicateAppManagerWillQuitAsDuplicateNotification; // local
+
+// A running process of an application bundle.
+struct ORVRunningApplication {
+    qint64 processIdentifier = 0;
+    QString executablePath;
+    QString bundlePath;
+};
+
+// The first process other than this one (walking `procRoot`, /proc) whose
+// executable's folder is a bundle with `bundleIdentifier` that still
+// exists. Processes whose executable cannot be read (gone meanwhile, another
+// user's) are skipped; nothing when none is found or the folder cannot be
+// read.
+std::optional<ORVRunningApplication> ORVFindDuplicateProcess(const QString &bundleIdentifier,
+                                                             const QString &procRoot = QStringLiteral("/proc"));
+
+// Compares version strings with their digit runs taken as numbers ("1.10"
+// after "1.9"): negative, 0 or positive.
+int ORVCompareVersionStrings(const QString &a, const QString &b);
+
+class ORVDuplicateAppManager {
+public:
+    virtual ~ORVDuplicateAppManager();
+    ORVDuplicateAppManager(const ORVDuplicateAppManager &) = delete;
+    ORVDuplicateAppManager &operator=(const ORVDuplicateAppManager &) = delete;
+
+    // Made once per process, as an instance of the class that asks first:
+    //   ORVDuplicateAppManager::sharedManager<MyManager>()
+    template<class Class = ORVDuplicateAppManager>
+    static std::shared_ptr<ORVDuplicateAppManager> sharedManager()
+    {
+        return sharedManagerMadeBy([] { return std::shared_ptr<ORVDuplicateAppManager>(new Class()); });
+    }
+    // The class form of quitDuplicates(): the shared manager, asking the
+    // user unless `quitWithoutAsking`, copies allowed together, no icon.
+    static void quitDuplicates(bool quitWithoutAsking);
+
+    // Listens for the quit notification of this application's bundle
+    // identifier; false (with a log line) without a session bus or an
+    // identifier. Calling it again keeps one registration.
+    bool registerApp();
+    void unregisterApp();
+    bool isRegistered() const { return static_cast<bool>(_observation); }
+
+    // Posts ORVDuplicateAppManagerWillQuitAsDuplicateNotification, then
+    // terminates the application.
+    virtual void quitNotificationReceived();
+
+    // Looks for a copy; none: returns. `quitWithoutAsking`: unregisters and
+    // sends the quit message. Otherwise asks with an ORVMAlert (texts in the
+    // translation context "DuplicateApp"): quit the other copy (then as
+    // above), or, when `requireQuit`, quit this one, or else ignore it.
+    void quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon);
+
+    // Posts the quit message, then checks every half second, at most ten
+    // times, whether a copy is still running.
+    void sendQuitMessage();
+
+protected:
+    ORVDuplicateAppManager();
+    // Ends the application (QCoreApplication::quit()).
+    virtual void terminate();
+
+private:
+    static std::shared_ptr<ORVDuplicateAppManager>
+    sharedManagerMadeBy(const std::function<std::shared_ptr<ORVDuplicateAppManager>()> &make);
+
+    ORVDistributedNotificationToken _observation;
+};
+
+// Whether nothing exists any more at the bundle's path (it was moved,
+// renamed or deleted).
+bool ORVCheckIfBundleMoved(const ORVBundle &bundle);
+// Whether the main bundle moved since launch. With `showAlert` and a moved
+// bundle, a critical alert tells the user; when the application can be found
+// again (the running executable's new place, a bundle of the same
+// identifier) it offers "Relaunch", which starts that executable as a new
+// process with the same arguments and quits this one, or "Don't Relaunch"
+// (Escape).
+bool ORVCheckIfApplicationMoved(bool showAlert);

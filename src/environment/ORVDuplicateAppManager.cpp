@@ -1,0 +1,255 @@
+#include <OrvellaKitWidgets/ORVDuplicateAppManager.h>
+#include <OrvellaKitWidgets/ORVMAlert.h>
+
+#include "ORVApplicationTermination.h"
+
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVLogging.h>
+#include <OrvellaKit/ORVNotificationCenter.h>
+#include <OrvellaKit/ORVStringWithFormat.h>
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QPixmap>
+#include <QPushButton>
+#include <QThread>
+
+#include <mutex>
+
+#include <unistd.h>
+
+ORV_LOG_FILE(nullptr)
+
+const QString ORVDuplicateAppManagerQuitDuplicatesNotification =
+    QStringLiteral("ORVDuplicateAppManagerQuitDuplicatesNotification");
+const QString ORVDuplicateAppManagerWillQuitAsDuplicateNotification =
+    QStringLiteral("ORVDuplicateAppManagerWillQuitAsDuplicateNotification");
+
+namespace {
+
+constexpr int kQuitChecks = 10;
+constexpr int kQuitCheckMilliseconds = 500;
+
+QString duplicateText(const char *text)
+{
+    return QCoreApplication::translate("DuplicateApp", text);
+}
+
+// The target of a /proc/<pid>/exe link; empty when it cannot be read.
+QString executableOfProcess(const QString &procRoot, const QString &pid)
+{
+    const QByteArray link = QFile::encodeName(procRoot + QLatin1Char('/') + pid + QStringLiteral("/exe"));
+    char target[4096];
+    const ssize_t length = ::readlink(link.constData(), target, sizeof(target) - 1);
+    if (length <= 0)
+        return {};
+    return QFile::decodeName(QByteArray(target, static_cast<int>(length)));
+}
+
+QString mainBundleString(const char *key)
+{
+    return ORVBundle::mainBundle().objectForInfoDictionaryKey(QString::fromLatin1(key)).toString();
+}
+
+} // namespace
+
+int ORVCompareVersionStrings(const QString &a, const QString &b)
+{
+    qsizetype i = 0;
+    qsizetype j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (a[i].isDigit() && b[j].isDigit()) {
+            // Digit runs compare as numbers: without leading zeros, the
+            // longer run is the larger, else the first differing digit.
+            while (i < a.size() && a[i] == u'0' && i + 1 < a.size() && a[i + 1].isDigit())
+                ++i;
+            while (j < b.size() && b[j] == u'0' && j + 1 < b.size() && b[j + 1].isDigit())
+                ++j;
+            qsizetype ei = i;
+            qsizetype ej = j;
+            while (ei < a.size() && a[ei].isDigit())
+                ++ei;
+            while (ej < b.size() && b[ej].isDigit())
+                ++ej;
+            if (ei - i != ej - j)
+                return ei - i < ej - j ? -1 : 1;
+            const int digits = QStringView(a).mid(i, ei - i).compare(QStringView(b).mid(j, ej - j));
+            if (digits != 0)
+                return digits < 0 ? -1 : 1;
+            i = ei;
+            j = ej;
+            continue;
+        }
+        if (a[i] != b[j])
+            return a[i] < b[j] ? -1 : 1;
+        ++i;
+        ++j;
+    }
+    if (i < a.size())
+        return 1;
+    if (j < b.size())
+        return -1;
+    return 0;
+}
+
+std::optional<ORVRunningApplication> ORVFindDuplicateProcess(const QString &bundleIdentifier, const QString &procRoot)
+{
+    orvRegisterFileLogLevel();
+    if (bundleIdentifier.isEmpty())
+        return std::nullopt;
+    const QDir processes(procRoot);
+    const QStringList entries = processes.entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    if (entries.isEmpty()) {
+        ORVLogWarn("Cannot list the running processes in %@", procRoot);
+        return std::nullopt;
+    }
+    const QString self = QString::number(::getpid());
+    for (const QString &entry : entries) {
+        bool numeric = false;
+        const qint64 pid = entry.toLongLong(&numeric);
+        if (!numeric || entry == self)
+            continue;
+        QString executable = executableOfProcess(procRoot, entry);
+        if (executable.isEmpty())
+            continue; // gone meanwhile, or another user's
+        // A removed or replaced executable is shown with this suffix; its
+        // folder decides.
+        static const QString deleted = QStringLiteral(" (deleted)");
+        if (executable.endsWith(deleted))
+            executable.chop(deleted.size());
+        const QString folder = QFileInfo(executable).path();
+        if (!QFileInfo::exists(QDir(folder).filePath(QStringLiteral("Info.json"))))
+            continue;
+        const std::shared_ptr<ORVBundle> bundle = ORVBundle::bundleWithPath(folder);
+        if (!bundle || bundle->bundleIdentifier() != bundleIdentifier)
+            continue;
+        if (!QFileInfo::exists(bundle->bundlePath()))
+            continue;
+        return ORVRunningApplication{pid, executable, bundle->bundlePath()};
+    }
+    return std::nullopt;
+}
+
+// ---------------------------------------------------------------------------
+
+ORVDuplicateAppManager::ORVDuplicateAppManager()
+{
+    orvRegisterFileLogLevel();
+}
+
+ORVDuplicateAppManager::~ORVDuplicateAppManager()
+{
+    unregisterApp();
+}
+
+std::shared_ptr<ORVDuplicateAppManager>
+ORVDuplicateAppManager::sharedManagerMadeBy(const std::function<std::shared_ptr<ORVDuplicateAppManager>()> &make)
+{
+    static std::once_flag once;
+    static std::shared_ptr<ORVDuplicateAppManager> *shared = nullptr;
+    std::call_once(once, [&] { shared = new std::shared_ptr<ORVDuplicateAppManager>(make()); });
+    return *shared;
+}
+
+void ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking)
+{
+    sharedManager()->quitDuplicates(quitWithoutAsking, false, QImage());
+}
+
+bool ORVDuplicateAppManager::registerApp()
+{
+    if (_observation)
+        return true;
+    const QString identifier = ORVBundle::mainBundle().bundleIdentifier();
+    if (identifier.isEmpty()) {
+        ORVLogWarn("The main bundle has no identifier; other copies cannot ask this one to quit");
+        return false;
+    }
+    _observation = ORVDistributedNotificationCenter::defaultCenter().addObserverForName(
+        ORVDuplicateAppManagerQuitDuplicatesNotification, identifier,
+        [this](const QString &, const QString &) { quitNotificationReceived(); });
+    if (!_observation)
+        ORVLogWarn("Other copies of %@ cannot ask this one to quit (no session bus)", identifier);
+    return static_cast<bool>(_observation);
+}
+
+void ORVDuplicateAppManager::unregisterApp()
+{
+    if (_observation)
+        ORVDistributedNotificationCenter::defaultCenter().removeObserver(std::exchange(_observation, nullptr));
+}
+
+void ORVDuplicateAppManager::quitNotificationReceived()
+{
+    ORVLogInfo("Another copy asked this one to quit");
+    ORVNotificationCenter::defaultCenter().postNotificationName(ORVDuplicateAppManagerWillQuitAsDuplicateNotification);
+    terminate();
+}
+
+void ORVDuplicateAppManager::terminate()
+{
+    orv::detail::terminateApplication();
+}
+
+void ORVDuplicateAppManager::sendQuitMessage()
+{
+    const QString identifier = ORVBundle::mainBundle().bundleIdentifier();
+    if (!ORVDistributedNotificationCenter::defaultCenter().postNotificationName(
+            ORVDuplicateAppManagerQuitDuplicatesNotification, identifier))
+        return;
+    for (int check = 0; check < kQuitChecks; ++check) {
+        QThread::msleep(kQuitCheckMilliseconds);
+        if (!ORVFindDuplicateProcess(identifier))
+            return;
+    }
+    ORVLogWarn("Another copy of %@ is still running after it was asked to quit", identifier);
+}
+
+void ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon)
+{
+    const std::optional<ORVRunningApplication> duplicate =
+        ORVFindDuplicateProcess(ORVBundle::mainBundle().bundleIdentifier());
+    if (!duplicate)
+        return;
+    ORVLogInfo("Another copy is running: process %ld in %@", static_cast<long>(duplicate->processIdentifier),
+               duplicate->bundlePath);
+    if (quitWithoutAsking) {
+        unregisterApp();
+        sendQuitMessage();
+        return;
+    }
+
+    const QString ownVersion = mainBundleString("CFBundleVersion");
+    const std::shared_ptr<ORVBundle> other = ORVBundle::bundleWithPath(duplicate->bundlePath);
+    const QString otherVersion =
+        other ? other->objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString() : QString();
+    const bool newer = !ownVersion.isEmpty() && !otherVersion.isEmpty() &&
+                       ORVCompareVersionStrings(ownVersion, otherVersion) > 0;
+
+    const QString name = mainBundleString("CFBundleExecutable");
+    ORVMAlert alert;
+    alert.setMessageText(ORVStringWithFormat(duplicateText("Another copy of %@ is open"), name));
+    if (requireQuit)
+        alert.setInformativeText(ORVStringWithFormat(
+            duplicateText("You can not have two copies of %@ open at the same time.\n\nWould you like to quit the "
+                          "copy you just opened or the one that is already open?"),
+            name));
+    else if (newer)
+        alert.setInformativeText(ORVStringWithFormat(
+            duplicateText("An older version of %@ is already open. Would you like to quit the older version?"), name));
+    else
+        alert.setInformativeText(ORVStringWithFormat(duplicateText("Would you like to quit the other copy?"), name));
+    alert.addButtonWithTitle(newer ? duplicateText("Quit Older Version") : duplicateText("Quit Other Copy"));
+    alert.addButtonWithTitle(requireQuit ? duplicateText("Quit This Copy") : duplicateText("Ignore"));
+    if (!appIcon.isNull())
+        alert.setIconPixmap(QPixmap::fromImage(appIcon));
+
+    const int response = alert.runModal();
+    if (response == ORVAlertFirstButtonReturn) {
+        unregisterApp();
+        sendQuitMessage();
+    } else if (response == ORVAlertSecondButtonReturn && requireQuit) {
+        terminate();
+    }
+}
