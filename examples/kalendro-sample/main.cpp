@@ -19,6 +19,7 @@
 #include <AccountServer.h>
 
 #include <OrvellaKit/OrvellaKit.h>
+#include <OrvellaKitWidgets/ORVDuplicateAppManager.h>
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -294,7 +295,22 @@ int main(int argc, char **argv)
     ORVLogInfo("Kalendro sample started with OrvellaKit %@", ORVOrvellaKitVersionString());
     say(ORVStringWithFormat("logging set up at level %lu", ORVDebug::sharedDebug()->logLevel()));
 
-    // 6. One usage report, due in a week, to the server's collection endpoint.
+    // 6. Another copy of the sample: it may ask this one to quit; with a
+    // window, this one asks the user about the other.
+    auto duplicates = ORVDuplicateAppManager::sharedManager();
+    const bool listening = duplicates->registerApp();
+    const bool windowed = parser.isSet(guiOption);
+    if (const auto other = ORVFindDuplicateProcess(bundle.bundleIdentifier())) {
+        say(ORVStringWithFormat("another copy of the sample is running (process %ld)",
+                                static_cast<long>(other->processIdentifier)));
+        if (windowed)
+            duplicates->quitDuplicates(false, false, QImage());
+    } else {
+        say(listening ? QStringLiteral("no other copy is running; a later copy can ask this one to quit")
+                      : QStringLiteral("no other copy is running (no session bus to hear from later copies)"));
+    }
+
+    // 7. One usage report, due in a week, to the server's collection endpoint.
     auto usage = ORVDataCollectionManager::sharedManager();
     usage->setSubmissionURL(serverURL.resolved(QUrl(QStringLiteral("v1/usage/collect/"))));
     ORVDataCollectionItem launch;
@@ -307,7 +323,7 @@ int main(int argc, char **argv)
     usage->addItem(launch, [&usageQueued] { usageQueued = true; });
     usage->startSubmissionTimer();
 
-    // 7. The session: account, sign-in, token, a request, the key.
+    // 8. The session: account, sign-in, token, a request, the key.
     Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
                     parser.value(nameOption), parser.isSet(refreshOption));
     std::unique_ptr<KalendroWindows> windows;
