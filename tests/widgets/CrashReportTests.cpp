@@ -12,6 +12,7 @@
 
 #include <QDBusConnection>
 #include <QDBusObjectPath>
+#include <QEventLoop>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
@@ -20,6 +21,10 @@
 #include <QTest>
 #include <QThread>
 #include <QTimer>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
 
 #include <unistd.h>
 
@@ -40,8 +45,9 @@ class FakeAccounts : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Accounts")
 public:
-    std::atomic<int> lookups = 0;
-    std::atomic<qint64> askedFor = -1;
+    FakeAccounts(std::atomic<int> &lookups, std::atomic<qint64> &askedFor) : lookups(lookups), askedFor(askedFor) {}
+    std::atomic<int> &lookups;
+    std::atomic<qint64> &askedFor;
 public slots:
     QDBusObjectPath FindUserById(qint64 uid)
     {
@@ -67,49 +73,69 @@ public:
 [[maybe_unused]] auto *const systemBusEnvironment = ::testing::AddGlobalTestEnvironment(new SystemBusOnSessionBus);
 
 // The stand-in service on its own connection and thread, so that the
-// dialog's blocking call on the main thread gets a real answer.
+// dialog's blocking call on the main thread gets a real answer. The thread
+// is a std::thread and hands over through a mutex, so ThreadSanitizer sees
+// every handoff between it and the test.
 class AccountsService {
 public:
     AccountsService()
     {
-        _thread.start();
-        accounts.moveToThread(&_thread);
-        user.moveToThread(&_thread);
-        QMetaObject::invokeMethod(
-            &accounts,
-            [this] {
-                QDBusConnection bus = QDBusConnection::connectToBus(qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"),
-                                                                    QStringLiteral("fake-accounts"));
-                registered = bus.registerObject(QStringLiteral("/org/freedesktop/Accounts"), &accounts,
-                                                QDBusConnection::ExportAllSlots) &&
-                             bus.registerObject(QStringLiteral("/org/freedesktop/Accounts/User%1").arg(getuid()), &user,
-                                                QDBusConnection::ExportAllProperties) &&
-                             bus.registerService(QStringLiteral("org.freedesktop.Accounts"));
-            },
-            Qt::BlockingQueuedConnection);
+        _thread = std::thread([this] { serve(); });
+        std::unique_lock lock(_mutex);
+        _changed.wait(lock, [this] { return _ready; });
     }
     ~AccountsService()
     {
-        QMetaObject::invokeMethod(
-            &accounts,
-            [] {
-                QDBusConnection bus(QStringLiteral("fake-accounts"));
-                bus.unregisterService(QStringLiteral("org.freedesktop.Accounts"));
-                bus.unregisterObject(QStringLiteral("/org/freedesktop/Accounts"), QDBusConnection::UnregisterTree);
-                QDBusConnection::disconnectFromBus(QStringLiteral("fake-accounts"));
-            },
-            Qt::BlockingQueuedConnection);
-        _thread.quit();
-        _thread.wait();
-        accounts.moveToThread(QThread::currentThread());
-        user.moveToThread(QThread::currentThread());
+        _stop = true;
+        _thread.join();
     }
-    FakeAccounts accounts;
-    FakeAccountsUser user;
-    bool registered = false;
+    int lookups() const { return _lookups.load(); }
+    qint64 askedFor() const { return _askedFor.load(); }
+    bool registered() const
+    {
+        std::lock_guard lock(_mutex);
+        return _registered;
+    }
 
 private:
-    QThread _thread;
+    void serve()
+    {
+        QEventLoop loop;
+        FakeAccounts accounts(_lookups, _askedFor);
+        FakeAccountsUser user;
+        QDBusConnection bus = QDBusConnection::connectToBus(qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"),
+                                                            QStringLiteral("fake-accounts"));
+        const bool registered =
+            bus.registerObject(QStringLiteral("/org/freedesktop/Accounts"), &accounts, QDBusConnection::ExportAllSlots) &&
+            bus.registerObject(QStringLiteral("/org/freedesktop/Accounts/User%1").arg(getuid()), &user,
+                               QDBusConnection::ExportAllProperties) &&
+            bus.registerService(QStringLiteral("org.freedesktop.Accounts"));
+        {
+            std::lock_guard lock(_mutex);
+            _registered = registered;
+            _ready = true;
+        }
+        _changed.notify_all();
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, &loop, [&] {
+            if (_stop)
+                loop.quit();
+        });
+        poll.start(10);
+        loop.exec();
+        bus.unregisterService(QStringLiteral("org.freedesktop.Accounts"));
+        bus.unregisterObject(QStringLiteral("/org/freedesktop/Accounts"), QDBusConnection::UnregisterTree);
+        QDBusConnection::disconnectFromBus(QStringLiteral("fake-accounts"));
+    }
+
+    std::thread _thread;
+    mutable std::mutex _mutex;
+    std::condition_variable _changed;
+    bool _ready = false;
+    bool _registered = false;
+    std::atomic<bool> _stop = false;
+    std::atomic<int> _lookups = 0;
+    std::atomic<qint64> _askedFor = -1;
 };
 
 class CrashReportTest : public XdgHomeTest {
@@ -126,14 +152,14 @@ protected:
 TEST_F(CrashReportTest, WithBothStoredNoCardIsReadAndTheCommentsHaveFocus)
 {
     AccountsService service;
-    ASSERT_TRUE(service.registered);
+    ASSERT_TRUE(service.registered());
     defaults->setString("Grace Hopper", "CrashReportName");
     defaults->setString("grace@example.org", "CrashReportEmail");
 
     ORVCrashReportWindowController dialog(defaults);
     dialog.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
-    EXPECT_EQ(service.accounts.lookups.load(), 0);
+    EXPECT_EQ(service.lookups(), 0);
     EXPECT_EQ(dialog.nameTextField()->text(), "Grace Hopper");
     EXPECT_EQ(dialog.emailTextField()->text(), "grace@example.org");
     EXPECT_EQ(dialog.focusWidget(), dialog.commentsTextView());
@@ -143,12 +169,12 @@ TEST_F(CrashReportTest, WithBothStoredNoCardIsReadAndTheCommentsHaveFocus)
 TEST_F(CrashReportTest, AMissingValueBringsInTheUsersOwnCardForBoth)
 {
     AccountsService service;
-    ASSERT_TRUE(service.registered);
+    ASSERT_TRUE(service.registered());
     defaults->setString("Someone Else", "CrashReportName");
 
     ORVCrashReportWindowController dialog(defaults);
-    EXPECT_EQ(service.accounts.lookups.load(), 1);
-    EXPECT_EQ(service.accounts.askedFor.load(), static_cast<qint64>(getuid()));
+    EXPECT_EQ(service.lookups(), 1);
+    EXPECT_EQ(service.askedFor(), static_cast<qint64>(getuid()));
     EXPECT_EQ(dialog.nameTextField()->text(), "Ada Lovelace");
     EXPECT_EQ(dialog.emailTextField()->text(), "ada@analytical.example");
 }
