@@ -9,6 +9,8 @@
 #include <iostream>
 #include <limits>
 #include <map>
+#include <string>
+#include <vector>
 
 namespace orv::bench {
 
@@ -65,9 +67,17 @@ int main(int argc, char **argv)
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 
-    // "BM_HexOurs/4096" pairs with "BM_HexOpenSSL/4096".
+    // "BM_HexOurs/4096" pairs with "BM_HexOpenSSL/4096". A comparison over
+    // several sizes reports the size with the lowest ratio.
+    struct Row {
+        std::string name;
+        double ours = 0;
+        double peer = 0;
+        double ratio = std::numeric_limits<double>::infinity();
+    };
+    std::vector<Row> rows;
     for (const auto &comparison : orv::bench::comparisons()) {
-        double lowest = std::numeric_limits<double>::infinity();
+        Row row{comparison.name};
         for (const auto &[name, ours] : reporter.times) {
             if (name.rfind(comparison.ours, 0) != 0)
                 continue;
@@ -77,10 +87,13 @@ int main(int argc, char **argv)
             const auto peer = reporter.times.find(comparison.peer + suffix);
             if (peer == reporter.times.end() || ours <= 0.0)
                 continue;
-            lowest = std::min(lowest, peer->second / ours);
+            if (peer->second / ours < row.ratio)
+                row = Row{comparison.name, ours, peer->second, peer->second / ours};
         }
-        if (lowest != std::numeric_limits<double>::infinity())
-            std::printf("%s ratio=%.2f\n", comparison.name.c_str(), lowest);
+        if (row.ratio != std::numeric_limits<double>::infinity()) {
+            std::printf("%s ratio=%.2f\n", row.name.c_str(), row.ratio);
+            rows.push_back(row);
+        }
     }
     for (const auto &report : orv::bench::reports()) {
         const auto found = reporter.times.find(report.benchmark);
@@ -91,6 +104,25 @@ int main(int argc, char **argv)
                         static_cast<double>(report.itemsPerIteration) / found->second);
         else
             std::printf("%s ns=%.2f\n", report.name.c_str(), found->second * 1e9);
+    }
+    // The table of every peer comparison, as Markdown.
+    if (!rows.empty()) {
+        auto time = [](double seconds) {
+            char text[32];
+            if (seconds >= 1.0)
+                std::snprintf(text, sizeof text, "%.2f s", seconds);
+            else if (seconds >= 1e-3)
+                std::snprintf(text, sizeof text, "%.2f ms", seconds * 1e3);
+            else if (seconds >= 1e-6)
+                std::snprintf(text, sizeof text, "%.2f µs", seconds * 1e6);
+            else
+                std::snprintf(text, sizeof text, "%.0f ns", seconds * 1e9);
+            return std::string(text);
+        };
+        std::printf("\n| comparison | ours | peer | ratio (peer / ours) |\n|---|---|---|---|\n");
+        for (const Row &row : rows)
+            std::printf("| %s | %s | %s | %.2f |\n", row.name.c_str(), time(row.ours).c_str(), time(row.peer).c_str(),
+                        row.ratio);
     }
     return 0;
 }
