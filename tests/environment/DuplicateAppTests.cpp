@@ -112,7 +112,7 @@ TEST_F(DuplicateAppTest, QuitWithoutAskingEndsTheOtherCopyWithinTheWait)
     ASSERT_FALSE(returned.isEmpty()) << second.output.toStdString();
     ASSERT_TRUE(first.waitForExit());
     EXPECT_TRUE(first.output.contains("will-quit-as-duplicate\nterminating\nexited")) << first.output.toStdString();
-    EXPECT_EQ(first.process.exitCode(), 0);
+    EXPECT_EQ(first.process.exitCode(), 0) << first.output.toStdString();
     // The sender stopped waiting once the other copy was gone.
     EXPECT_LT(returned.section(' ', 2, 2).toInt(), 5000);
     EXPECT_FALSE(second.output.contains("will-quit-as-duplicate"));
