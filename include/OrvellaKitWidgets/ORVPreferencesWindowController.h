@@ -118,7 +118,8 @@ public:
     }
     // Shows the pane (nothing when it is not one of this window's, or is
     // active already). Animation is skipped while the window is hidden or
-    // inside orv_performWithoutAnimation().
+    // inside orv_performWithoutAnimation(). During a cross-fade the pane is
+    // remembered and shown when it ends, as a toolbar click is.
     void selectPreferencesViewController(ORVPreferencesViewController *viewController, bool animate);
     // Sets the window frame for a content size (width: the default width).
     void setSize(const QSizeF &size, bool animate);

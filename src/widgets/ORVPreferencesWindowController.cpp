@@ -303,6 +303,12 @@ void ORVPreferencesWindowController::selectPreferencesViewController(ORVPreferen
     const qsizetype index = _viewControllers.indexOf(viewController);
     if (!viewController || index < 0 || viewController == _activeViewController)
         return;
+    // One cross-fade at a time: a selection made meanwhile waits for its end,
+    // as a toolbar click does.
+    if (_animatingTransition) {
+        _requestedViewController = viewController;
+        return;
+    }
     ORVPreferencesWindow *w = window();
 
     setSelectedItemIdentifier(QString::number(index));

@@ -160,6 +160,7 @@ TEST_F(PreferencesTest, TwoClicksDuringOneCrossFadeShowOnlyTheLastAfterwards)
     EXPECT_EQ(controller->transitionDuration(), 250);
     ASSERT_NE(controller->animationView(), nullptr);
     click(2);
+    controller->selectPreferencesViewController(panes[2], true); // waits like a click
     click(0);
     EXPECT_EQ(controller->requestedViewController(), panes[0]);
     EXPECT_EQ(controller->activeViewController(), panes[1]);
