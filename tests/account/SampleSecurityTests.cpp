@@ -25,19 +25,14 @@ protected:
     // Runs the sample with `arguments`; its output is kept for the scan.
     int runSample(const QStringList &arguments)
     {
-        QProcess process;
-        auto environment = QProcessEnvironment::systemEnvironment();
-        // The secrets go to the private file the test can read back, not to
-        // a keyring of the machine's session.
-        environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-        process.setProcessEnvironment(environment);
-        process.setProcessChannelMode(QProcess::MergedChannels);
-        process.start(QStringLiteral(KALENDRO_SAMPLE_PATH),
-                      QStringList{"--verbose", "--email", "ada@example.org", "--password", kPassword} + arguments);
-        EXPECT_TRUE(process.waitForFinished(60000));
-        output += QString::fromUtf8(process.readAll());
-        return process.exitCode();
+        // Without the session bus the secrets go to the private file the
+        // test can read back, not to a keyring of the machine's session.
+        const ProcessResult run = runOffscreenProgram(
+            QStringLiteral(KALENDRO_SAMPLE_PATH),
+            QStringList{"--verbose", "--email", "ada@example.org", "--password", kPassword} + arguments);
+        EXPECT_TRUE(run.finished);
+        output += run.output;
+        return run.exitCode;
     }
 
     QString dataFolder() const { return home.filePath(".local/share/com.orvella.kalendro.sample"); }

@@ -1,6 +1,7 @@
 #include "OrvTestSupport.h"
 
 #include <QCoreApplication>
+#include <QProcess>
 #include <QDeadlineTimer>
 #include <QThread>
 
@@ -87,6 +88,27 @@ QStringList RecordingAssertionHandler::descriptions() const
     for (const auto &failure : _failures)
         list << failure.description;
     return list;
+}
+
+ProcessResult runOffscreenProgram(const QString &program, const QStringList &arguments,
+                                  std::chrono::milliseconds timeout)
+{
+    QProcess process;
+    auto environment = QProcessEnvironment::systemEnvironment();
+    environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    process.setProcessEnvironment(environment);
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(program, arguments);
+    ProcessResult result;
+    result.finished = process.waitForFinished(static_cast<int>(timeout.count()));
+    if (!result.finished) {
+        process.kill();
+        process.waitForFinished(5000);
+    }
+    result.output = QString::fromUtf8(process.readAll());
+    result.exitCode = process.exitCode();
+    return result;
 }
 
 } // namespace orv::test

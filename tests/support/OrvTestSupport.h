@@ -30,6 +30,17 @@ bool waitUntil(const std::function<bool()> &condition, std::chrono::milliseconds
 // Processes events for the given time.
 void spinFor(std::chrono::milliseconds duration);
 
+struct ProcessResult {
+    bool finished = false;
+    int exitCode = -1;
+    QString output; // standard output and error, merged
+};
+// Runs a program to its end (at most `timeout`) on the offscreen platform
+// and without the session bus, so it keeps its secrets in files and never
+// reaches the machine's keyring.
+ProcessResult runOffscreenProgram(const QString &program, const QStringList &arguments,
+                                  std::chrono::milliseconds timeout = 60s);
+
 // Points HOME and the XDG base variables at a fresh temporary folder for its
 // lifetime and restores them afterwards.
 class TemporaryXdgHome {

@@ -5,7 +5,6 @@
 
 #include <QDir>
 #include <QImage>
-#include <QProcess>
 
 using namespace orv::test;
 
@@ -16,16 +15,9 @@ class SampleWindowsTest : public XdgHomeTest {};
 TEST_F(SampleWindowsTest, WritesAPictureOfEveryWindow)
 {
     const QString folder = home.filePath("shots");
-    QProcess process;
-    auto environment = QProcessEnvironment::systemEnvironment();
-    environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    process.setProcessEnvironment(environment);
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QStringLiteral(KALENDRO_SAMPLE_PATH), {"--screenshots", folder});
-    ASSERT_TRUE(process.waitForFinished(60000));
-    const QString output = QString::fromUtf8(process.readAll());
-    EXPECT_EQ(process.exitCode(), 0) << output.toStdString();
+    const ProcessResult run = runOffscreenProgram(QStringLiteral(KALENDRO_SAMPLE_PATH), {"--screenshots", folder});
+    ASSERT_TRUE(run.finished);
+    EXPECT_EQ(run.exitCode, 0) << run.output.toStdString();
 
     QMap<QString, QSize> sizes;
     for (const char *name : {"preferences-general", "preferences-account", "alert", "crash-report",
