@@ -164,7 +164,7 @@ KalendroWindows::KalendroWindows(std::shared_ptr<ORVDataCollectionManager> usage
     menu->addAction(QStringLiteral("Pending Reports…"), this, &KalendroWindows::showPendingReports);
     menu->addAction(QStringLiteral("About Kalendro"), this, &KalendroWindows::showAbout);
     menu->addSeparator();
-    menu->addAction(QStringLiteral("Quit"), qApp, &QCoreApplication::quit, QKeySequence(QKeySequence::Quit));
+    menu->addAction(QStringLiteral("Quit"), QKeySequence(QKeySequence::Quit), qApp, &QCoreApplication::quit);
 }
 
 KalendroWindows::~KalendroWindows()
