@@ -24,7 +24,7 @@ std::string stampFor(std::chrono::system_clock::time_point time)
     const std::time_t seconds = static_cast<std::time_t>(ms / 1000);
     std::tm parts{};
     gmtime_r(&seconds, &parts);
-    char text[32];
+    char text[96]; // room for any int the compiler cannot rule out
     std::snprintf(text, sizeof text, "%04d-%02d-%02d--%02d-%02d-%02d-%03d", parts.tm_year + 1900, parts.tm_mon + 1,
                   parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<int>(ms % 1000));
     return text;

@@ -23,9 +23,15 @@ public:
     std::vector<ORVUserDefaults *> stores;
 };
 
-// Lets the main loop run its passes: deliveries come from there.
-void settle()
+// Lets the main loop run its passes: deliveries come from there. A loaded
+// machine (sanitizers, two cores) can take far longer than one short pause,
+// so first wait for what must arrive, then a little longer for anything
+// that must not arrive twice.
+void settle(const std::function<bool()> &arrived = {})
 {
+    if (arrived) {
+        EXPECT_TRUE(waitUntil(arrived, 10s));
+    }
     spinFor(100ms);
 }
 
@@ -72,7 +78,7 @@ TEST_F(DefaultsObserverTest, DeliveriesAreDedupedAndCoalescedPerPass)
     store->setString("dark", "Theme");
     store->setString("light", "Theme");
     store->setString("sepia", "Theme");
-    settle();
+    settle([&] { return listener->plain > 0; });
     EXPECT_EQ(listener->plain, 1);
     EXPECT_EQ(listener->keys, QStringList{"Theme"});
 
@@ -80,7 +86,7 @@ TEST_F(DefaultsObserverTest, DeliveriesAreDedupedAndCoalescedPerPass)
     observer->addObserver(listener, &Listener::changedKey, "Zoom");
     store->setString("x", "Theme");
     store->setInteger(2, "Zoom");
-    settle();
+    settle([&] { return listener->keys.size() >= 3; });
     EXPECT_EQ(listener->plain, 2);
     EXPECT_EQ(listener->keys.size(), 3);
     EXPECT_TRUE(listener->keys.contains("Zoom"));
@@ -95,7 +101,7 @@ TEST_F(DefaultsObserverTest, ArgumentFormsAndStoreRegistrations)
     EXPECT_EQ(store->observerCount("Week"), 1); // the store is asked once per key
 
     store->setBool(true, "Week");
-    settle();
+    settle([&] { return !first->keys.isEmpty() && !second->keys.isEmpty(); });
     EXPECT_EQ(first->keys, QStringList{"Week"});
     ASSERT_EQ(first->stores.size(), 1u);
     EXPECT_EQ(first->stores[0], store.get());
@@ -126,13 +132,13 @@ TEST_F(DefaultsObserverTest, VanishedObserversAreCompactedAtDelivery)
     observer->addObserver(leaving, &Listener::changed, "K");
     leaving.reset();
     store->setString("1", "K");
-    settle();
+    settle([&] { return staying->plain > 0; });
     EXPECT_EQ(staying->plain, 1);
     EXPECT_EQ(observer->infoForKeys().at("K").size(), 1u);
 
     staying.reset();
     store->setString("2", "K");
-    settle();
+    settle([&] { return observer->infoForKeys().empty(); });
     EXPECT_TRUE(observer->infoForKeys().empty());
     EXPECT_EQ(store->observerCount("K"), 0);
 }
@@ -154,7 +160,7 @@ TEST_F(DefaultsObserverTest, MethodsMayRegisterDuringDelivery)
     reentrant->observer = observer;
     observer->addObserver(reentrant, &Reentrant::changed, "Key");
     store->setString("v", "Key");
-    settle();
+    settle([&] { return reentrant->calls > 0; });
     EXPECT_EQ(reentrant->calls, 1);
     const auto infos = observer->infoForKeys();
     EXPECT_EQ(infos.count("Key"), 0u);
