@@ -14,6 +14,8 @@
 #include <cstring>
 #include <mutex>
 
+#include <sys/mman.h>
+
 namespace {
 constexpr const char kStringFile[] = "NSString+OrvellaKit";
 
@@ -210,13 +212,21 @@ bool isWordSeparator(QChar c)
 template<class Visit>
 void forEachWord(QStringView text, const ORVCharacterSet &separators, Visit visit)
 {
+    // Texts are mostly ASCII: answer those from a local table, without a
+    // call per character.
+    std::array<bool, 128> ascii{};
+    for (char32_t c = 0; c < 128; ++c)
+        ascii[c] = separators.longCharacterIsMember(c);
+    const auto isSeparator = [&](QChar c) {
+        return c.unicode() < 128 ? ascii[c.unicode()] : separators.characterIsMember(c);
+    };
     qsizetype i = 0;
     const qsizetype n = text.size();
     while (i < n) {
-        while (i < n && separators.characterIsMember(text[i]))
+        while (i < n && isSeparator(text[i]))
             ++i;
         const qsizetype start = i;
-        while (i < n && !separators.characterIsMember(text[i]))
+        while (i < n && !isSeparator(text[i]))
             ++i;
         if (i > start && !visit(text.mid(start, i - start)))
             return;
@@ -485,13 +495,40 @@ QSet<QString> orv_suffixes(const QString &string)
     return suffixes;
 }
 
+namespace {
+// The suffix string of a large text runs to tens of megabytes of fresh
+// memory. Faulting that in 4 KiB page by page costs more than building it,
+// and above the allocator's reuse threshold (32 MiB) it happens on every
+// call: where the kernel offers transparent huge pages on request, ask for
+// them over the whole 2 MiB blocks of the buffer before it is written.
+void adviseHugePages(void *buffer, std::size_t bytes)
+{
+    constexpr std::uintptr_t kHugePage = std::uintptr_t(2) << 20;
+    if (bytes < 4 * kHugePage)
+        return;
+    const auto begin = reinterpret_cast<std::uintptr_t>(buffer);
+    const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
+    const std::uintptr_t last = (begin + bytes) & ~(kHugePage - 1);
+    if (last > first)
+        ::madvise(reinterpret_cast<void *>(first), last - first, MADV_HUGEPAGE); // a hint only
+}
+} // namespace
+
 QString orv_suffixStringForFTSIndex(const QString &string)
 {
     const QString lowered = string.toLower();
     // Views into `lowered`: no suffix is copied until the final join.
     QSet<QStringView> suffixes;
+    // A word met before as a word added exactly the suffixes it would add
+    // now, so a repeat (most words of real text) costs one lookup instead
+    // of up to a hundred. It still counts as a word visited.
+    QSet<QStringView> words;
     int wordCount = 0;
     forEachWord(lowered, ORVCharacterSet::whitespaceAndNewlineCharacterSet(), [&](QStringView word) {
+        const qsizetype knownWords = words.size();
+        words.insert(word);
+        if (words.size() == knownWords)
+            return ++wordCount <= 9999;
         int suffixCount = 0;
         forEachSuffix(word, [&](QStringView suffix) {
             suffixes.insert(suffix);
@@ -504,6 +541,7 @@ QString orv_suffixStringForFTSIndex(const QString &string)
         length += suffix.size() + 1;
     QString joined;
     joined.reserve(length);
+    adviseHugePages(joined.data(), static_cast<std::size_t>(length) * sizeof(QChar));
     for (QStringView suffix : suffixes) {
         if (!joined.isEmpty())
             joined.append(u' ');

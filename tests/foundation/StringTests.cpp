@@ -111,6 +111,14 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
     for (const QString &suffix : suffixes)
         EXPECT_GE(suffix.size(), 51) << "only the 100 longest";
 
+    // A word first met as the suffix of a longer word still adds its own
+    // hundred suffixes; met again as a word, it adds nothing new.
+    const QString tail = longWord.mid(30);
+    QStringList both = orv_suffixStringForFTSIndex(longWord + " " + tail + " " + tail).split(' ');
+    EXPECT_EQ(both.size(), 130);
+    for (const QString &suffix : both)
+        EXPECT_GE(suffix.size(), 21);
+
     // At most 10,000 words contribute.
     QStringList words;
     for (int i = 0; i < 10050; ++i)
@@ -119,6 +127,12 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
     const QSet<QString> fts(ftsList.begin(), ftsList.end());
     EXPECT_TRUE(fts.contains("w09999"));
     EXPECT_FALSE(fts.contains("w10000"));
+    // Repeated words count as words visited.
+    QStringList repeated(9999, QStringLiteral("same"));
+    repeated << "last" << "over";
+    const QString repeatedFTS = orv_suffixStringForFTSIndex(repeated.join(' '));
+    EXPECT_TRUE(repeatedFTS.split(' ').contains("last"));
+    EXPECT_FALSE(repeatedFTS.split(' ').contains("over"));
 
     QStringList seen;
     orv_enumerateSuffixesInSubstring("abc", [&](const QString &suffix, bool *stop) {
