@@ -78,17 +78,21 @@ void BM_LongestCommonSubstring250(benchmark::State &state)
     }
 }
 
-// Ten thousand words (the most that contribute) filling the size, so every
-// part of the work grows with it: a thousand distinct words repeated.
+// Words of one fixed length, as many as fill the size: 1 MiB makes about
+// 2,500 words and 4 MiB about 10,000, so both stay within the 10,000 words
+// that contribute and four times the text is four times the words, the
+// suffix insertions and the output. One word in ten is new, the rest repeat
+// earlier ones (the duplicate path of the set is measured too).
 QString longWordText(qsizetype size)
 {
-    const int wordLength = static_cast<int>(size / 10000) - 1;
+    constexpr int wordLength = 420;
+    const qsizetype wordCount = size / (wordLength + 1);
     QStringList vocabulary;
-    for (int w = 0; w < 1000; ++w)
-        vocabulary << randomText(wordLength, 100 + w, 26);
+    for (qsizetype w = 0; w < (wordCount + 9) / 10; ++w)
+        vocabulary << randomText(wordLength, 100 + static_cast<quint32>(w), 26);
     QStringList words;
-    for (int i = 0; i < 10000; ++i)
-        words << vocabulary[i % 1000];
+    for (qsizetype i = 0; i < wordCount; ++i)
+        words << vocabulary[i % vocabulary.size()];
     return words.join(' ');
 }
 
