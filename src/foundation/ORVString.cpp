@@ -14,8 +14,6 @@
 #include <cstring>
 #include <mutex>
 
-#include <sys/mman.h>
-
 namespace {
 constexpr const char kStringFile[] = "NSString+OrvellaKit";
 
@@ -495,25 +493,6 @@ QSet<QString> orv_suffixes(const QString &string)
     return suffixes;
 }
 
-namespace {
-// The suffix string of a large text runs to tens of megabytes of fresh
-// memory. Faulting that in 4 KiB page by page costs more than building it,
-// and above the allocator's reuse threshold (32 MiB) it happens on every
-// call: where the kernel offers transparent huge pages on request, ask for
-// them over the whole 2 MiB blocks of the buffer before it is written.
-void adviseHugePages(void *buffer, std::size_t bytes)
-{
-    constexpr std::uintptr_t kHugePage = std::uintptr_t(2) << 20;
-    if (bytes < 4 * kHugePage)
-        return;
-    const auto begin = reinterpret_cast<std::uintptr_t>(buffer);
-    const std::uintptr_t first = (begin + kHugePage - 1) & ~(kHugePage - 1);
-    const std::uintptr_t last = (begin + bytes) & ~(kHugePage - 1);
-    if (last > first)
-        ::madvise(reinterpret_cast<void *>(first), last - first, MADV_HUGEPAGE); // a hint only
-}
-} // namespace
-
 QString orv_suffixStringForFTSIndex(const QString &string)
 {
     const QString lowered = string.toLower();
@@ -541,7 +520,6 @@ QString orv_suffixStringForFTSIndex(const QString &string)
         length += suffix.size() + 1;
     QString joined;
     joined.reserve(length);
-    adviseHugePages(joined.data(), static_cast<std::size_t>(length) * sizeof(QChar));
     for (QStringView suffix : suffixes) {
         if (!joined.isEmpty())
             joined.append(u' ');
