@@ -1,9 +1,12 @@
 #include "ORVThreadPump.h"
 
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QSocketNotifier>
 #include <QThread>
 
 #include <condition_variable>
+#include <vector>
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -53,10 +56,22 @@ void ThreadPump::drain()
         std::lock_guard lock(_mutex);
         blocks.swap(_blocks);
     }
-    for (auto &block : blocks) {
-        block();
-        block = nullptr;
+    while (!blocks.empty() && !_closed) {
+        blocks.front()();
+        blocks.pop_front();
     }
+    if (_closed && !blocks.empty()) {
+        // Kept rather than destroyed: destroying them could run
+        // destructors that expect the thread to go on.
+        std::lock_guard lock(_mutex);
+        _blocks.insert(_blocks.begin(), std::make_move_iterator(blocks.begin()),
+                       std::make_move_iterator(blocks.end()));
+    }
+}
+
+void ThreadPump::close()
+{
+    _closed = true;
 }
 
 namespace {
@@ -92,14 +107,50 @@ private:
     bool _started = false;
 };
 
+std::mutex teardownMutex;
+std::vector<std::function<void()>> teardownBlocks;
+
+void stopNetworkThread();
+
 NetworkThread &networkThread()
 {
-    // Never destroyed: a running QThread must not be destroyed at exit.
-    static NetworkThread *thread = new NetworkThread;
+    // Never destroyed: it may be stopped, but a QThread object must outlive
+    // every caller that still holds a reference to it.
+    static NetworkThread *thread = [] {
+        auto *made = new NetworkThread;
+        qAddPostRoutine(stopNetworkThread);
+        return made;
+    }();
     return *thread;
 }
 
+// Runs while the application object is destroyed, on its thread.
+void stopNetworkThread()
+{
+    NetworkThread &thread = networkThread();
+    thread.pump.post([&thread] {
+        std::vector<std::function<void()>> blocks;
+        {
+            std::lock_guard lock(teardownMutex);
+            blocks.swap(teardownBlocks);
+        }
+        for (auto &block : blocks)
+            block();
+        thread.pump.close();
+        thread.quit();
+    });
+    // The managers wait up to five seconds each for their own threads.
+    if (!thread.wait(QDeadlineTimer(30000)))
+        qWarning("OrvellaKit: the network thread did not stop within 30 seconds");
+}
+
 } // namespace
+
+void addNetworkThreadTeardown(std::function<void()> block)
+{
+    std::lock_guard lock(teardownMutex);
+    teardownBlocks.push_back(std::move(block));
+}
 
 void postToNetworkThread(std::function<void()> block)
 {

@@ -132,6 +132,17 @@ struct ORVURLSession::Private {
     ::ORVURLSessionEngine *engine = nullptr; // network thread only
 };
 
+namespace {
+// Every engine alive, so that the network thread's stop can delete them
+// (network thread only). A session whose engine went that way keeps a
+// dangling pointer, but nothing runs on the network thread after its stop.
+std::set<ORVURLSessionEngine *> &liveEngines()
+{
+    static auto *engines = new std::set<ORVURLSessionEngine *>;
+    return *engines;
+}
+} // namespace
+
 // Lives on the network thread; one per session.
 struct ORVURLSessionEngine {
     struct Transfer {
@@ -145,6 +156,15 @@ struct ORVURLSessionEngine {
 
     explicit ORVURLSessionEngine(const ORVURLSessionConfiguration &configuration)
     {
+        static const bool teardownAdded = [] {
+            orv::detail::addNetworkThreadTeardown([] {
+                while (!liveEngines().empty())
+                    delete *liveEngines().begin();
+            });
+            return true;
+        }();
+        (void)teardownAdded;
+        liveEngines().insert(this);
         // The disk tier lives in a private temporary folder that goes with
         // the session: an ephemeral session leaves nothing behind.
         QString diskFolder;
@@ -463,6 +483,10 @@ struct ORVURLSessionEngine {
         if (auto it = replies.find(task); it != replies.end())
             it->second->abort();
     }
+
+    ~ORVURLSessionEngine() { liveEngines().erase(this); }
+    ORVURLSessionEngine(const ORVURLSessionEngine &) = delete;
+    ORVURLSessionEngine &operator=(const ORVURLSessionEngine &) = delete;
 
     QNetworkAccessManager manager;
     std::unique_ptr<QTemporaryDir> cacheFolder;
