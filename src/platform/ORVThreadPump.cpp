@@ -107,8 +107,9 @@ private:
     bool _started = false;
 };
 
-std::mutex teardownMutex;
-std::vector<std::function<void()>> teardownBlocks;
+// Never destroyed, like the thread: nothing at exit touches them.
+std::mutex &teardownMutex = *new std::mutex;
+std::vector<std::function<void()>> &teardownBlocks = *new std::vector<std::function<void()>>;
 
 void stopNetworkThread();
 
