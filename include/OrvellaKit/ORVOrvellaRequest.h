@@ -8,7 +8,20 @@
 //
 // ORVOrvellaAccountRequest talks to the account server and normally needs
 // an access token; ORVOrvellaSimpleRequest never does. Create requests with
-// requestWithURLRequest() (they live in shared pointers).
+// requestWithURLRequest() (they live in shared pointers), and requests of a
+// class of your own with ORVOrvellaRequest::make<YourClass>(). A frozen copy
+// is always of the class the request was made as, with no copy function to
+// write: make() remembers the class and copy() uses its copy constructor.
+//
+//     class DownloadRequest : public ORVOrvellaAccountRequest {
+//     public:
+//         using ORVOrvellaAccountRequest::ORVOrvellaAccountRequest;
+//         bool useBackgroundSession() const override { return true; }
+//     };
+//     auto request = ORVOrvellaRequest::make<DownloadRequest>(urlRequest);
+//
+// Fields a subclass adds are copied by its copy constructor, without the
+// request's lock: set them before the request is submitted.
 
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVURLRequest.h>
@@ -20,10 +33,21 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <type_traits>
+#include <utility>
 
 class ORVOrvellaData;
 
 class ORVOrvellaRequest : public std::enable_shared_from_this<ORVOrvellaRequest> {
+protected:
+    // Only make() can produce a key, so every request is made by it and its
+    // class is known to copy(). A subclass takes the key in its constructors
+    // (or inherits them) and passes it on.
+    class Key {
+        Key() = default;
+        friend class ORVOrvellaRequest;
+    };
+
 public:
     // Called once, on the main thread, with the response body (nothing when
     // there is none), the HTTP response (nothing when there was none) and
@@ -35,8 +59,19 @@ public:
                            const std::optional<ORVHTTPURLResponse> &response, const ORVError &error)>;
     using Handler = std::function<void()>;
 
+    // A new request of class T (a concrete subclass) around the URL request;
+    // further arguments go to T's constructor after the key and the URL request.
+    template <class T, class... Args>
+    static std::shared_ptr<T> make(const ORVURLRequest &request, Args &&...args)
+    {
+        static_assert(std::is_base_of_v<ORVOrvellaRequest, T>, "T must be a subclass of ORVOrvellaRequest");
+        auto made = std::make_shared<T>(Key(), request, std::forward<Args>(args)...);
+        static_cast<ORVOrvellaRequest &>(*made)._copier = &frozenCopyAs<T>;
+        return made;
+    }
+
+    ORVOrvellaRequest(Key, const ORVURLRequest &request);
     virtual ~ORVOrvellaRequest();
-    ORVOrvellaRequest(const ORVOrvellaRequest &) = delete;
     ORVOrvellaRequest &operator=(const ORVOrvellaRequest &) = delete;
 
     const QUuid &identifier() const { return _identifier; }
@@ -74,7 +109,7 @@ public:
     virtual bool useBackgroundSession() const { return false; }
 
     // A frozen copy of the request's own class, with the same identifier.
-    virtual std::shared_ptr<ORVOrvellaRequest> copy() const;
+    std::shared_ptr<ORVOrvellaRequest> copy() const;
 
     // Same identifier.
     bool isEqual(const ORVOrvellaRequest &other) const { return _identifier == other._identifier; }
@@ -84,16 +119,25 @@ public:
     QString debugDescription() const;
 
 protected:
-    explicit ORVOrvellaRequest(const ORVURLRequest &request);
-    // Makes an empty instance of the concrete class, for copy().
-    virtual std::shared_ptr<ORVOrvellaRequest> makeEmptyCopy() const = 0;
-    virtual const char *className() const = 0;
+    // The frozen copy: every field read under the source's lock, the same
+    // identifier, and immutable. Subclasses copy their own fields after it.
+    ORVOrvellaRequest(const ORVOrvellaRequest &source);
     // Throws when the request is frozen; call with the lock held.
     void checkMutable() const;
+    // The most derived class's name.
+    QString className() const;
 
     mutable std::mutex _queue; // guards every field below the identifier
 
 private:
+    template <class T>
+    static std::shared_ptr<ORVOrvellaRequest> frozenCopyAs(const ORVOrvellaRequest &source)
+    {
+        return std::shared_ptr<ORVOrvellaRequest>(new T(static_cast<const T &>(source)));
+    }
+
+    // Set by make(): copies the request as the class it was made as.
+    std::shared_ptr<ORVOrvellaRequest> (*_copier)(const ORVOrvellaRequest &) = nullptr;
     QUuid _identifier;
     ORVURLRequest _originalRequest;
     CompletionHandler _completionHandler;
@@ -114,16 +158,15 @@ class ORVOrvellaAccountRequest : public ORVOrvellaRequest {
 public:
     static std::shared_ptr<ORVOrvellaAccountRequest> requestWithURLRequest(const ORVURLRequest &request);
 
+    ORVOrvellaAccountRequest(Key key, const ORVURLRequest &request) : ORVOrvellaRequest(key, request) {}
     bool canStartWithoutToken() const override;
     void setCanStartWithoutToken(bool canStart);
-    std::shared_ptr<ORVOrvellaRequest> copy() const override;
 
 protected:
-    explicit ORVOrvellaAccountRequest(const ORVURLRequest &request) : ORVOrvellaRequest(request) {}
-    std::shared_ptr<ORVOrvellaRequest> makeEmptyCopy() const override;
-    const char *className() const override { return "ORVOrvellaAccountRequest"; }
+    ORVOrvellaAccountRequest(const ORVOrvellaAccountRequest &source);
 
 private:
+    friend class ORVOrvellaRequest;
     bool _canStartWithoutToken = false;
 };
 
@@ -131,10 +174,12 @@ class ORVOrvellaSimpleRequest : public ORVOrvellaRequest {
 public:
     static std::shared_ptr<ORVOrvellaSimpleRequest> requestWithURLRequest(const ORVURLRequest &request);
 
+    ORVOrvellaSimpleRequest(Key key, const ORVURLRequest &request) : ORVOrvellaRequest(key, request) {}
     bool canStartWithoutToken() const override { return true; }
 
 protected:
-    explicit ORVOrvellaSimpleRequest(const ORVURLRequest &request) : ORVOrvellaRequest(request) {}
-    std::shared_ptr<ORVOrvellaRequest> makeEmptyCopy() const override;
-    const char *className() const override { return "ORVOrvellaSimpleRequest"; }
+    ORVOrvellaSimpleRequest(const ORVOrvellaSimpleRequest &source) = default;
+
+private:
+    friend class ORVOrvellaRequest;
 };

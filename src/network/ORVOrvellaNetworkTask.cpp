@@ -5,10 +5,10 @@
 
 std::shared_ptr<ORVOrvellaNetworkTask> ORVOrvellaNetworkTask::taskWithRequest(const std::shared_ptr<ORVOrvellaRequest> &request)
 {
-    return std::shared_ptr<ORVOrvellaNetworkTask>(new ORVOrvellaNetworkTask(request));
+    return make<ORVOrvellaNetworkTask>(request);
 }
 
-ORVOrvellaNetworkTask::ORVOrvellaNetworkTask(const std::shared_ptr<ORVOrvellaRequest> &request)
+ORVOrvellaNetworkTask::ORVOrvellaNetworkTask(Key, const std::shared_ptr<ORVOrvellaRequest> &request)
     : _request(request->copy())
 {
 }
@@ -57,12 +57,42 @@ void ORVOrvellaNetworkTask::removeNestedTask(const std::shared_ptr<ORVOrvellaNet
     std::erase_if(_nestedTasks, [&](const auto &t) { return t->isEqual(*task); });
 }
 
+bool ORVOrvellaNetworkTask::attachURLTaskUnlessCancelled(std::shared_ptr<ORVURLSessionTask> urlTask,
+                                                         bool scheduledWithBackgroundSession)
+{
+    std::lock_guard lock(_queue);
+    if (_cancelled)
+        return false;
+    _urlTask = std::move(urlTask);
+    _scheduledWithBackgroundSession = scheduledWithBackgroundSession;
+    return true;
+}
+
+bool ORVOrvellaNetworkTask::isCancelled() const
+{
+    std::lock_guard lock(_queue);
+    return _cancelled;
+}
+
+void ORVOrvellaNetworkTask::setDroppedResultHandler(DroppedResultHandler handler)
+{
+    std::lock_guard lock(_queue);
+    _droppedResultHandler = std::move(handler);
+}
+
+ORVOrvellaNetworkTask::DroppedResultHandler ORVOrvellaNetworkTask::takeDroppedResultHandler()
+{
+    std::lock_guard lock(_queue);
+    return std::exchange(_droppedResultHandler, nullptr);
+}
+
 void ORVOrvellaNetworkTask::cancel()
 {
     std::shared_ptr<ORVURLSessionTask> urlTask;
     std::vector<std::shared_ptr<ORVOrvellaNetworkTask>> nested;
     {
         std::lock_guard lock(_queue);
+        _cancelled = true;
         urlTask = std::exchange(_urlTask, nullptr);
         nested.swap(_nestedTasks);
     }
@@ -80,7 +110,8 @@ void ORVOrvellaNetworkTask::cancel()
 std::shared_ptr<ORVOrvellaNetworkTask> ORVOrvellaNetworkTask::copyForRescheduling()
 {
     cancel();
-    return std::shared_ptr<ORVOrvellaNetworkTask>(new ORVOrvellaNetworkTask(_request));
+    // make() always leaves the way to remake the task's own class.
+    return _remake ? _remake(_request) : taskWithRequest(_request);
 }
 
 void ORVOrvellaNetworkTask::yield()

@@ -3,6 +3,11 @@
 #include <OrvellaKit/ORVOrvellaRequest.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 
+#include <cxxabi.h>
+
+#include <cstdlib>
+#include <typeinfo>
+
 ORV_LOG_FILE("Orvella Networking")
 
 #define ORV_GET(field)                                                                                                 \
@@ -13,10 +18,32 @@ ORV_LOG_FILE("Orvella Networking")
     checkMutable();                                                                                                    \
     field = value
 
-ORVOrvellaRequest::ORVOrvellaRequest(const ORVURLRequest &request)
+ORVOrvellaRequest::ORVOrvellaRequest(Key, const ORVURLRequest &request)
     : _identifier(QUuid::createUuid()), _originalRequest(request)
 {
     orvRegisterFileLogLevel();
+}
+
+ORVOrvellaRequest::ORVOrvellaRequest(const ORVOrvellaRequest &source)
+    : std::enable_shared_from_this<ORVOrvellaRequest>()
+{
+    std::lock_guard lock(source._queue);
+    _copier = source._copier;
+    _identifier = source._identifier;
+    _originalRequest = source._originalRequest;
+    _completionHandler = source._completionHandler;
+    _category = source._category;
+    _maskRequestLogging = source._maskRequestLogging;
+    _maskResponseLogging = source._maskResponseLogging;
+    _skipResponseLogging = source._skipResponseLogging;
+    _countOfBytesClientExpectsToReceive = source._countOfBytesClientExpectsToReceive;
+    _countOfBytesClientExpectsToSend = source._countOfBytesClientExpectsToSend;
+    _priority = source._priority;
+    _shouldYieldHandler = source._shouldYieldHandler;
+    _shouldResumeHandler = source._shouldResumeHandler;
+    _retryCount = source._retryCount;
+    // Every copy is frozen, whether or not its source was.
+    _immutable = true;
 }
 
 ORVOrvellaRequest::~ORVOrvellaRequest() = default;
@@ -60,29 +87,28 @@ void ORVOrvellaRequest::incrementRetryCount()
 
 std::shared_ptr<ORVOrvellaRequest> ORVOrvellaRequest::copy() const
 {
-    std::shared_ptr<ORVOrvellaRequest> copy = makeEmptyCopy();
-    std::lock_guard lock(_queue);
-    // The copy is new and not shared yet, so its fields need no lock.
-    copy->_immutable = true;
-    copy->_identifier = _identifier;
-    copy->_originalRequest = _originalRequest;
-    copy->_completionHandler = _completionHandler;
-    copy->_category = _category;
-    copy->_shouldYieldHandler = _shouldYieldHandler;
-    copy->_shouldResumeHandler = _shouldResumeHandler;
-    copy->_countOfBytesClientExpectsToReceive = _countOfBytesClientExpectsToReceive;
-    copy->_countOfBytesClientExpectsToSend = _countOfBytesClientExpectsToSend;
-    copy->_priority = _priority;
-    copy->_retryCount = _retryCount;
-    copy->_maskRequestLogging = _maskRequestLogging;
-    copy->_maskResponseLogging = _maskResponseLogging;
-    copy->_skipResponseLogging = _skipResponseLogging;
-    return copy;
+    // make() is the only way to a key, so every request has its copier; the
+    // check guards against a key kept and reused by hand.
+    if (!_copier)
+        ORVException(ORVException::internalInconsistencyName,
+                     QStringLiteral("Requests are made with ORVOrvellaRequest::make()"))
+            .raise();
+    return _copier(*this);
+}
+
+QString ORVOrvellaRequest::className() const
+{
+    const char *mangled = typeid(*this).name();
+    int status = 0;
+    char *demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+    const QString name = QString::fromLatin1(status == 0 && demangled ? demangled : mangled);
+    std::free(demangled);
+    return name;
 }
 
 QString ORVOrvellaRequest::debugDescription() const
 {
-    return ORVStringWithFormat("%@ %@", ORVStringWithFormat("<%s: %p>", className(), static_cast<const void *>(this)),
+    return ORVStringWithFormat("%@ %@", ORVStringWithFormat("<%@: %p>", className(), static_cast<const void *>(this)),
                                _identifier);
 }
 
@@ -90,7 +116,13 @@ QString ORVOrvellaRequest::debugDescription() const
 
 std::shared_ptr<ORVOrvellaAccountRequest> ORVOrvellaAccountRequest::requestWithURLRequest(const ORVURLRequest &request)
 {
-    return std::shared_ptr<ORVOrvellaAccountRequest>(new ORVOrvellaAccountRequest(request));
+    return make<ORVOrvellaAccountRequest>(request);
+}
+
+ORVOrvellaAccountRequest::ORVOrvellaAccountRequest(const ORVOrvellaAccountRequest &source) : ORVOrvellaRequest(source)
+{
+    std::lock_guard lock(source._queue);
+    _canStartWithoutToken = source._canStartWithoutToken;
 }
 
 bool ORVOrvellaAccountRequest::canStartWithoutToken() const
@@ -106,25 +138,7 @@ void ORVOrvellaAccountRequest::setCanStartWithoutToken(bool canStart)
     _canStartWithoutToken = canStart;
 }
 
-std::shared_ptr<ORVOrvellaRequest> ORVOrvellaAccountRequest::copy() const
-{
-    auto copy = std::static_pointer_cast<ORVOrvellaAccountRequest>(ORVOrvellaRequest::copy());
-    std::lock_guard lock(_queue);
-    copy->_canStartWithoutToken = _canStartWithoutToken;
-    return copy;
-}
-
-std::shared_ptr<ORVOrvellaRequest> ORVOrvellaAccountRequest::makeEmptyCopy() const
-{
-    return std::shared_ptr<ORVOrvellaRequest>(new ORVOrvellaAccountRequest(ORVURLRequest()));
-}
-
 std::shared_ptr<ORVOrvellaSimpleRequest> ORVOrvellaSimpleRequest::requestWithURLRequest(const ORVURLRequest &request)
 {
-    return std::shared_ptr<ORVOrvellaSimpleRequest>(new ORVOrvellaSimpleRequest(request));
-}
-
-std::shared_ptr<ORVOrvellaRequest> ORVOrvellaSimpleRequest::makeEmptyCopy() const
-{
-    return std::shared_ptr<ORVOrvellaRequest>(new ORVOrvellaSimpleRequest(ORVURLRequest()));
+    return make<ORVOrvellaSimpleRequest>(request);
 }

@@ -147,3 +147,57 @@ TEST(NetworkTask, NestedCancellationAndRescheduling)
     EXPECT_TRUE(rescheduled->isEqual(*task));
     EXPECT_EQ(rescheduled->request()->identifier(), request->identifier());
 }
+
+namespace {
+// A subclass that changes one thing only and writes no copy function.
+class DownloadRequest : public ORVOrvellaAccountRequest {
+public:
+    using ORVOrvellaAccountRequest::ORVOrvellaAccountRequest;
+    static std::shared_ptr<DownloadRequest> make(const ORVURLRequest &request)
+    {
+        return ORVOrvellaRequest::make<DownloadRequest>(request);
+    }
+    bool useBackgroundSession() const override { return true; }
+    int tag = 0;
+};
+
+class CountingTask : public ORVOrvellaNetworkTask {
+public:
+    using ORVOrvellaNetworkTask::ORVOrvellaNetworkTask;
+    static std::shared_ptr<CountingTask> make(const std::shared_ptr<ORVOrvellaRequest> &request)
+    {
+        return ORVOrvellaNetworkTask::make<CountingTask>(request);
+    }
+    void cancel() override
+    {
+        ++cancels;
+        ORVOrvellaNetworkTask::cancel();
+    }
+    std::atomic<int> cancels = 0;
+};
+} // namespace
+
+// Frozen copies and rescheduled tasks are of the class they were made from,
+// though the class writes no copy hook of its own.
+TEST(RequestModel, CopiesKeepTheirSubclass)
+{
+    auto request = DownloadRequest::make(urlRequest());
+    request->tag = 7;
+    request->setCanStartWithoutToken(true);
+    auto copy = request->copy();
+    auto typed = std::dynamic_pointer_cast<DownloadRequest>(copy);
+    ASSERT_TRUE(typed) << "the copy lost its class";
+    EXPECT_TRUE(copy->useBackgroundSession());
+    EXPECT_TRUE(copy->canStartWithoutToken());
+    EXPECT_EQ(typed->tag, 7);
+    EXPECT_TRUE(copy->isImmutable());
+
+    auto task = CountingTask::make(request);
+    auto rescheduled = task->copyForRescheduling();
+    EXPECT_EQ(task->cancels.load(), 1);
+    auto typedTask = std::dynamic_pointer_cast<CountingTask>(rescheduled);
+    ASSERT_TRUE(typedTask) << "the rescheduled task lost its class";
+    EXPECT_TRUE(std::dynamic_pointer_cast<DownloadRequest>(rescheduled->request()));
+    rescheduled->cancel();
+    EXPECT_EQ(typedTask->cancels.load(), 1);
+}

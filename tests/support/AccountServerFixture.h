@@ -54,6 +54,27 @@ private:
     QString _name;
 };
 
+// Requests that run on the background session (downloads).
+class BackgroundAccountRequest : public ORVOrvellaAccountRequest {
+public:
+    using ORVOrvellaAccountRequest::ORVOrvellaAccountRequest;
+    static std::shared_ptr<BackgroundAccountRequest> make(const ORVURLRequest &request)
+    {
+        return ORVOrvellaRequest::make<BackgroundAccountRequest>(request);
+    }
+    bool useBackgroundSession() const override { return true; }
+};
+
+class BackgroundSimpleRequest : public ORVOrvellaSimpleRequest {
+public:
+    using ORVOrvellaSimpleRequest::ORVOrvellaSimpleRequest;
+    static std::shared_ptr<BackgroundSimpleRequest> make(const ORVURLRequest &request)
+    {
+        return ORVOrvellaRequest::make<BackgroundSimpleRequest>(request);
+    }
+    bool useBackgroundSession() const override { return true; }
+};
+
 // The application's side of account storage: one current account, replaced
 // by what the save block receives. Read from any thread.
 class AccountStore {
