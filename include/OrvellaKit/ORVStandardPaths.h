@@ -9,6 +9,8 @@
 //   Caches                  $XDG_CACHE_HOME/<bundle id>
 //   group container G       $XDG_DATA_HOME/group-containers/G
 //   temporary directory     QDir::tempPath()           ($TMPDIR or /tmp)
+//   private temporary       $XDG_CACHE_HOME/<bundle id>/tmp, mode 0700
+//                           (else $XDG_RUNTIME_DIR/<bundle id>)
 //
 // Functions that say "created" make the folder (and its parents) when it is
 // missing; they return a null string when that fails.
@@ -25,6 +27,12 @@ QString ORVCachesDirectory(bool create = true);
 // The shared container of an application group, created.
 QString ORVGroupContainerDirectory(const QString &groupIdentifier, bool create = true);
 QString ORVTemporaryDirectory();
+// A folder that only the user can enter (0700), for files in transit that
+// must not be readable by others: downloads and the URL cache. Under the
+// application's cache folder, or its runtime folder when the cache folder
+// cannot be made private; created. A null string when neither can, or when
+// the place is a symbolic link or belongs to someone else.
+QString ORVPrivateTemporaryDirectory();
 
 // The name used for per-application folders: the main bundle's identifier,
 // else QCoreApplication::applicationName(), else the executable's name.

@@ -11,6 +11,10 @@
 
 #include <optional>
 
+// Whether two URLs have the same origin: scheme and host (both without
+// regard to case) and port (80 and 443 when not given for http and https).
+bool ORVURLHasSameOrigin(const QUrl &first, const QUrl &second);
+
 enum ORVURLRequestCachePolicy : quint32 {
     ORVURLRequestUseProtocolCachePolicy = 0,
     ORVURLRequestReloadIgnoringLocalCacheData = 1,

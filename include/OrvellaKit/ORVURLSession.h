@@ -41,6 +41,8 @@ enum ORVURLError : qint64 {
     ORVURLErrorHTTPTooManyRedirects = -1007,
     ORVURLErrorBadServerResponse = -1011,
     ORVURLErrorCannotCreateFile = -3000,
+    ORVURLErrorCannotWriteToFile = -3003,
+    ORVURLErrorAppTransportSecurityRequiresSecureConnection = -1022,
     ORVURLErrorSecureConnectionFailed = -1200,
     ORVURLErrorServerCertificateUntrusted = -1202,
 };

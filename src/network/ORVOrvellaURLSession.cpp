@@ -19,9 +19,10 @@ bool moveFile(const QString &from, const QString &to, ORVError &error)
 {
     if (QFile::rename(from, to))
         return true;
-    // Another file system: copy, then remove.
+    // Another file system: copy, then remove; the copy is the user's alone too.
     QFile source(from);
     if (source.copy(to)) {
+        QFile::setPermissions(to, QFileDevice::ReadOwner | QFileDevice::WriteOwner);
         QFile::remove(from);
         return true;
     }
@@ -121,7 +122,12 @@ void ORVOrvellaURLSession::invalidateAndCancel()
 
 QUrl ORVOrvellaURLSession::temporaryURL()
 {
-    return QUrl::fromLocalFile(QDir(ORVTemporaryDirectory()).filePath(ORVUUIDString(QUuid::createUuid())));
+    // Downloads are the user's data: never in the shared temporary folder.
+    // Without a private folder the move fails and the task reports it.
+    const QString folder = ORVPrivateTemporaryDirectory();
+    if (folder.isEmpty())
+        return {};
+    return QUrl::fromLocalFile(QDir(folder).filePath(ORVUUIDString(QUuid::createUuid())));
 }
 
 std::shared_ptr<ORVURLSessionTask> ORVOrvellaURLSession::dataTaskWithURLRequest(const ORVURLRequest &request,
@@ -145,8 +151,14 @@ std::shared_ptr<ORVURLSessionTask> ORVOrvellaURLSession::dataTaskWithURLRequest(
                 std::erase(self->_activeDataTasks, record);
                 if (record->dataHandler) {
                     auto handler = record->dataHandler;
-                    ORVDispatchQueue::mainQueue()->async(
-                        [handler, data, response, error] { handler(data, response, error); });
+                    // A transport error comes alone: no partial body and no
+                    // response with it.
+                    if (error.isNull())
+                        ORVDispatchQueue::mainQueue()->async(
+                            [handler, data, response, error] { handler(data, response, error); });
+                    else
+                        ORVDispatchQueue::mainQueue()->async(
+                            [handler, error] { handler(QByteArray(), std::nullopt, error); });
                 }
             };
             // The transport calls this on our own queue; no second trip through it.
@@ -194,7 +206,14 @@ void ORVOrvellaURLSession::finishDownload(const std::shared_ptr<ORVURLSessionTas
     if (!location.isEmpty()) {
         const QUrl destination = temporaryURL();
         ORVError moveError;
-        if (moveFile(location.toLocalFile(), destination.toLocalFile(), moveError)) {
+        if (destination.isEmpty()) {
+            moveError = ORVError(ORVCocoaErrorDomain, 513,
+                                 {{ORVLocalizedDescriptionKey, QStringLiteral("No private folder for the download")},
+                                  {QStringLiteral("NSFilePath"), location.toLocalFile()}});
+            ORVLogError("Error moving download task file %@", moveError);
+            if (error.isNull())
+                error = moveError;
+        } else if (moveFile(location.toLocalFile(), destination.toLocalFile(), moveError)) {
             result = destination;
         } else {
             ORVLogError("Error moving download task file %@", moveError);
@@ -243,12 +262,16 @@ void ORVOrvellaURLSession::redirect(const std::shared_ptr<ORVURLSessionTask> &ta
         // No account registered: nothing to compare with, so the redirect
         // goes ahead as proposed rather than stalling the task.
     }
-    const QString apiHost = account ? account->serverURLForAPIAccess().host() : QString();
-    if (request.URL().host() != apiHost || apiHost.isEmpty()) {
+    // The original headers come back only within the origin (scheme, host
+    // and port) of the account server that the request was made for: the
+    // bearer token among them is never sent anywhere else.
+    const ORVURLRequest original = task->originalRequest();
+    const QUrl api = account ? account->serverURLForAPIAccess() : QUrl();
+    if (api.host().isEmpty() || !ORVURLHasSameOrigin(request.URL(), api) ||
+        !ORVURLHasSameOrigin(request.URL(), original.URL())) {
         completion(request);
         return;
     }
-    const ORVURLRequest original = task->originalRequest();
     if (original.allHTTPHeaderFields() == request.allHTTPHeaderFields()) {
         completion(request);
         return;
@@ -256,8 +279,6 @@ void ORVOrvellaURLSession::redirect(const std::shared_ptr<ORVURLSessionTask> &ta
     ORVLogWarn("Request headers changed by redirect original: %@ %@ %@, updated: %@ %@ %@", original.URL(),
                original.HTTPMethod(), orv_scrubbedHeaders(original).description(), request.URL(), request.HTTPMethod(),
                orv_scrubbedHeaders(request).description());
-    // Within the account server the original headers, the bearer token among
-    // them, stay with the request.
     ORVURLRequest kept = request;
     for (const auto &[name, value] : request.allHTTPHeaderFields().fields())
         kept.setValue(QString(), name);

@@ -3,8 +3,14 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
+
+#include <cerrno>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -70,4 +76,46 @@ QString ORVGroupContainerDirectory(const QString &groupIdentifier, bool create)
 QString ORVTemporaryDirectory()
 {
     return QDir::tempPath();
+}
+
+namespace {
+// Makes `path` a directory of our own with mode 0700; false when it is
+// anything else (a link, someone else's, not a directory).
+bool makePrivateFolder(const QString &path)
+{
+    if (path.isEmpty())
+        return false;
+    const QByteArray native = QFile::encodeName(path);
+    if (::mkdir(native.constData(), 0700) != 0 && errno != EEXIST)
+        return false;
+    struct stat info {};
+    if (::lstat(native.constData(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid())
+        return false;
+    if ((info.st_mode & 07777) != 0700 && ::chmod(native.constData(), 0700) != 0)
+        return false;
+    return true;
+}
+} // namespace
+
+QString ORVPrivateTemporaryDirectory()
+{
+    const QString caches = ORVCachesDirectory(true);
+    if (!caches.isEmpty()) {
+        const QString folder = caches + QStringLiteral("/tmp");
+        if (makePrivateFolder(folder))
+            return folder;
+    }
+    // The runtime folder is the user's alone by the XDG rules; check anyway.
+    const QString runtime = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (!runtime.isEmpty() && QDir::isAbsolutePath(runtime)) {
+        struct stat info {};
+        const QByteArray native = QFile::encodeName(runtime);
+        if (::lstat(native.constData(), &info) == 0 && S_ISDIR(info.st_mode) && info.st_uid == ::geteuid() &&
+            (info.st_mode & 0077) == 0) {
+            const QString folder = QDir::cleanPath(runtime) + QLatin1Char('/') + ORVApplicationFolderName();
+            if (makePrivateFolder(folder))
+                return folder;
+        }
+    }
+    return {};
 }

@@ -68,3 +68,21 @@ qint64 ORVHTTPURLResponse::expectedContentLength() const
     const qint64 length = _headers.value(QStringLiteral("Content-Length")).trimmed().toLongLong(&ok);
     return ok && length >= 0 ? length : -1;
 }
+
+namespace {
+int defaultPort(const QString &scheme)
+{
+    if (scheme == QLatin1String("https"))
+        return 443;
+    if (scheme == QLatin1String("http"))
+        return 80;
+    return -1;
+}
+} // namespace
+
+bool ORVURLHasSameOrigin(const QUrl &first, const QUrl &second)
+{
+    const QString scheme = first.scheme().toLower();
+    return scheme == second.scheme().toLower() && first.host().compare(second.host(), Qt::CaseInsensitive) == 0 &&
+           first.port(defaultPort(scheme)) == second.port(defaultPort(scheme));
+}

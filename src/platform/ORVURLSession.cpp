@@ -1,6 +1,7 @@
 #include "ORVThreadPump.h"
 #include "ORVURLCache.h"
 
+#include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVURLSession.h>
 
 #include <QDir>
@@ -37,10 +38,44 @@ bool isRedirectStatus(int status)
     return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
 }
 
-QString origin(const QUrl &url)
+bool isHTTPScheme(const QUrl &url)
 {
-    return url.scheme().toLower() + QStringLiteral("://") + url.host().toLower() + u':' +
-           QString::number(url.port(url.scheme() == QLatin1String("https") ? 443 : 80));
+    const QString scheme = url.scheme().toLower();
+    return scheme == QLatin1String("http") || scheme == QLatin1String("https");
+}
+
+// Why a redirect from `from` to `to` must not be followed, or a null error.
+// Only http and https are ever followed (QNetworkAccessManager would read a
+// file: or qrc: URL as readily as a web page), and never from https down to
+// http: the request's token and body would travel in clear text.
+ORVError refusedRedirect(const QUrl &from, const QUrl &to)
+{
+    if (!to.isValid() || !isHTTPScheme(to))
+        return urlError(ORVURLErrorUnsupportedURL, QStringLiteral("A redirect to an unsupported URL was refused"), to);
+    if (from.scheme().toLower() == QLatin1String("https") && to.scheme().toLower() == QLatin1String("http"))
+        return urlError(ORVURLErrorAppTransportSecurityRequiresSecureConnection,
+                        QStringLiteral("A redirect from https to http was refused"), to);
+    return {};
+}
+
+// Whether a request may be answered from, or stored in, the session's cache.
+// A reply to a request that carries credentials belongs to those credentials
+// and QNetworkAccessManager keys its cache by URL alone; a request that asks
+// to ignore local data must not even revalidate against it.
+bool mayUseCache(const ORVURLRequest &request, const QByteArray &verb)
+{
+    if (verb != "GET" && verb != "HEAD")
+        return false;
+    if (request.allHTTPHeaderFields().contains(QStringLiteral("Authorization")))
+        return false;
+    switch (request.cachePolicy()) {
+    case ORVURLRequestReloadIgnoringLocalCacheData:
+    case ORVURLRequestReloadIgnoringLocalAndRemoteCacheData:
+    case ORVURLRequestReloadRevalidatingCacheData:
+        return false;
+    default:
+        return true;
+    }
 }
 
 // The request a redirect leads to, as the platform proposes it.
@@ -57,7 +92,7 @@ ORVURLRequest redirectedRequest(const ORVURLRequest &current, int status, const 
         next.setValue(QString(), QStringLiteral("Content-Length"));
     }
     // A bearer token never follows a redirect to another origin.
-    if (origin(location) != origin(current.URL()))
+    if (!ORVURLHasSameOrigin(location, current.URL()))
         next.setValue(QString(), QStringLiteral("Authorization"));
     return next;
 }
@@ -152,6 +187,8 @@ struct ORVURLSessionEngine {
         std::shared_ptr<QFile> file;
         int redirects = 0;
         bool sawSslErrors = false;
+        // Why the body could not be kept (a write to the download failed).
+        ORVError writeError;
     };
 
     explicit ORVURLSessionEngine(const ORVURLSessionConfiguration &configuration)
@@ -165,13 +202,16 @@ struct ORVURLSessionEngine {
         }();
         (void)teardownAdded;
         liveEngines().insert(this);
-        // The disk tier lives in a private temporary folder that goes with
-        // the session: an ephemeral session leaves nothing behind.
+        // The disk tier lives in a folder of the session's own inside the
+        // user's private temporary folder, removed with the session: an
+        // ephemeral session leaves nothing behind.
         QString diskFolder;
         if (configuration.urlCacheDiskCapacity > 0) {
-            cacheFolder = std::make_unique<QTemporaryDir>(QDir::tempPath() + QStringLiteral("/ORVURLCache-XXXXXX"));
-            if (cacheFolder->isValid())
-                diskFolder = cacheFolder->path();
+            if (const QString privateFolder = ORVPrivateTemporaryDirectory(); !privateFolder.isEmpty()) {
+                cacheFolder = std::make_unique<QTemporaryDir>(privateFolder + QStringLiteral("/URLCache-XXXXXX"));
+                if (cacheFolder->isValid())
+                    diskFolder = cacheFolder->path();
+            }
         }
         if (configuration.urlCacheMemoryCapacity > 0 || !diskFolder.isEmpty()) {
             cache = new orv::detail::ORVURLCache(configuration.urlCacheMemoryCapacity,
@@ -215,10 +255,19 @@ struct ORVURLSessionEngine {
             return;
         }
         if (task->kind() == ORVURLSessionTask::Kind::Download && !transfer.file) {
-            transfer.file = std::make_shared<QFile>(QDir::tempPath() + QStringLiteral("/ORVDownload-") +
+            // A download is the user's data: it streams into a file only the
+            // user can read, in a folder only the user can enter.
+            const QString folder = ORVPrivateTemporaryDirectory();
+            if (folder.isEmpty()) {
+                finish(std::move(transfer), std::nullopt,
+                       urlError(ORVURLErrorCannotCreateFile, QStringLiteral("No private folder for the download"), url));
+                return;
+            }
+            transfer.file = std::make_shared<QFile>(folder + QStringLiteral("/ORVDownload-") +
                                                     QUuid::createUuid().toString(QUuid::WithoutBraces) +
-                                                    QStringLiteral(".tmp"));
-            if (!transfer.file->open(QIODevice::WriteOnly)) {
+                                                    QStringLiteral(".part"));
+            if (!transfer.file->open(QIODevice::WriteOnly | QIODevice::NewOnly,
+                                     QFileDevice::ReadOwner | QFileDevice::WriteOwner)) {
                 const QString reason = transfer.file->errorString();
                 transfer.file.reset();
                 finish(std::move(transfer), std::nullopt, urlError(ORVURLErrorCannotCreateFile, reason, url));
@@ -231,7 +280,11 @@ struct ORVURLSessionEngine {
             qrequest.setRawHeader(name.toLatin1(), value.toUtf8());
         // Redirects are ours to decide.
         qrequest.setAttribute(QNetworkRequest::RedirectPolicyAttribute, QNetworkRequest::ManualRedirectPolicy);
-        qrequest.setAttribute(QNetworkRequest::CacheLoadControlAttribute, cacheControl(request.cachePolicy()));
+        const QByteArray verb = request.HTTPMethod().toUpper().toLatin1();
+        const bool cached = cache && mayUseCache(request, verb);
+        qrequest.setAttribute(QNetworkRequest::CacheLoadControlAttribute,
+                              cached ? cacheControl(request.cachePolicy()) : QNetworkRequest::AlwaysNetwork);
+        qrequest.setAttribute(QNetworkRequest::CacheSaveControlAttribute, cached);
         if (request.timeoutInterval() > 0)
             qrequest.setTransferTimeout(static_cast<int>(std::min(request.timeoutInterval() * 1000.0, 2.0e9)));
         qrequest.setPriority(qtPriority(priority));
@@ -243,23 +296,25 @@ struct ORVURLSessionEngine {
         }
 
         // The standard verbs go through their own calls: custom verbs are
-        // HTTP only (file: and data: URLs need get()).
-        const QByteArray verb = request.HTTPMethod().toUpper().toLatin1();
+        // HTTP only (file: and data: URLs need get()). A request that may
+        // not touch the cache goes through a manager that has none.
+        QNetworkAccessManager &through = cached ? manager : uncachedManager;
         QNetworkReply *reply = nullptr;
         if (verb == "GET")
-            reply = manager.get(qrequest);
+            reply = through.get(qrequest);
         else if (verb == "HEAD")
-            reply = manager.head(qrequest);
+            reply = through.head(qrequest);
         else if (verb == "DELETE" && request.HTTPBody().isEmpty())
-            reply = manager.deleteResource(qrequest);
+            reply = through.deleteResource(qrequest);
         else if (verb == "POST")
-            reply = manager.post(qrequest, request.HTTPBody());
+            reply = through.post(qrequest, request.HTTPBody());
         else if (verb == "PUT")
-            reply = manager.put(qrequest, request.HTTPBody());
+            reply = through.put(qrequest, request.HTTPBody());
         else
-            reply = manager.sendCustomRequest(qrequest, verb, request.HTTPBody());
+            reply = through.sendCustomRequest(qrequest, verb, request.HTTPBody());
         transfer.body.clear();
-        if (cache && verb == "GET") {
+        transfer.writeError = ORVError();
+        if (cached && verb == "GET") {
             const QUrl key = reply->url();
             ++cachedFetchesInFlight[key];
             QObject::connect(reply, &QObject::destroyed, &manager, [this, key] {
@@ -288,10 +343,21 @@ struct ORVURLSessionEngine {
             return;
         const QByteArray chunk = reply->readAll();
         Transfer &transfer = it->second;
-        if (transfer.file)
-            transfer.file->write(chunk);
-        else
+        if (!transfer.writeError.isNull())
+            return;
+        if (transfer.file) {
+            if (transfer.file->write(chunk) != chunk.size()) {
+                // A full disk or a size limit: the download cannot be whole,
+                // so it ends here with an error instead of a short file.
+                transfer.writeError =
+                    urlError(ORVURLErrorCannotWriteToFile, transfer.file->errorString(), reply->request().url());
+                // abort() finishes the reply at once; the transfer is gone then.
+                reply->abort();
+                return;
+            }
+        } else {
             transfer.body.append(chunk);
+        }
         std::lock_guard lock(transfer.task->_lock);
         transfer.task->_received += chunk.size();
     }
@@ -344,10 +410,14 @@ struct ORVURLSessionEngine {
 
     void finished(QNetworkReply *reply)
     {
+        if (transfers.find(reply) == transfers.end())
+            return;
+        receive(reply);
+        // A write that failed in receive() aborts the reply, which may have
+        // finished the transfer already.
         auto it = transfers.find(reply);
         if (it == transfers.end())
             return;
-        receive(reply);
         Transfer transfer = std::move(it->second);
         transfers.erase(it);
         replies.erase(transfer.task.get());
@@ -369,6 +439,8 @@ struct ORVURLSessionEngine {
             transfer.task->_response = response;
         }
         ORVError error = errorOf(reply, response.has_value(), cancelled, transfer.sawSslErrors);
+        if (!transfer.writeError.isNull() && !cancelled)
+            error = transfer.writeError;
 
         const QString location = response ? response->valueForHTTPHeaderField(QStringLiteral("Location")) : QString();
         if (error.isNull() && response && isRedirectStatus(response->statusCode()) && !location.isEmpty()) {
@@ -377,7 +449,12 @@ struct ORVURLSessionEngine {
                        urlError(ORVURLErrorHTTPTooManyRedirects, QStringLiteral("too many redirects"), reply->url()));
                 return;
             }
-            redirect(std::move(transfer), *response, reply->url().resolved(QUrl(location)));
+            const QUrl next = reply->url().resolved(QUrl(location));
+            if (const ORVError refused = refusedRedirect(reply->url(), next); !refused.isNull()) {
+                finish(std::move(transfer), response, refused);
+                return;
+            }
+            redirect(std::move(transfer), *response, next);
             return;
         }
         finish(std::move(transfer), response, error);
@@ -388,19 +465,34 @@ struct ORVURLSessionEngine {
         auto session = transfer.session;
         auto task = transfer.task;
         ORVURLRequest proposed;
+        ORVURLRequest original;
+        QUrl from;
         {
             std::lock_guard lock(task->_lock);
             proposed = redirectedRequest(task->_currentRequest, response.statusCode(), location);
+            original = task->_originalRequest;
+            from = task->_currentRequest.URL();
         }
         auto shared = std::make_shared<Transfer>(std::move(transfer));
         // The delegate answers on its queue; the answer comes back here.
-        auto decide = [this, shared, response](std::optional<ORVURLRequest> next) {
-            orv::detail::postToNetworkThread([this, shared, response, next = std::move(next)]() mutable {
+        auto decide = [this, shared, response, original, from](std::optional<ORVURLRequest> next) {
+            orv::detail::postToNetworkThread([this, shared, response, original, from, next = std::move(next)]() mutable {
                 Transfer transfer = std::move(*shared);
                 if (!next) {
                     finish(std::move(transfer), response, {});
                     return;
                 }
+                // The delegate's answer obeys the same rules as the proposal.
+                if (const ORVError refused = refusedRedirect(from, next->URL()); !refused.isNull()) {
+                    finish(std::move(transfer), response, refused);
+                    return;
+                }
+                // The caller's credential goes only to the origin it was made
+                // for, whatever the delegate put back.
+                const QString credential = original.valueForHTTPHeaderField(QStringLiteral("Authorization"));
+                if (!credential.isNull() && !ORVURLHasSameOrigin(next->URL(), original.URL()) &&
+                    next->valueForHTTPHeaderField(QStringLiteral("Authorization")) == credential)
+                    next->setValue(QString(), QStringLiteral("Authorization"));
                 {
                     std::lock_guard lock(transfer.task->_lock);
                     transfer.task->_currentRequest = *next;
@@ -436,17 +528,27 @@ struct ORVURLSessionEngine {
         decltype(task->_completion) completion;
         {
             std::lock_guard lock(task->_lock);
-            task->_state = ORVURLSessionTaskState::Completed;
-            task->_response = response;
-            task->_error = error;
             completion = std::exchange(task->_completion, nullptr);
         }
         QString location;
+        ORVError finalError = error;
         if (transfer.file) {
+            // Bytes still in QFile's buffer can fail to reach the disk too.
+            if (finalError.isNull() && (!transfer.file->flush() || transfer.file->error() != QFileDevice::NoError))
+                finalError = urlError(ORVURLErrorCannotWriteToFile, transfer.file->errorString(),
+                                      transfer.task->currentRequest().URL());
             transfer.file->close();
             location = transfer.file->fileName();
-            if (!error.isNull())
+            if (!finalError.isNull()) {
                 QFile::remove(location);
+                location.clear();
+            }
+        }
+        {
+            std::lock_guard lock(task->_lock);
+            task->_state = ORVURLSessionTaskState::Completed;
+            task->_response = response;
+            task->_error = finalError;
         }
         std::shared_ptr<ORVURLSessionDelegate> delegate;
         bool nowInvalid = false;
@@ -460,8 +562,12 @@ struct ORVURLSessionEngine {
                 session->d->delegate.reset();
             }
         }
-        QByteArray body = std::move(transfer.body);
-        session->delegateQueue()->async([session, task, delegate, completion, body, response, error, location,
+        // A failed exchange has no body (not even the part that arrived); a
+        // successful one has one, if only an empty one.
+        QByteArray body;
+        if (finalError.isNull())
+            body = transfer.body.isNull() ? QByteArray("", 0) : std::move(transfer.body);
+        session->delegateQueue()->async([session, task, delegate, completion, body, response, error = finalError, location,
                                          nowInvalid, isDownload = task->kind() == ORVURLSessionTask::Kind::Download] {
             if (completion) {
                 completion(body, response, error);
@@ -488,7 +594,9 @@ struct ORVURLSessionEngine {
     ORVURLSessionEngine(const ORVURLSessionEngine &) = delete;
     ORVURLSessionEngine &operator=(const ORVURLSessionEngine &) = delete;
 
+    // Requests that may use the cache, and those that may not (see mayUseCache()).
     QNetworkAccessManager manager;
+    QNetworkAccessManager uncachedManager;
     std::unique_ptr<QTemporaryDir> cacheFolder;
     orv::detail::ORVURLCache *cache = nullptr;
     QHash<QUrl, int> cachedFetchesInFlight;
@@ -604,7 +712,7 @@ void ORVURLSessionTask::resume()
     }
     auto self = shared_from_this();
     orv::detail::postToNetworkThread([session, self] {
-        ORVURLSessionEngine::of(*session).start(session, self, ORVURLSessionEngine::Transfer{session, self, {}, {}});
+        ORVURLSessionEngine::of(*session).start(session, self, ORVURLSessionEngine::Transfer{session, self, {}, {}, 0, false, {}});
     });
 }
 
@@ -626,7 +734,7 @@ void ORVURLSessionTask::cancel()
     orv::detail::postToNetworkThread([session, self, neverStarted] {
         ORVURLSessionEngine &engine = ORVURLSessionEngine::of(*session);
         if (neverStarted) // completes at once with the cancellation error
-            engine.start(session, self, ORVURLSessionEngine::Transfer{session, self, {}, {}});
+            engine.start(session, self, ORVURLSessionEngine::Transfer{session, self, {}, {}, 0, false, {}});
         else
             engine.cancel(self.get());
     });

@@ -1,6 +1,7 @@
 #include "AccountServerFixture.h"
 
 #include <OrvellaKit/ORVOrvellaURLSession.h>
+#include <OrvellaKit/ORVStandardPaths.h>
 
 #include <QDir>
 #include <QTcpServer>
@@ -95,14 +96,13 @@ TEST_F(URLSessionTest, ConnectionResetWithoutAReply)
     EXPECT_TRUE(manager->activeTasks().empty());
 }
 
-// The transport streams a download into the temporary folder and the
+// The transport streams a download into the private temporary folder and the
 // session then moves it to a name of its own. When the streamed file has
 // vanished by then, the move fails and its error reaches the handler.
 TEST_F(URLSessionTest, DownloadMoveFailureIsDelivered)
 {
-    const QString tmp = home.filePath("tmp");
-    ASSERT_TRUE(QDir().mkpath(tmp));
-    qputenv("TMPDIR", tmp.toUtf8());
+    const QString tmp = ORVPrivateTemporaryDirectory();
+    ASSERT_TRUE(tmp.startsWith(home.path()));
     server.script("GET", "/slow-download", {ScriptedResponse{200, "payload", "text/plain", {}, 400ms, "", -1}});
 
     std::atomic<int> calls = 0;
