@@ -97,6 +97,10 @@ private:
                                     const std::optional<ORVHTTPURLResponse> &response);
     void deliver(const std::shared_ptr<ORVOrvellaRequest> &request, std::shared_ptr<ORVOrvellaData> data,
                  const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
+    // Ends a task that cannot be sent: out of the active set, one call.
+    void failTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const ORVError &error);
+    static void handDroppedResult(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const QByteArray &data,
+                                  const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
 
     std::shared_ptr<ORVOrvellaURLSession> _foregroundSession;
     std::shared_ptr<ORVOrvellaURLSession> _backgroundSession;

@@ -24,7 +24,9 @@
 #include <QJsonObject>
 #include <QJsonValue>
 
+#include <atomic>
 #include <mutex>
+#include <optional>
 
 extern const QString ORVOrvellaTokenManagerSavedIdentifierForVendorDefaultKey; // "savedIdentifierForVendor"
 // Key of the last sign-in kind in the ubiquitous key-value store.
@@ -37,6 +39,10 @@ extern const QString ORVOrvellaAccountKeyUbiquitousKeyPrefix; // "OrvellaAccount
 // The user-facing sentence telling that an account of this kind exists
 // ("You already have a Orvella account using ..."); "" for other kinds.
 QString ORVOrvellaAccountAlreadyHaveAccountStringForType(ORVOrvellaAccountType type);
+
+// The token fetch could not run: a hook of the application's subclass threw
+// (its reason is in the error's description). Token domain.
+constexpr qint64 ORVOrvellaTokenManagerTokenFetchFailedErrorCode = 2;
 
 // A user name and password pair kept for the session only.
 struct ORVURLCredential {
@@ -106,6 +112,11 @@ public:
     // Forgets the account's token, expiry, error and fetch flag and deletes
     // its stored token.
     void resetTokensForAccountWithIdentifier(const QString &identifier);
+
+    // How long one token fetch may take in all, in seconds (default 60, the
+    // fetch request's own time-out).
+    double tokenFetchTimeout() const;
+    void setTokenFetchTimeout(double seconds);
 
     const ORVISO8601DateFormatter &dateFormatter() const;
 
@@ -199,21 +210,41 @@ private:
                       const SignInCompletion &completion);
     QJsonArray signInScope() const;
 
+    struct TokenFetch;
     // The token fetch: true when it finished at once.
     bool fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
                     const std::weak_ptr<ORVOrvellaNetworkTask> &task,
-                    const std::shared_ptr<ORVOrvellaAccount> &account);
+                    const std::shared_ptr<ORVOrvellaAccount> &account, quint64 generation);
+    void endFetch(const std::shared_ptr<TokenFetch> &fetch, const QByteArray &data,
+                  const std::optional<ORVHTTPURLResponse> &response, const ORVError &error, bool timedOut = false);
+    // A fetch's reply is kept only while its account's generation is the one
+    // it started in (nothing means: keep it).
+    void handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account,
+                             const std::shared_ptr<ORVOrvellaRequest> &request,
+                             const std::optional<ORVHTTPURLResponse> &response, const QByteArray &data,
+                             const ORVError &error, std::optional<quint64> generation);
+    void storeFetchResult(const QString &identifier, quint64 generation, const QString &token, const ORVError &error);
+    void storeTokenInCache(const QString &identifier, const QString &token, const ORVError &error);
+    void storeLocked(const QString &identifier, const QString &token, const ORVError &error);
+    bool isCurrentGeneration(const QString &identifier, quint64 generation) const;
+    // The subclass's stored-token hooks; what they throw is logged, not passed on.
+    QString storedTokenOrNull(const QString &identifier);
+    void storeTokenOrLog(const QString &token, const QString &identifier);
 
     // Guarded by _tokensLock, in this order of declaration.
     QHash<QString, QString> _tokens;
     QHash<QString, QDateTime> _tokenExpirations; // a null date: no readable expiry
     QHash<QString, ORVError> _errors;
     QHash<QString, bool> _hasActiveTokenRequest;
+    // Bumped by a reset and by a sign-in: a fetch or a waiting caller of an
+    // older generation belongs to a session that has ended.
+    QHash<QString, quint64> _generations;
     mutable std::mutex _tokensLock;
     std::shared_ptr<ORVOperationQueue> _tokenRequestQueue;
 
     mutable std::mutex _networkManagerLock;
     std::shared_ptr<ORVOrvellaNetworkManager> _networkManager;
+    std::atomic<double> _tokenFetchTimeout = 60.0;
 };
 
 // Registers the process's one token manager and makes it the shared network

@@ -149,6 +149,16 @@ void ORVOrvellaTokenManager::setNetworkManager(const std::shared_ptr<ORVOrvellaN
     _networkManager = manager;
 }
 
+double ORVOrvellaTokenManager::tokenFetchTimeout() const
+{
+    return _tokenFetchTimeout.load();
+}
+
+void ORVOrvellaTokenManager::setTokenFetchTimeout(double seconds)
+{
+    _tokenFetchTimeout.store(seconds);
+}
+
 // --- device -------------------------------------------------------------------
 
 QString ORVOrvellaTokenManager::deviceName() const
@@ -218,8 +228,11 @@ void ORVOrvellaTokenManager::requestTokenForAccount(const std::shared_ptr<ORVOrv
         std::lock_guard lock(_tokensLock);
         QString token = _tokens.value(id);
         const bool active = _hasActiveTokenRequest.value(id, false);
+        // What this caller's answer belongs to: a reset (sign-out) or a new
+        // sign-in in between makes it an answer for nobody.
+        const quint64 generation = _generations.value(id);
         if (token.isNull() && !ignoreCache) {
-            const QString stored = orvellaTokenForAccountIdentifier(id);
+            const QString stored = storedTokenOrNull(id);
             if (!stored.isNull()) {
                 const auto expiry = expirationDateForToken(stored);
                 const double remaining =
@@ -228,7 +241,7 @@ void ORVOrvellaTokenManager::requestTokenForAccount(const std::shared_ptr<ORVOrv
                     token = stored;
                     _tokens.insert(id, stored);
                     _tokenExpirations.insert(id, *expiry);
-                    setOrvellaToken(stored, id);
+                    storeTokenOrLog(stored, id);
                 }
             }
         }
@@ -245,62 +258,99 @@ void ORVOrvellaTokenManager::requestTokenForAccount(const std::shared_ptr<ORVOrv
         if (!active && (token.isNull() || ignoreCache)) {
             std::weak_ptr<ORVOrvellaNetworkTask> weakTask = task;
             auto fetch = std::make_shared<ORVBlockOperation>();
-            fetch->setExecutionHandler([self, weakTask, account](const std::shared_ptr<ORVBlockOperation> &operation) {
-                return self->fetchToken(operation, weakTask, account);
-            });
+            fetch->setExecutionHandler(
+                [self, weakTask, account, generation](const std::shared_ptr<ORVBlockOperation> &operation) {
+                    return self->fetchToken(operation, weakTask, account, generation);
+                });
             _tokenRequestQueue->addOperation(fetch);
             _hasActiveTokenRequest.insert(id, true);
         }
-        _tokenRequestQueue->addOperation(ORVBlockOperation::blockOperationWithBlock([self, id, completion](const auto &) {
-            QString token;
-            ORVError error;
-            {
-                std::lock_guard lock(self->_tokensLock);
-                token = self->_tokens.value(id);
-                if (token.isNull())
-                    error = self->_errors.value(id);
-            }
-            ORVLogVerbose("Replying with cached Orvella token %d %@", !token.isNull(), error);
-            completion(token, error);
-        }));
+        _tokenRequestQueue->addOperation(
+            ORVBlockOperation::blockOperationWithBlock([self, id, generation, completion](const auto &) {
+                QString token;
+                ORVError error;
+                {
+                    std::lock_guard lock(self->_tokensLock);
+                    if (self->_generations.value(id) != generation) {
+                        // Asked for before a sign-out or a new sign-in: this
+                        // caller gets neither the old session's token nor the
+                        // new one's.
+                        error = tokenError(ORVOrvellaNetworkTaskCancelledErrorCode);
+                    } else {
+                        token = self->_tokens.value(id);
+                        if (token.isNull())
+                            error = self->_errors.value(id);
+                    }
+                }
+                ORVLogVerbose("Replying with cached Orvella token %d %@", !token.isNull(), error);
+                completion(token, error);
+            }));
     }
 }
 
+// One token fetch in flight. It ends exactly once, whichever comes first:
+// the reply, the result of an exchange the network manager dropped, or the
+// fetch's time bound.
+struct ORVOrvellaTokenManager::TokenFetch {
+    std::atomic<bool> ended = false;
+    std::shared_ptr<ORVOrvellaAccount> account;
+    quint64 generation = 0;
+    std::mutex lock; // guards the three below; they are released at the end
+    std::shared_ptr<ORVBlockOperation> operation;
+    // The fetch's own request (for the log) and its task (for the time bound).
+    std::shared_ptr<ORVOrvellaRequest> request;
+    std::shared_ptr<ORVOrvellaNetworkTask> networkTask;
+};
+
 bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
                                         const std::weak_ptr<ORVOrvellaNetworkTask> &weakTask,
-                                        const std::shared_ptr<ORVOrvellaAccount> &account)
+                                        const std::shared_ptr<ORVOrvellaAccount> &account, quint64 generation)
 {
     const QString id = account->identifier();
     ORVLogVerbose("Starting Orvella token request %@", id);
-    ORVURLRequest urlRequest(account->URLForServerEndpoint(ORVOrvellaServerEndpointAuthDevice));
-    urlRequest.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
-    urlRequest.setTimeoutInterval(60.0);
+    std::shared_ptr<ORVOrvellaSimpleRequest> request;
+    try {
+        ORVURLRequest urlRequest(account->URLForServerEndpoint(ORVOrvellaServerEndpointAuthDevice));
+        urlRequest.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
+        urlRequest.setTimeoutInterval(60.0);
 
-    const auto username = account->username();
-    const auto credential = username ? credentialForOrvellaAccount(account) : std::nullopt;
-    if (!credential) {
-        storeTokenForAccountIdentifier(
-            id, QString(), tokenError(5, {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Not logged in")}}));
+        const auto username = account->username();
+        const auto credential = username ? credentialForOrvellaAccount(account) : std::nullopt;
+        if (!credential) {
+            storeFetchResult(id, generation, QString(),
+                             tokenError(5, {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Not logged in")}}));
+            return true;
+        }
+        QJsonObject body{
+            {QStringLiteral("user"), credential->user},
+            {QStringLiteral("device_token"), credential->password},
+            {QStringLiteral("device_identifier"), deviceToken()},
+            {QStringLiteral("version"),
+             ORVBundle::mainBundle().objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString()},
+        };
+        body = dictionaryByAppendingDeviceInfo(body);
+        // A JSON object of strings always serialises; the failure branch of
+        // the platform's serialiser has no counterpart here.
+        urlRequest.setHTTPMethod(QStringLiteral("POST"));
+        urlRequest.setHTTPBody(QJsonDocument(body).toJson(QJsonDocument::Compact));
+        urlRequest.setValue(QStringLiteral("application/json"), QStringLiteral("Content-Type"));
+
+        request = ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest);
+        if (auto task = weakTask.lock(); task && task->request()) {
+            request->setShouldYieldHandler(task->request()->shouldYieldHandler());
+            request->setShouldResumeHandler(task->request()->shouldResumeHandler());
+        }
+    } catch (const std::exception &exception) {
+        // A hook of the application's subclass failed (a keyring that went
+        // away, a platform without a device token). Every caller waiting on
+        // this fetch hears of it, and the next request fetches again.
+        const QString reason = QString::fromUtf8(exception.what());
+        ORVLogError("Failed to start Orvella token request: %@ %@", id, reason);
+        storeFetchResult(id, generation, QString(),
+                         tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode,
+                                    {{ORVLocalizedDescriptionKey, reason},
+                                     {ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}}));
         return true;
-    }
-    QJsonObject body{
-        {QStringLiteral("user"), credential->user},
-        {QStringLiteral("device_token"), credential->password},
-        {QStringLiteral("device_identifier"), deviceToken()},
-        {QStringLiteral("version"),
-         ORVBundle::mainBundle().objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString()},
-    };
-    body = dictionaryByAppendingDeviceInfo(body);
-    // A JSON object of strings always serialises; the failure branch of the
-    // platform's serialiser has no counterpart here.
-    urlRequest.setHTTPMethod(QStringLiteral("POST"));
-    urlRequest.setHTTPBody(QJsonDocument(body).toJson(QJsonDocument::Compact));
-    urlRequest.setValue(QStringLiteral("application/json"), QStringLiteral("Content-Type"));
-
-    auto request = ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest);
-    if (auto task = weakTask.lock(); task && task->request()) {
-        request->setShouldYieldHandler(task->request()->shouldYieldHandler());
-        request->setShouldResumeHandler(task->request()->shouldResumeHandler());
     }
     request->setCategory(QStringLiteral("Orvella token refresh"));
     request->setMaskRequestLogging(true);
@@ -309,26 +359,76 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     request->setMaskResponseLogging(true);
     request->setPriority(kHighPriority);
 
-    auto self = shared_from_this();
-    auto started = std::make_shared<std::weak_ptr<ORVOrvellaNetworkTask>>();
-    // The handler must not hold the request it belongs to (a cycle); the
-    // request it reports is the network task's frozen copy.
-    request->setCompletionHandler([self, weakTask, started, account, operation](
-                                      const std::shared_ptr<ORVOrvellaData> &data,
-                                      const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
-        auto task = weakTask.lock();
-        auto networkTask = started->lock();
-        if (task && networkTask)
-            task->removeNestedTask(networkTask);
-        self->continueTokenRequestForAccount(account, networkTask ? networkTask->request() : nullptr, response,
-                                             data ? data->data() : QByteArray(), error);
-        operation->didFinishExecution();
+    auto fetch = std::make_shared<TokenFetch>();
+    fetch->account = account;
+    fetch->generation = generation;
+    fetch->operation = operation;
+    fetch->request = request;
+    std::weak_ptr<ORVOrvellaTokenManager> weakSelf = weak_from_this();
+    // The fetch is not nested into the task that asked first: the callers
+    // that wait for it share it, and one of them cancelling must not fail the
+    // others. Nor is it cut short when they all leave: the server may already
+    // have rotated the device token, and the reply is the only copy of the new one.
+    request->setCompletionHandler([weakSelf, fetch](const std::shared_ptr<ORVOrvellaData> &data,
+                                                    const std::optional<ORVHTTPURLResponse> &response,
+                                                    const ORVError &error) {
+        if (auto self = weakSelf.lock())
+            self->endFetch(fetch, data ? data->data() : QByteArray(), response, error);
     });
-    auto networkTask = networkManager()->startRequest(request);
-    *started = networkTask;
-    if (auto task = weakTask.lock(); task && networkTask)
-        task->addNestedTask(networkTask);
+    auto networkTask = ORVOrvellaNetworkTask::taskWithRequest(request);
+    networkTask->setDroppedResultHandler(
+        [weakSelf, fetch](const QByteArray &data, const std::optional<ORVHTTPURLResponse> &response,
+                          const ORVError &error) {
+            if (auto self = weakSelf.lock())
+                self->endFetch(fetch, data, response, error);
+        });
+    {
+        std::lock_guard lock(fetch->lock);
+        fetch->networkTask = networkTask;
+    }
+    const auto bound = std::chrono::milliseconds(static_cast<qint64>(std::max(0.0, tokenFetchTimeout()) * 1000.0));
+    ORVDispatchQueue::globalQueue()->after(bound, [weakSelf, fetch] {
+        if (fetch->ended.load())
+            return;
+        if (auto self = weakSelf.lock()) {
+            const ORVError timedOut(ORVURLErrorDomain, ORVURLErrorTimedOut,
+                                    {{ORVLocalizedDescriptionKey, QStringLiteral("The token request timed out")}});
+            self->endFetch(fetch, QByteArray(), std::nullopt, timedOut, true);
+        }
+    });
+    try {
+        networkManager()->startTask(networkTask);
+    } catch (const std::exception &exception) {
+        // The network manager reported a programming error (the account's
+        // endpoint has no URL); the task has ended with its error already.
+        ORVLogError("Failed to start Orvella token request: %@ %@", id, QString::fromUtf8(exception.what()));
+    }
     return false;
+}
+
+void ORVOrvellaTokenManager::endFetch(const std::shared_ptr<TokenFetch> &fetch, const QByteArray &data,
+                                      const std::optional<ORVHTTPURLResponse> &response, const ORVError &error,
+                                      bool timedOut)
+{
+    if (fetch->ended.exchange(true))
+        return;
+    std::shared_ptr<ORVBlockOperation> operation;
+    std::shared_ptr<ORVOrvellaRequest> request;
+    std::shared_ptr<ORVOrvellaNetworkTask> networkTask;
+    {
+        std::lock_guard lock(fetch->lock);
+        operation = std::exchange(fetch->operation, nullptr);
+        request = std::exchange(fetch->request, nullptr);
+        networkTask = std::exchange(fetch->networkTask, nullptr);
+    }
+    if (timedOut && networkTask) {
+        // Past its bound the exchange is given up; its late end is ignored.
+        ORVLogError("Orvella token request timed out %@", fetch->account->identifier());
+        networkManager()->cancelTasksWithIdentifiers({networkTask->request()->identifier()});
+    }
+    handleTokenResponse(fetch->account, request, response, data, error, fetch->generation);
+    if (operation)
+        operation->didFinishExecution();
 }
 
 void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_ptr<ORVOrvellaAccount> &account,
@@ -336,9 +436,25 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
                                                             const std::optional<ORVHTTPURLResponse> &response,
                                                             const QByteArray &data, const ORVError &transportError)
 {
+    handleTokenResponse(account, request, response, data, transportError, std::nullopt);
+}
+
+void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account,
+                                                 const std::shared_ptr<ORVOrvellaRequest> &request,
+                                                 const std::optional<ORVHTTPURLResponse> &response,
+                                                 const QByteArray &data, const ORVError &transportError,
+                                                 std::optional<quint64> generation)
+{
     ORVLogVerbose("Orvella token response: %@ %@ %@", request ? QVariant(request->identifier()) : QVariant(),
                   response ? QVariant(QStringLiteral("HTTP %1").arg(response->statusCode())) : QVariant(),
                   transportError);
+    const QString id = account->identifier();
+    if (generation && !isCurrentGeneration(id, *generation)) {
+        // Signed out (or in anew) while the fetch was on its way: its reply,
+        // token and rotated device credential alike, belongs to nobody.
+        ORVLogInfo("Discarding Orvella token response for a reset account %@", id);
+        return;
+    }
     const int status = response ? response->statusCode() : 0;
     QString token;
     ORVError error;
@@ -383,13 +499,21 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
             // The server rotates the device token with each grant.
             if (auto current = ORVFetchOrvellaAccount()) {
                 const ORVURLCredential credential{current->username().value_or(QString()), *deviceToken};
-                updateKeychainWithAccountCredential(credential, current);
-                setAccountCredential(credential, current);
-                ORVLogVerbose("Updated Orvella token in Keychain %@", current->identifier());
+                try {
+                    updateKeychainWithAccountCredential(credential, current);
+                    setAccountCredential(credential, current);
+                    ORVLogVerbose("Updated Orvella token in Keychain %@", current->identifier());
+                } catch (const std::exception &exception) {
+                    ORVLogError("Failed to keep the rotated Orvella device token %@ %@", current->identifier(),
+                                QString::fromUtf8(exception.what()));
+                }
             }
         }
     }
-    storeTokenForAccountIdentifier(account->identifier(), token, error);
+    if (generation)
+        storeFetchResult(id, *generation, token, error);
+    else
+        storeTokenInCache(id, token, error);
     if (error)
         ORVLogError("Finished Orvella token update %@ %d %@", account->identifier(), !token.isNull(), error);
     else
@@ -399,7 +523,35 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
 void ORVOrvellaTokenManager::storeTokenForAccountIdentifier(const QString &id, const QString &token,
                                                             const ORVError &error)
 {
+    {
+        // A new sign-in supersedes fetches of the session before it.
+        std::lock_guard lock(_tokensLock);
+        ++_generations[id];
+    }
+    storeTokenInCache(id, token, error);
+}
+
+void ORVOrvellaTokenManager::storeFetchResult(const QString &id, quint64 generation, const QString &token,
+                                              const ORVError &error)
+{
     std::lock_guard lock(_tokensLock);
+    if (_generations.value(id) != generation) {
+        // The account was reset meanwhile: its fetch flag is no longer this
+        // fetch's, and nothing of it may come back.
+        ORVLogInfo("Discarding Orvella token response for a reset account %@", id);
+        return;
+    }
+    storeLocked(id, token, error);
+}
+
+void ORVOrvellaTokenManager::storeTokenInCache(const QString &id, const QString &token, const ORVError &error)
+{
+    std::lock_guard lock(_tokensLock);
+    storeLocked(id, token, error);
+}
+
+void ORVOrvellaTokenManager::storeLocked(const QString &id, const QString &token, const ORVError &error)
+{
     if (token.isNull()) {
         _tokens.remove(id);
         _tokenExpirations.remove(id);
@@ -412,7 +564,33 @@ void ORVOrvellaTokenManager::storeTokenForAccountIdentifier(const QString &id, c
     else
         _errors.remove(id);
     _hasActiveTokenRequest.remove(id);
-    setOrvellaToken(token, id);
+    storeTokenOrLog(token, id);
+}
+
+bool ORVOrvellaTokenManager::isCurrentGeneration(const QString &id, quint64 generation) const
+{
+    std::lock_guard lock(_tokensLock);
+    return _generations.value(id) == generation;
+}
+
+QString ORVOrvellaTokenManager::storedTokenOrNull(const QString &id)
+{
+    try {
+        return orvellaTokenForAccountIdentifier(id);
+    } catch (const std::exception &exception) {
+        ORVLogError("Failed to read the stored Orvella token %@ %@", id, QString::fromUtf8(exception.what()));
+        return QString();
+    }
+}
+
+void ORVOrvellaTokenManager::storeTokenOrLog(const QString &token, const QString &id)
+{
+    // The cache in memory is right either way; only the stored copy is lost.
+    try {
+        setOrvellaToken(token, id);
+    } catch (const std::exception &exception) {
+        ORVLogError("Failed to store the Orvella token %@ %@", id, QString::fromUtf8(exception.what()));
+    }
 }
 
 std::optional<QDateTime> ORVOrvellaTokenManager::expirationDateForToken(const QString &token) const
@@ -439,5 +617,8 @@ void ORVOrvellaTokenManager::resetTokensForAccountWithIdentifier(const QString &
     _tokenExpirations.remove(identifier);
     _errors.remove(identifier);
     _hasActiveTokenRequest.remove(identifier);
-    setOrvellaToken(QString(), identifier);
+    // A fetch still on its way, and the callers waiting for it, now belong
+    // to a session that has ended.
+    ++_generations[identifier];
+    storeTokenOrLog(QString(), identifier);
 }

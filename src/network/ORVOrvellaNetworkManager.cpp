@@ -44,6 +44,26 @@ QByteArray readWholeFile(const QUrl &url)
     QByteArray bytes = file.readAll();
     return bytes.isNull() ? QByteArray("", 0) : bytes;
 }
+
+// A downloaded file that no caller will ever see goes at once.
+void removeDownload(const QUrl &url)
+{
+    if (url.isLocalFile())
+        QFile::remove(url.toLocalFile());
+}
+
+ORVError invalidSessionError(const QUrl &url)
+{
+    return ORVError(ORVURLErrorDomain, ORVURLErrorUnknown,
+                    {{ORVLocalizedDescriptionKey, QStringLiteral("The URL session is no longer valid")},
+                     {QStringLiteral("NSErrorFailingURLStringKey"), url.toString()}});
+}
+
+ORVError badURLError()
+{
+    return ORVError(ORVURLErrorDomain, ORVURLErrorBadURL,
+                    {{ORVLocalizedDescriptionKey, QStringLiteral("The request has no URL")}});
+}
 } // namespace
 
 ORVOrvellaTokenProviding::~ORVOrvellaTokenProviding() = default;
@@ -117,10 +137,28 @@ std::shared_ptr<ORVOrvellaNetworkTask> ORVOrvellaNetworkManager::startRequest(co
     return task;
 }
 
-// A. Registers the task and gets a token when the request needs one.
+// Registers the task and asks for a token when the request needs one.
 void ORVOrvellaNetworkManager::startTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task)
 {
     const auto &request = task->request();
+    // A request that cannot be sent is a programming error of the caller's:
+    // it is reported on the caller's thread, and the task still ends.
+    const bool background = request->useBackgroundSession();
+    const auto &session = background ? _backgroundSession : _foregroundSession;
+    const bool hasURL = !request->originalRequest().URL().isEmpty();
+    if (!hasURL || !session->isValid()) {
+        const ORVError error = hasURL ? invalidSessionError(request->originalRequest().URL()) : badURLError();
+        failTask(task, error);
+        // A retry is the manager's own doing, not the caller's mistake.
+        if (request->retryCount() == 0) {
+            const char *method = background ? "downloadTaskWithURLRequest:completionHandler:"
+                                            : "dataTaskWithURLRequest:completionHandler:";
+            ORVMethodParameterAssert(hasURL, "urlRequest != nil", method, "ORVOrvellaURLSession", "ORVOrvellaURLSession");
+            if (hasURL)
+                ORVMethodParameterAssert(false, "_isValid", method, "ORVOrvellaURLSession", "ORVOrvellaURLSession");
+        }
+        return;
+    }
     {
         std::lock_guard lock(_queue);
         if (!contains(_activeTasks, task))
@@ -130,28 +168,63 @@ void ORVOrvellaNetworkManager::startTask(const std::shared_ptr<ORVOrvellaNetwork
     if (!request->canStartWithoutToken()) {
         ORVLogInfo("Orvella Networking: Requesting token %@", request->identifier());
         std::weak_ptr<ORVOrvellaNetworkManager> weakSelf = weak_from_this();
-        tokenProvider()->requestTokenForAccount(account, task, request->retryCount() != 0,
-                                                [weakSelf, task](const QString &token, const ORVError &error) {
-                                                    if (auto self = weakSelf.lock())
-                                                        self->continueTask(task, token, error);
-                                                });
+        // A provider is asked to answer once; a second answer is ignored, so
+        // that a request is never sent (or failed) twice.
+        auto answered = std::make_shared<std::atomic<bool>>(false);
+        tokenProvider()->requestTokenForAccount(
+            account, task, request->retryCount() != 0,
+            [weakSelf, task, answered](const QString &token, const ORVError &error) {
+                if (answered->exchange(true)) {
+                    ORVLogError("Orvella Networking: Token provider answered twice for request %@",
+                                task->request()->identifier());
+                    return;
+                }
+                if (auto self = weakSelf.lock())
+                    self->continueTask(task, token, error);
+            });
     } else {
         continueTask(task, QString(), ORVError());
     }
 }
 
-// B. Attaches the token and hands the request to a session.
+void ORVOrvellaNetworkManager::failTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const ORVError &error)
+{
+    const auto request = task->request();
+    ORVLogError("Orvella Networking: Cannot start request %@ %@", request->identifier(), error);
+    {
+        std::lock_guard lock(_queue);
+        std::erase_if(_activeTasks, [&](const auto &t) { return t->isEqual(*task); });
+    }
+    if (!request->category().isNull())
+        logCommand(request, QByteArray(), std::nullopt, error);
+    deliver(request, nullptr, std::nullopt, error);
+}
+
+// Attaches the token and hands the request to a session.
 void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const QString &token,
                                             const ORVError &tokenError)
 {
     const auto request = task->request();
+    // Cancelled while it waited for its token: its handler has had its one
+    // call, and the request is never sent.
+    if (task->isCancelled()) {
+        ORVLogInfo("Orvella Networking: Token for already cancelled request %@", request->identifier());
+        return;
+    }
     if (token.isNull() && !request->canStartWithoutToken()) {
         ORVLogError("Orvella Networking: tokenError %@ %@", request->identifier(), tokenError);
         if (!request->category().isNull())
             logCommand(request, QByteArray(), std::nullopt, tokenError);
+        bool wasActive = false;
         {
             std::lock_guard lock(_queue);
+            wasActive = contains(_activeTasks, task);
             std::erase_if(_activeTasks, [&](const auto &t) { return t->isEqual(*task); });
+        }
+        // A task that left the active set is not delivered to any more.
+        if (!wasActive) {
+            logAlreadyCancelled(request, std::nullopt);
+            return;
         }
         ORVDispatchQueue::mainQueue()->async([request, tokenError] {
             if (auto handler = request->completionHandler()) {
@@ -168,54 +241,79 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
         urlRequest.setValue(QStringLiteral("Bearer ") + token, QStringLiteral("Authorization"));
 
     const bool background = request->useBackgroundSession();
+    const auto &session = background ? _backgroundSession : _foregroundSession;
+    if (!session->isValid()) {
+        // Invalidated while the token was fetched: nobody's mistake to assert.
+        failTask(task, invalidSessionError(urlRequest.URL()));
+        return;
+    }
     std::shared_ptr<ORVURLSessionTask> urlTask;
     std::weak_ptr<ORVOrvellaNetworkManager> weakSelf = weak_from_this();
-    if (!background) {
-        auto coordinator = ORVCoordinator::platformCoordinator();
-        auto activity = std::make_shared<ORVBackgroundTaskToken>();
-        // The expiration handler is part of the contract even though the
-        // coordinator here never calls it.
-        *activity = coordinator->beginBackgroundTaskWithName(QStringLiteral("Orvella request"), [coordinator, activity] {
-            ORVLogError("Orvella Networking: %@ background task expired",
-                        "-[ORVOrvellaNetworkManager continueTask:token:tokenError:]_block_invoke");
-            coordinator->endBackgroundTask(*activity);
-        });
-        urlTask = _foregroundSession->dataTaskWithURLRequest(
-            urlRequest, [weakSelf, task, coordinator, activity](const QByteArray &data,
-                                                                const std::optional<ORVHTTPURLResponse> &response,
-                                                                const ORVError &error) {
-                if (auto self = weakSelf.lock())
-                    self->finishTask(task, response, data, error);
+    // Set once the URL task carries this task: a URL task that never did
+    // (the task was cancelled first) ends unheard.
+    auto attached = std::make_shared<std::atomic<bool>>(false);
+    std::shared_ptr<ORVPlatformCoordinator> coordinator;
+    std::shared_ptr<ORVBackgroundTaskToken> activity;
+    try {
+        if (!background) {
+            coordinator = ORVCoordinator::platformCoordinator();
+            activity = std::make_shared<ORVBackgroundTaskToken>();
+            // The expiration handler is part of the contract even though the
+            // coordinator here never calls it.
+            *activity = coordinator->beginBackgroundTaskWithName(QStringLiteral("Orvella request"), [coordinator, activity] {
+                ORVLogError("Orvella Networking: %@ background task expired",
+                            "-[ORVOrvellaNetworkManager continueTask:token:tokenError:]_block_invoke");
                 coordinator->endBackgroundTask(*activity);
             });
-        if (!urlTask)
+            urlTask = _foregroundSession->dataTaskWithURLRequest(
+                urlRequest, [weakSelf, task, coordinator, activity, attached](
+                                const QByteArray &data, const std::optional<ORVHTTPURLResponse> &response,
+                                const ORVError &error) {
+                    if (attached->load())
+                        if (auto self = weakSelf.lock())
+                            self->finishTask(task, response, data, error);
+                    coordinator->endBackgroundTask(*activity);
+                });
+        } else {
+            if (!request->category().isNull())
+                logCommand(request, ORVStringWithFormat("Starting Request %@", request->identifier()).toUtf8(),
+                           std::nullopt, ORVError());
+            task->yield();
+            // Which URL task this completion belongs to, by identity.
+            auto carrier = std::make_shared<const ORVURLSessionTask *>(nullptr);
+            urlTask = _backgroundSession->downloadTaskWithURLRequest(
+                urlRequest, [weakSelf, task, carrier, attached](const QUrl &url,
+                                                                const std::optional<ORVHTTPURLResponse> &response,
+                                                                const ORVError &error) {
+                    auto self = weakSelf.lock();
+                    // Here a download cancelled by rescheduling still ends in
+                    // this process; its network task no longer carries it, and
+                    // the new task (equal to the old one) must not take its result.
+                    if (!self || !attached->load() || task->currentURLTask().get() != *carrier) {
+                        if (attached->load())
+                            logAlreadyCancelled(task->request(), response);
+                        removeDownload(url);
+                        return;
+                    }
+                    self->finishTaskWithDownload(task, response, url, error);
+                });
+            *carrier = urlTask.get();
+        }
+    } catch (const ORVException &exception) {
+        // The session's own assertion, here on a thread that is not the
+        // caller's: the task ends with an error instead of staying active.
+        if (activity)
             coordinator->endBackgroundTask(*activity);
-    } else {
-        if (!request->category().isNull())
-            logCommand(request, ORVStringWithFormat("Starting Request %@", request->identifier()).toUtf8(),
-                       std::nullopt, ORVError());
-        task->yield();
-        // Which URL task this completion belongs to, by identity.
-        auto carrier = std::make_shared<const ORVURLSessionTask *>(nullptr);
-        urlTask = _backgroundSession->downloadTaskWithURLRequest(
-            urlRequest, [weakSelf, task, carrier](const QUrl &url, const std::optional<ORVHTTPURLResponse> &response,
-                                                  const ORVError &error) {
-                auto self = weakSelf.lock();
-                if (!self)
-                    return;
-                // Here a download cancelled by rescheduling still ends in this
-                // process; its network task no longer carries it, and the
-                // new task (equal to the old one) must not take its result.
-                if (task->currentURLTask().get() != *carrier) {
-                    logAlreadyCancelled(task->request(), response);
-                    return;
-                }
-                self->finishTaskWithDownload(task, response, url, error);
-            });
-        *carrier = urlTask.get();
+        failTask(task, invalidSessionError(urlRequest.URL()));
+        ORVLogError("Orvella Networking: %@", exception.reason());
+        return;
     }
-    if (!urlTask)
-        return; // the session's assertion reported why
+    if (!urlTask) {
+        if (activity)
+            coordinator->endBackgroundTask(*activity);
+        failTask(task, invalidSessionError(urlRequest.URL()));
+        return;
+    }
 
     if (request->countOfBytesClientExpectsToReceive() != 0)
         urlTask->setCountOfBytesClientExpectsToReceive(static_cast<qint64>(request->countOfBytesClientExpectsToReceive()));
@@ -225,12 +323,17 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
     if (priority >= 0.0f && priority <= 1.0f)
         urlTask->setPriority(priority);
     urlTask->setTaskDescription(ORVUUIDString(request->identifier()));
-    task->updateCurrentURLTask(urlTask, background);
+    if (!task->attachURLTaskUnlessCancelled(urlTask, background)) {
+        // Cancelled between the check above and now: nothing is sent.
+        ORVLogInfo("Orvella Networking: Token for already cancelled request %@", request->identifier());
+        urlTask->cancel();
+        return;
+    }
+    attached->store(true);
     ORVLogInfo("Orvella Networking: Starting request %@ %d", request->identifier(), background ? 1 : 0);
     urlTask->resume();
 }
 
-// D.
 bool ORVOrvellaNetworkManager::shouldRetryRequest(const std::shared_ptr<ORVOrvellaRequest> &request,
                                                   const std::optional<ORVHTTPURLResponse> &response, ORVError *error)
 {
@@ -248,8 +351,10 @@ void ORVOrvellaNetworkManager::logAlreadyCancelled(const std::shared_ptr<ORVOrve
                request->originalRequest().URL(), response ? QVariant(response->statusCode()) : QVariant());
 }
 
-// C.3 and C.4: whether the task was still active (it is removed unless it
-// is retried); a task cancelled meanwhile is only logged.
+// Whether the task was still active (it is removed unless it is retried). A
+// task cancelled meanwhile is only logged: its handler had its call. One
+// that was dropped without being cancelled hands its result to whoever
+// asked for it with setDroppedResultHandler().
 bool ORVOrvellaNetworkManager::stillActive(const std::shared_ptr<ORVOrvellaNetworkTask> &task,
                                            const std::optional<ORVHTTPURLResponse> &response, bool retry)
 {
@@ -265,6 +370,17 @@ bool ORVOrvellaNetworkManager::stillActive(const std::shared_ptr<ORVOrvellaNetwo
     return wasActive;
 }
 
+void ORVOrvellaNetworkManager::handDroppedResult(const std::shared_ptr<ORVOrvellaNetworkTask> &task,
+                                                 const QByteArray &data,
+                                                 const std::optional<ORVHTTPURLResponse> &response,
+                                                 const ORVError &error)
+{
+    if (task->isCancelled())
+        return;
+    if (auto handler = task->takeDroppedResultHandler())
+        ORVDispatchQueue::mainQueue()->async([handler, data, response, error] { handler(data, response, error); });
+}
+
 void ORVOrvellaNetworkManager::deliver(const std::shared_ptr<ORVOrvellaRequest> &request,
                                        std::shared_ptr<ORVOrvellaData> data,
                                        const std::optional<ORVHTTPURLResponse> &response, const ORVError &error)
@@ -276,7 +392,7 @@ void ORVOrvellaNetworkManager::deliver(const std::shared_ptr<ORVOrvellaRequest> 
     ORVDispatchQueue::mainQueue()->async([handler, data, response, error] { handler(data, response, error); });
 }
 
-// C, foreground.
+// Finishing an exchange of the foreground session.
 void ORVOrvellaNetworkManager::finishTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task,
                                           const std::optional<ORVHTTPURLResponse> &response, const QByteArray &data,
                                           ORVError error)
@@ -284,9 +400,12 @@ void ORVOrvellaNetworkManager::finishTask(const std::shared_ptr<ORVOrvellaNetwor
     const auto request = task->request();
     ORVLogInfo("Finish request: %@ %@ %@ %@", request->identifier(), request->originalRequest().URL(),
                response ? QVariant(response->statusCode()) : QVariant(), error);
+    const ORVError transportError = error;
     const bool retry = shouldRetryRequest(request, response, &error);
-    if (!stillActive(task, response, retry))
+    if (!stillActive(task, response, retry)) {
+        handDroppedResult(task, data, response, transportError);
         return;
+    }
     if (retry) {
         ORVLogError("Retrying request due to error: %@ %@", request->identifier(), error);
         request->incrementRetryCount();
@@ -303,7 +422,7 @@ void ORVOrvellaNetworkManager::finishTask(const std::shared_ptr<ORVOrvellaNetwor
         deliver(request, data.isNull() ? nullptr : std::make_shared<ORVOrvellaData>(data), response, error);
 }
 
-// C, background.
+// Finishing an exchange of the background session (a download).
 void ORVOrvellaNetworkManager::finishTaskWithDownload(const std::shared_ptr<ORVOrvellaNetworkTask> &task,
                                                       const std::optional<ORVHTTPURLResponse> &response,
                                                       const QUrl &dataURL, ORVError error)
@@ -312,13 +431,18 @@ void ORVOrvellaNetworkManager::finishTaskWithDownload(const std::shared_ptr<ORVO
     ORVLogInfo("Orvella Networking: Finish request %@ %@ %d %@ %@", request->identifier(),
                request->originalRequest().URL(), request->useBackgroundSession() ? 1 : 0,
                response ? QVariant(response->statusCode()) : QVariant(), error);
+    const ORVError transportError = error;
     const bool retry = shouldRetryRequest(request, response, &error);
-    if (!stillActive(task, response, retry))
+    if (!stillActive(task, response, retry)) {
+        handDroppedResult(task, readWholeFile(dataURL), response, transportError);
+        removeDownload(dataURL);
         return;
+    }
     task->resume();
     task->clearCurrentURLTask();
     if (retry) {
         ORVLogError("Orvella Networking: Retrying request due to error: %@ %@", request->identifier(), error);
+        removeDownload(dataURL);
         request->incrementRetryCount();
         startTask(task);
         return;
@@ -326,12 +450,17 @@ void ORVOrvellaNetworkManager::finishTaskWithDownload(const std::shared_ptr<ORVO
     if (!request->category().isNull() && !request->skipResponseLogging())
         logCommand(request, request->maskResponseLogging() ? QByteArray("Masked Content") : readWholeFile(dataURL),
                    response, error);
-    if (isAccountRequest(*request)) {
+    // An account request's handler receives the file itself and owns it;
+    // every other file has no reader once this returns.
+    if (isAccountRequest(*request) && request->completionHandler()) {
         deliver(request, dataURL.isEmpty() ? nullptr : std::make_shared<ORVOrvellaData>(dataURL), response, error);
-    } else if (isSimpleRequest(*request)) {
+        return;
+    }
+    if (isSimpleRequest(*request)) {
         const QByteArray bytes = readWholeFile(dataURL);
         deliver(request, bytes.isNull() ? nullptr : std::make_shared<ORVOrvellaData>(bytes), response, error);
     }
+    removeDownload(dataURL);
 }
 
 void ORVOrvellaNetworkManager::cancelActiveTasks()

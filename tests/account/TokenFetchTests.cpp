@@ -1,0 +1,228 @@
+// The token fetch against the reference server when things go wrong around
+// it: callers that cancel, hooks that throw, a fetch that is dropped or
+// never answered, and a sign-out while the fetch is on its way.
+
+#include "TokenManagerFixture.h"
+
+#include <OrvellaKit/ORVException.h>
+
+using namespace orv::test;
+using orv::server::ScriptedResponse;
+
+namespace {
+
+ScriptedResponse tokenReply(const QString &token, std::chrono::milliseconds delay, const QString &deviceToken = {})
+{
+    std::string body = R"({"status":"ok","token":")" + token.toStdString() + "\"";
+    if (!deviceToken.isEmpty())
+        body += R"(,"device_token":")" + deviceToken.toStdString() + "\"";
+    return ScriptedResponse{200, body + "}", "application/json", {}, delay};
+}
+
+QJsonObject echoed(const Delivery &delivery)
+{
+    return QJsonDocument::fromJson(delivery.body()).object();
+}
+
+std::shared_ptr<ORVOrvellaAccountRequest> echoRequest(const QUrl &url, Delivery &delivery)
+{
+    auto request = ORVOrvellaAccountRequest::requestWithURLRequest(ORVURLRequest(url));
+    request->setCompletionHandler(delivery.handler());
+    return request;
+}
+
+} // namespace
+
+class TokenFetchTest : public TokenManagerTest {
+protected:
+    QUrl echo() const { return url("/v1/echo/"); }
+};
+
+// Cancelled while its token is on the way, a request gets one call, code
+// 16, and is never sent: not when the token arrives, not when the fetch fails.
+TEST_F(TokenFetchTest, ARequestCancelledWhileItWaitsForItsTokenIsNeverSent)
+{
+    struct Case {
+        const char *name;
+        ScriptedResponse tokenAnswer;
+    };
+    const std::vector<Case> cases = {
+        {"token arrives", tokenReply(makeToken(3600), 300ms)},
+        {"fetch fails", ScriptedResponse{500, R"({"code":"down"})", "application/json", {}, 300ms}},
+    };
+    for (const Case &c : cases) {
+        for (const bool all : {false, true}) {
+            tokens->resetTokensForAccountWithIdentifier(QStringLiteral("account-1"));
+            server.script("POST", "/v1/auth/device/", {c.tokenAnswer});
+            Delivery delivery;
+            auto request = echoRequest(echo(), delivery);
+            manager->startRequest(request);
+            if (all)
+                manager->cancelActiveTasks();
+            else
+                manager->cancelTasksWithIdentifiers({request->identifier()});
+            ASSERT_TRUE(delivery.waitForCall()) << c.name;
+            spinFor(600ms); // the fetch ends meanwhile
+            EXPECT_EQ(delivery.calls.load(), 1) << c.name << " all " << all;
+            EXPECT_EQ(delivery.error.domain(), ORVOrvellaTokenManagerErrorDomain) << c.name;
+            EXPECT_EQ(delivery.error.code(), 16) << c.name;
+            EXPECT_EQ(server.requestCount("/v1/echo/"), 0u) << c.name << " all " << all;
+            EXPECT_TRUE(manager->activeTasks().empty()) << c.name;
+        }
+    }
+}
+
+// Two requests wait on one fetch; cancelling one must not fail the other.
+TEST_F(TokenFetchTest, CancellingOneWaiterLeavesTheFetchToTheOthers)
+{
+    const QString token = makeToken(3600);
+    server.script("POST", "/v1/auth/device/", {tokenReply(token, 300ms)});
+    Delivery leaving, staying;
+    auto leaver = echoRequest(echo(), leaving);
+    auto stayer = echoRequest(echo(), staying);
+    manager->startRequest(leaver);
+    manager->startRequest(stayer);
+    ASSERT_TRUE(waitUntil([&] { return fetches() == 1; })) << "the fetch is on its way";
+    manager->cancelTasksWithIdentifiers({leaver->identifier()});
+    ASSERT_TRUE(staying.waitForCall());
+    EXPECT_EQ(staying.calls.load(), 1);
+    EXPECT_FALSE(staying.error) << qPrintable(staying.error.description());
+    EXPECT_EQ(staying.status(), 200);
+    EXPECT_EQ(echoed(staying).value("authorization").toString(), "Bearer " + token);
+    EXPECT_EQ(leaving.calls.load(), 1);
+    EXPECT_EQ(leaving.error.code(), 16);
+    EXPECT_EQ(fetches(), 1u);
+    EXPECT_EQ(server.requestCount("/v1/echo/"), 1u);
+}
+
+// A hook of the application's subclass that throws inside the fetch ends
+// that fetch with an error for every caller; the next request fetches anew.
+TEST_F(TokenFetchTest, AHookThatThrowsEndsTheFetchWithAnError)
+{
+    class ThrowingManager : public TestTokenManager {
+    public:
+        QString deviceToken() const override
+        {
+            if (failDeviceToken)
+                return ORVOrvellaTokenManager::deviceToken(); // "Unsupported platform"
+            return TestTokenManager::deviceToken();
+        }
+        std::optional<ORVURLCredential> credentialForOrvellaAccount(
+            const std::shared_ptr<ORVOrvellaAccount> &account) const override
+        {
+            if (failCredential)
+                throw std::runtime_error("the keyring went away");
+            return TestTokenManager::credentialForOrvellaAccount(account);
+        }
+        std::atomic<bool> failDeviceToken = false;
+        std::atomic<bool> failCredential = false;
+    };
+    auto throwing = std::make_shared<ThrowingManager>();
+    throwing->credential = ORVURLCredential{QStringLiteral("ada"), firstDeviceToken};
+    throwing->setNetworkManager(manager);
+    manager->setTokenProvider(throwing);
+
+    for (const bool credentialThrows : {true, false}) {
+        throwing->failCredential = credentialThrows;
+        throwing->failDeviceToken = !credentialThrows;
+        Delivery first, second;
+        manager->startRequest(echoRequest(echo(), first));
+        manager->startRequest(echoRequest(echo(), second));
+        ASSERT_TRUE(first.waitForCall()) << credentialThrows;
+        ASSERT_TRUE(second.waitForCall()) << credentialThrows;
+        for (const Delivery *d : {&first, &second}) {
+            EXPECT_EQ(d->calls.load(), 1);
+            EXPECT_EQ(d->error.domain(), ORVOrvellaTokenManagerErrorDomain) << credentialThrows;
+            EXPECT_EQ(d->error.code(), ORVOrvellaTokenManagerTokenFetchFailedErrorCode) << credentialThrows;
+        }
+    }
+    throwing->failCredential = false;
+    throwing->failDeviceToken = false;
+    Delivery healed;
+    manager->startRequest(echoRequest(echo(), healed));
+    ASSERT_TRUE(healed.waitForCall());
+    EXPECT_FALSE(healed.error) << qPrintable(healed.error.description());
+    EXPECT_EQ(healed.status(), 200);
+    EXPECT_EQ(fetches(), 1u);
+}
+
+// The category selection drops the running fetch from the active set
+// without cancelling it; its callers still get its result, and nothing
+// waits behind it for ever.
+TEST_F(TokenFetchTest, AFetchDroppedByTheCategorySelectionStillEnds)
+{
+    const QString token = makeToken(3600);
+    server.script("POST", "/v1/auth/device/", {tokenReply(token, 300ms)});
+    Delivery waiting;
+    manager->startRequest(echoRequest(echo(), waiting));
+    ASSERT_TRUE(waitUntil([&] { return fetches() == 1; }));
+    manager->cancelTasksWithCategories({QStringLiteral("Orvella token refresh")});
+    ASSERT_TRUE(waiting.waitForCall());
+    // The waiting request itself has no category, so it was cancelled.
+    EXPECT_EQ(waiting.calls.load(), 1);
+    EXPECT_EQ(waiting.error.code(), 16);
+
+    // The manager is not wedged: the next request is answered, with the token
+    // the dropped fetch brought.
+    Delivery next;
+    manager->startRequest(echoRequest(echo(), next));
+    ASSERT_TRUE(next.waitForCall());
+    EXPECT_EQ(next.status(), 200);
+    EXPECT_EQ(echoed(next).value("authorization").toString(), "Bearer " + token);
+    EXPECT_EQ(fetches(), 1u);
+}
+
+// A fetch the server never answers ends after the bound with a time-out for
+// every caller, and the next request fetches again.
+TEST_F(TokenFetchTest, AFetchHasABoundOnItsDuration)
+{
+    tokens->setTokenFetchTimeout(0.5);
+    server.script("POST", "/v1/auth/device/",
+                  {ScriptedResponse{200, R"({"token":"late"})", "application/json", {}, 3000ms}});
+    Delivery first, second;
+    manager->startRequest(echoRequest(echo(), first));
+    manager->startRequest(echoRequest(echo(), second));
+    ASSERT_TRUE(first.waitForCall(2500ms));
+    ASSERT_TRUE(second.waitForCall(500ms));
+    for (const Delivery *d : {&first, &second}) {
+        EXPECT_EQ(d->calls.load(), 1);
+        EXPECT_EQ(d->error.domain(), ORVURLErrorDomain);
+        EXPECT_EQ(d->error.code(), ORVURLErrorTimedOut);
+    }
+    server.clearScripts();
+    Delivery again;
+    manager->startRequest(echoRequest(echo(), again));
+    ASSERT_TRUE(again.waitForCall());
+    EXPECT_EQ(again.status(), 200) << qPrintable(again.error.description());
+    EXPECT_EQ(fetches(), 2u);
+}
+
+// Signing out while a fetch is on its way wins: the late reply writes
+// neither the token nor the rotated device credential back.
+TEST_F(TokenFetchTest, SigningOutWinsOverALateReply)
+{
+    const auto account = ORVFetchOrvellaAccount();
+    server.script("POST", "/v1/auth/device/", {tokenReply(makeToken(3600), 400ms, QStringLiteral("dev-rotated"))});
+    Replies replies;
+    tokens->requestTokenForAccount(account, replies.handler(0));
+    ASSERT_TRUE(waitUntil([&] { return fetches() == 1; }));
+    tokens->resetTokensForAccountWithIdentifier(account->identifier());
+    {
+        std::lock_guard lock(tokens->mutex);
+        tokens->credential.reset(); // the application forgets the device too
+    }
+    ASSERT_TRUE(replies.waitFor(1));
+    spinFor(200ms);
+    EXPECT_TRUE(replies.received[0].first.isNull());
+    EXPECT_TRUE(replies.received[0].second);
+    EXPECT_TRUE(tokens->stored.isNull());
+    EXPECT_FALSE(tokens->currentCredential()) << "the rotated device token came back";
+
+    // Nothing in memory either: the next request fetches (and, signed out,
+    // is told so).
+    Replies after;
+    tokens->requestTokenForAccount(account, after.handler(0));
+    ASSERT_TRUE(after.waitFor(1));
+    EXPECT_TRUE(after.received[0].first.isNull());
+    EXPECT_EQ(after.received[0].second.code(), 5);
+}
