@@ -6,9 +6,12 @@
 // ORVRegisterPlatformCoordinator(); until then ORVCoordinator answers with
 // the shared default coordinator.
 //
-// Background activities are systemd-logind inhibitor locks (what
-// "sleep:idle", mode "block") taken over D-Bus on the system bus. When logind
-// does not answer, the activity is a token that holds nothing.
+// Background activities share one systemd-logind inhibitor lock (what
+// "sleep:idle", mode "block"), taken over D-Bus on the system bus when the
+// first activity begins and released when the last one ends. Beginning an
+// activity never waits for logind: the lock is asked for on a queue of its
+// own and held once logind answers. When logind does not answer, the
+// activities hold nothing.
 
 #include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVLogLevel.h>
@@ -19,8 +22,9 @@
 #include <memory>
 #include <mutex>
 
-// A running background activity. Holding it keeps the inhibitor lock, if
-// any; ending it (or destroying it) releases the lock.
+// A running background activity. While it runs, the process keeps the
+// shared inhibitor lock (once logind has granted it); ending it (or
+// destroying it) lets the lock go when no other activity runs.
 class ORVBackgroundActivity {
 public:
     ~ORVBackgroundActivity();
@@ -30,19 +34,19 @@ public:
     const QString &reason() const { return _reason; }
     // The activity options, as the platform numbers them (255: background).
     quint64 options() const { return _options; }
-    // True while an inhibitor lock is held.
+    // True while the activity runs and the process holds the lock.
     bool isInhibiting() const;
-    // Releases the lock; later calls do nothing.
+    // Ends the activity; later calls do nothing.
     void end();
 
 private:
     friend class ORVPlatformCoordinator;
-    ORVBackgroundActivity(QString reason, quint64 options, int inhibitorFd);
+    ORVBackgroundActivity(QString reason, quint64 options, bool sharesInhibitor);
 
     QString _reason;
     quint64 _options;
     mutable std::mutex _lock;
-    int _inhibitorFd;
+    bool _sharesInhibitor;
 };
 
 using ORVBackgroundTaskToken = std::shared_ptr<ORVBackgroundActivity>;

@@ -2,6 +2,8 @@
 #include <OrvellaKit/ORVBundle.h>
 #include <OrvellaKit/ORVCoordinator.h>
 
+#include <OrvellaKit/ORVDispatchQueue.h>
+
 #include <QCoreApplication>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -42,6 +44,66 @@ int takeInhibitorLock(const QString &who, const QString &why)
     return ::fcntl(reply.value().fileDescriptor(), F_DUPFD_CLOEXEC, 0);
 }
 
+// One inhibitor lock for all of the process's activities: taken when the
+// first one begins, released when the last one ends. Asking logind is a
+// system-bus call that can take a second or more (or its whole time-out when
+// logind is busy); it runs on a queue of its own, never on the caller's
+// thread, and the activity is running before the answer is in.
+class SharedInhibitor {
+public:
+    static SharedInhibitor &instance()
+    {
+        // Never destroyed: an answer may still arrive while the process exits.
+        static auto *shared = new SharedInhibitor;
+        return *shared;
+    }
+
+    void acquire(const QString &who, const QString &why)
+    {
+        std::lock_guard lock(_lock);
+        ++_users;
+        if (_fd >= 0 || _asking || !orv::detail::systemBusMayExist())
+            return;
+        _asking = true;
+        _queue->async([this, who, why] { answered(takeInhibitorLock(who, why)); });
+    }
+
+    void release()
+    {
+        std::lock_guard lock(_lock);
+        if (_users > 0 && --_users == 0 && _fd >= 0) {
+            ::close(_fd);
+            _fd = -1;
+        }
+    }
+
+    bool isHeld() const
+    {
+        std::lock_guard lock(_lock);
+        return _fd >= 0;
+    }
+
+private:
+    void answered(int fd)
+    {
+        std::lock_guard lock(_lock);
+        _asking = false;
+        if (_users > 0 && _fd < 0) {
+            _fd = fd;
+            return;
+        }
+        // Everybody finished before logind answered.
+        if (fd >= 0)
+            ::close(fd);
+    }
+
+    mutable std::mutex _lock;
+    int _users = 0;
+    int _fd = -1;
+    bool _asking = false;
+    const std::shared_ptr<ORVDispatchQueue> _queue = ORVDispatchQueue::create(QStringLiteral("ORVBackgroundActivity"));
+};
+
 QString activityOwnerName(const ORVPlatformCoordinator &coordinator)
 {
     try {
@@ -58,8 +120,8 @@ QString activityOwnerName(const ORVPlatformCoordinator &coordinator)
 
 } // namespace
 
-ORVBackgroundActivity::ORVBackgroundActivity(QString reason, quint64 options, int inhibitorFd)
-    : _reason(std::move(reason)), _options(options), _inhibitorFd(inhibitorFd)
+ORVBackgroundActivity::ORVBackgroundActivity(QString reason, quint64 options, bool sharesInhibitor)
+    : _reason(std::move(reason)), _options(options), _sharesInhibitor(sharesInhibitor)
 {
 }
 
@@ -71,15 +133,15 @@ ORVBackgroundActivity::~ORVBackgroundActivity()
 bool ORVBackgroundActivity::isInhibiting() const
 {
     std::lock_guard lock(_lock);
-    return _inhibitorFd >= 0;
+    return _sharesInhibitor && SharedInhibitor::instance().isHeld();
 }
 
 void ORVBackgroundActivity::end()
 {
     std::lock_guard lock(_lock);
-    if (_inhibitorFd >= 0) {
-        ::close(_inhibitorFd);
-        _inhibitorFd = -1;
+    if (_sharesInhibitor) {
+        _sharesInhibitor = false;
+        SharedInhibitor::instance().release();
     }
 }
 
@@ -106,8 +168,8 @@ ORVBackgroundTaskToken ORVPlatformCoordinator::beginBackgroundTaskWithName(const
 {
     Q_UNUSED(expirationHandler); // deliberately neither kept nor called
     const QString reason = name.isNull() ? QStringLiteral("ORVPlatformCoordinator") : name;
-    const int fd = takeInhibitorLock(activityOwnerName(*this), reason);
-    return ORVBackgroundTaskToken(new ORVBackgroundActivity(reason, kBackgroundActivityOptions, fd));
+    SharedInhibitor::instance().acquire(activityOwnerName(*this), reason);
+    return ORVBackgroundTaskToken(new ORVBackgroundActivity(reason, kBackgroundActivityOptions, true));
 }
 
 void ORVPlatformCoordinator::endBackgroundTask(const ORVBackgroundTaskToken &token)

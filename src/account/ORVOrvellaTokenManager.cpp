@@ -1,5 +1,5 @@
-#include "../platform/ORVSystemBus.h"
 #include "ORVAccountSupport.h"
+#include "ORVDeviceIdentity.h"
 
 #include <OrvellaKit/ORVAsyncOperation.h>
 #include <OrvellaKit/ORVBundle.h>
@@ -11,9 +11,6 @@
 #include <OrvellaKit/ORVOrvellaTokenManager.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 
-#include <QDBusConnection>
-#include <QDBusInterface>
-#include <QDBusReply>
 #include <QJsonDocument>
 #include <QNetworkInterface>
 #include <QStorageInfo>
@@ -163,18 +160,7 @@ void ORVOrvellaTokenManager::setTokenFetchTimeout(double seconds)
 
 QString ORVOrvellaTokenManager::deviceName() const
 {
-    QString name;
-    if (orv::detail::systemBusMayExist()) {
-        QDBusConnection bus = QDBusConnection::systemBus();
-        if (bus.isConnected()) {
-            QDBusInterface hostnamed(QStringLiteral("org.freedesktop.hostname1"),
-                                     QStringLiteral("/org/freedesktop/hostname1"),
-                                     QStringLiteral("org.freedesktop.hostname1"), bus);
-            hostnamed.setTimeout(500);
-            if (hostnamed.isValid())
-                name = hostnamed.property("PrettyHostname").toString().trimmed();
-        }
-    }
+    QString name = orv::detail::prettyHostName();
     if (name.isEmpty())
         name = QSysInfo::machineHostName().trimmed();
     return name.isEmpty() ? QStringLiteral("Unknown Device") : name;
@@ -182,20 +168,9 @@ QString ORVOrvellaTokenManager::deviceName() const
 
 std::optional<QString> ORVOrvellaTokenManager::uniqueDeviceIdentifier() const
 {
-    // The primary interface: the first one that is up, not loopback and has
-    // a hardware address (the built-in Ethernet or Wi-Fi on a desktop).
-    QString base;
-    for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
-        const auto flags = interface.flags();
-        if (flags.testFlag(QNetworkInterface::IsLoopBack) || !flags.testFlag(QNetworkInterface::IsUp))
-            continue;
-        const QByteArray bytes = QByteArray::fromHex(interface.hardwareAddress().remove(QLatin1Char(':')).toLatin1());
-        if (bytes.size() != 6 || bytes.count('\0') == 6)
-            continue;
-        const auto b = [&](int i) { return static_cast<unsigned>(static_cast<unsigned char>(bytes[i])); };
-        base = ORVStringWithFormat("%02x:%02x:%02x:%02x:%02x:%02x", b(0), b(1), b(2), b(3), b(4), b(5));
-        break;
-    }
+    QString base = orv::detail::primaryHardwareAddress();
+    if (base.isEmpty())
+        base = orv::detail::machineBoundIdentifier();
     if (base.isEmpty())
         base = ORVUUIDString(QUuid::createUuid());
     const QString volume = QStorageInfo::root().displayName();
