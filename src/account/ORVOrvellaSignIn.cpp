@@ -293,7 +293,7 @@ void ORVOrvellaTokenManager::finishSignIn(SignInKind kind, const std::optional<O
     storeTokenForAccountIdentifier(account->identifier(), *token, ORVError());
     ORVSaveOrvellaAccount(account, [](const ORVError &error) {
         if (error)
-            ORVLogError("Failed to save the updated Orvella account %@", error);
+            ORVLogError("Failed to save the updated Orvella account");
     });
     setLastUsedAccountType(type);
     setLastUsedEmail(accountEmail);
@@ -378,7 +378,7 @@ void ORVOrvellaTokenManager::createAccountWithName(const QString &name, const QS
             account->setEmailAddress(email);
             ORVSaveOrvellaAccount(account, [](const ORVError &saveError) {
                 if (saveError)
-                    ORVLogError("Failed to save the updated Orvella account %@", saveError);
+                    ORVLogError("Failed to save the updated Orvella account");
             });
             setLastUsedAccountType(ORVOrvellaAccountTypePassword);
             setLastUsedEmail(email);

@@ -130,7 +130,7 @@ QUrl ORVDebug::logsDirectoryURL() const
 
 void ORVDebug::setupLogging()
 {
-    // 1. The system log receives errors only.
+    // The system log receives errors only.
     // A second call replaces the sinks of the first instead of doubling them.
     static std::shared_ptr<spdlog::sinks::sink> installedSystemLog;
     auto systemLog = std::make_shared<spdlog::sinks::syslog_sink_mt>(ORVApplicationFolderName().toStdString(),
@@ -144,7 +144,7 @@ void ORVDebug::setupLogging()
     }
     orv::detail::addLogSink(systemLog);
 
-    // 2. The rolling file logger, without a level of its own.
+    // The rolling file logger, without a level of its own.
     const QString logsDirectory = logsDirectoryURL().toLocalFile();
     auto fileLogger = std::make_shared<ORVFileLogger>(logsDirectory, ORVApplicationFolderName());
     fileLogger->setMaximumNumberOfLogFiles(10);
@@ -158,30 +158,27 @@ void ORVDebug::setupLogging()
     }
     orv::detail::addLogSink(fileLogger->_d->sink);
 
-    // 3. The banner's values.
+    // The launch banner.
     const ORVBundle &bundle = ORVBundle::mainBundle();
     const QString version = bundle.objectForInfoDictionaryKey(QStringLiteral("CFBundleVersion")).toString();
     const QString build = bundle.objectForInfoDictionaryKey(QStringLiteral("BuildIdentifier")).toString();
     const QString localization = bundle.preferredLocalizations().value(0);
     const QString languageCode = QLocale::languageToCode(QLocale().language());
 
-    // 4.
     ORVDebugLog(ORVLogFlagError, "%@ (%@, %@, %@/%@) launching", QFileInfo(bundle.bundlePath()).fileName(), version,
                 build, localization, languageCode);
     ORVDebugLog(ORVLogFlagError, "System version: %@",
                 ORVStringWithFormat("%@ (%@ %@)", QSysInfo::prettyProductName(), QSysInfo::kernelType(),
                                     QSysInfo::kernelVersion()));
 
-    // 5.
     setLogLevel(ORVCoordinator::platformCoordinator()->prefererredDefaultLogLevel());
 
-    // 6.
     ORVDebugLog(ORVLogFlagError, "Default log level: %d", logLevel());
     ORVDebugLog(ORVLogFlagError, "System time zone: %@", timeZoneDescription(QTimeZone::systemTimeZone()));
     ORVDebugLog(ORVLogFlagError, "Default time zone: %@",
                 timeZoneDescription(QDateTime::currentDateTime().timeZone()));
 
-    // 7. The file logger makes its files lazily; the folder is made here.
+    // The file logger makes its files lazily; the folder is made here.
     if (!QFileInfo(logsDirectory).isDir()) {
         ORVDebugLog(ORVLogFlagInfo, "Creating Logs directory");
         QDir().mkpath(logsDirectory); // a failure is not reported

@@ -82,8 +82,8 @@ void ORVAsyncOperation::cancel()
 void ORVAsyncOperation::finishWithError(const ORVError &error)
 {
     ORV_KEEP_ALIVE_WHILE_NOTIFYING();
-    // 1. Not the work item's test: state 1 (skipped tryFinish) and state 3
-    //    are caught, a never-started operation (state 0) is let through.
+    // Not the work item's test: state 1 (skipped tryFinish) and state 3
+    // are caught, a never-started operation (state 0) is let through.
     bool misuse = false;
     {
         std::lock_guard lock(_stateLock);
@@ -100,13 +100,12 @@ void ORVAsyncOperation::finishWithError(const ORVError &error)
                                        "without an affirmative response from tryFinish or called multiple times."));
         return;
     }
-    // 2.
     CompletionHandler handler;
     {
         std::lock_guard lock(_completionHandlerLock);
         handler = std::exchange(_completionHandler, nullptr);
     }
-    // 3. At once, on this thread.
+    // The handler runs at once, on this thread.
     if (handler) {
         auto operation = std::static_pointer_cast<ORVAsyncOperation>(self ? self : weak_from_this().lock());
         if (!operation)

@@ -53,8 +53,8 @@ void ORVWorkItem::cancel()
 
 void ORVWorkItem::finishWithError(const ORVError &error)
 {
-    // 1. Only a repeated finish (state 3) is caught; a finish without
-    //    tryFinish (state 0 or 1) just moves to state 3. Deliberately so.
+    // Only a repeated finish (state 3) is caught; a finish without
+    // tryFinish (state 0 or 1) just moves to state 3. Deliberately so.
     bool repeated = false;
     {
         std::lock_guard lock(_stateLock);
@@ -69,23 +69,21 @@ void ORVWorkItem::finishWithError(const ORVError &error)
         return;
     }
 
-    // 2. Taking the handler out breaks a cycle between the item and its
-    //    handler and makes a second call find nothing.
+    // Taking the handler out breaks a cycle between the item and its
+    // handler and makes a second call find nothing.
     CompletionHandler handler;
     {
         std::lock_guard lock(_completionHandlerLock);
         handler = std::exchange(_completionHandler, nullptr);
     }
-    // 3.
     if (!handler)
         return;
-    // 4.
     std::shared_ptr<ORVDispatchQueue> queue;
     {
         std::lock_guard lock(_completionQueueLock);
         queue = _completionQueue ? _completionQueue : ORVDispatchQueue::mainQueue();
     }
-    // 5. Always asynchronous, even when the caller is on that queue.
+    // Always asynchronous, even when the caller is on that queue.
     std::shared_ptr<ORVWorkItem> self = weak_from_this().lock();
     if (!self) // not owned by a shared_ptr: the caller keeps it alive
         self = std::shared_ptr<ORVWorkItem>(std::shared_ptr<void>(), this);

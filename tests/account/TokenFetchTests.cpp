@@ -4,7 +4,12 @@
 
 #include "TokenManagerFixture.h"
 
+#include <OrvellaKit/ORVCoordinator.h>
+#include <OrvellaKit/ORVDebug.h>
 #include <OrvellaKit/ORVException.h>
+
+#include <QFile>
+#include <QRegularExpression>
 
 using namespace orv::test;
 using orv::server::ScriptedResponse;
@@ -225,4 +230,34 @@ TEST_F(TokenFetchTest, SigningOutWinsOverALateReply)
     ASSERT_TRUE(after.waitFor(1));
     EXPECT_TRUE(after.received[0].first.isNull());
     EXPECT_EQ(after.received[0].second.code(), 5);
+}
+
+// The log of a token fetch names the request it answers, and never holds
+// the token it brought.
+TEST_F(TokenFetchTest, TheTokenResponseLogNamesItsRequestAndNotItsToken)
+{
+    // Logging asks the coordinator for the application's group (none here).
+    class Coordinator : public ORVPlatformCoordinator {
+    public:
+        QString appName() const override { return QStringLiteral("Kalendro"); }
+        QString appGroupIdentifier() const override { return QString(); }
+    };
+    ORVRegisterPlatformCoordinator(std::make_shared<Coordinator>());
+    auto debug = ORVDebug::sharedDebug();
+    debug->setupLogging();
+    debug->setLogLevel(ORVLogLevelVerbose);
+    Delivery delivery;
+    manager->startRequest(echoRequest(echo(), delivery));
+    ASSERT_TRUE(delivery.waitForCall());
+    const QString token = echoed(delivery).value("authorization").toString().mid(7);
+    ASSERT_FALSE(token.isEmpty());
+    spinFor(100ms);
+    debug->fileLogger()->flush();
+    QFile file(debug->fileLogger()->currentLogFilePath());
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+    const QString log = QString::fromUtf8(file.readAll());
+    const QRegularExpression named(QStringLiteral("Orvella token response: [0-9A-F]{8}-[0-9A-F-]{27} "));
+    EXPECT_TRUE(named.match(log).hasMatch()) << qPrintable(log.right(2000));
+    EXPECT_FALSE(log.contains(QLatin1String("Orvella token response: (null)")));
+    EXPECT_FALSE(log.contains(token)) << "the access token reached the log";
 }
