@@ -97,8 +97,11 @@ private:
                                     const std::optional<ORVHTTPURLResponse> &response);
     void deliver(const std::shared_ptr<ORVOrvellaRequest> &request, std::shared_ptr<ORVOrvellaData> data,
                  const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
-    // Ends a task that cannot be sent: out of the active set, one call.
-    void failTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const ORVError &error);
+    // Ends a task that cannot be sent: out of the active set, and one call
+    // unless a cancellation had it first (or it was never active).
+    void failTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const ORVError &error, bool neverActive = false);
+    // Whether the task was active.
+    bool removeFromActiveTasks(const std::shared_ptr<ORVOrvellaNetworkTask> &task);
     static void handDroppedResult(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const QByteArray &data,
                                   const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
 

@@ -148,7 +148,7 @@ void ORVOrvellaNetworkManager::startTask(const std::shared_ptr<ORVOrvellaNetwork
     const bool hasURL = !request->originalRequest().URL().isEmpty();
     if (!hasURL || !session->isValid()) {
         const ORVError error = hasURL ? invalidSessionError(request->originalRequest().URL()) : badURLError();
-        failTask(task, error);
+        failTask(task, error, true);
         // A retry is the manager's own doing, not the caller's mistake.
         if (request->retryCount() == 0) {
             const char *method = background ? "downloadTaskWithURLRequest:completionHandler:"
@@ -164,7 +164,16 @@ void ORVOrvellaNetworkManager::startTask(const std::shared_ptr<ORVOrvellaNetwork
         if (!contains(_activeTasks, task))
             _activeTasks.push_back(task);
     }
-    const auto account = ORVFetchOrvellaAccount();
+    std::shared_ptr<ORVOrvellaAccount> account;
+    try {
+        account = ORVFetchOrvellaAccount();
+    } catch (const std::exception &exception) {
+        // No fetch block (an assertion) or one that threw: the caller hears
+        // of it, and the task still ends with its one call.
+        failTask(task, ORVError(ORVOrvellaTokenManagerErrorDomain, 15,
+                                {{ORVLocalizedDescriptionKey, QString::fromUtf8(exception.what())}}));
+        throw;
+    }
     if (!request->canStartWithoutToken()) {
         ORVLogInfo("Orvella Networking: Requesting token %@", request->identifier());
         std::weak_ptr<ORVOrvellaNetworkManager> weakSelf = weak_from_this();
@@ -187,13 +196,15 @@ void ORVOrvellaNetworkManager::startTask(const std::shared_ptr<ORVOrvellaNetwork
     }
 }
 
-void ORVOrvellaNetworkManager::failTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const ORVError &error)
+void ORVOrvellaNetworkManager::failTask(const std::shared_ptr<ORVOrvellaNetworkTask> &task, const ORVError &error,
+                                        bool neverActive)
 {
     const auto request = task->request();
     ORVLogError("Orvella Networking: Cannot start request %@ %@", request->identifier(), error);
-    {
-        std::lock_guard lock(_queue);
-        std::erase_if(_activeTasks, [&](const auto &t) { return t->isEqual(*task); });
+    if (!removeFromActiveTasks(task) && !neverActive) {
+        // Cancelled (or dropped) meanwhile: its handler had its call.
+        logAlreadyCancelled(request, std::nullopt);
+        return;
     }
     if (!request->category().isNull())
         logCommand(request, QByteArray(), std::nullopt, error);
@@ -209,20 +220,17 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
     // call, and the request is never sent.
     if (task->isCancelled()) {
         ORVLogInfo("Orvella Networking: Token for already cancelled request %@", request->identifier());
+        // A task the category selection cancelled stays active until its URL
+        // task ends; this one never had one.
+        removeFromActiveTasks(task);
         return;
     }
     if (token.isNull() && !request->canStartWithoutToken()) {
         ORVLogError("Orvella Networking: tokenError %@ %@", request->identifier(), tokenError);
         if (!request->category().isNull())
             logCommand(request, QByteArray(), std::nullopt, tokenError);
-        bool wasActive = false;
-        {
-            std::lock_guard lock(_queue);
-            wasActive = contains(_activeTasks, task);
-            std::erase_if(_activeTasks, [&](const auto &t) { return t->isEqual(*task); });
-        }
         // A task that left the active set is not delivered to any more.
-        if (!wasActive) {
+        if (!removeFromActiveTasks(task)) {
             logAlreadyCancelled(request, std::nullopt);
             return;
         }
@@ -326,6 +334,7 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
     if (!task->attachURLTaskUnlessCancelled(urlTask, background)) {
         // Cancelled between the check above and now: nothing is sent.
         ORVLogInfo("Orvella Networking: Token for already cancelled request %@", request->identifier());
+        removeFromActiveTasks(task);
         urlTask->cancel();
         return;
     }
@@ -368,6 +377,13 @@ bool ORVOrvellaNetworkManager::stillActive(const std::shared_ptr<ORVOrvellaNetwo
     if (!wasActive)
         logAlreadyCancelled(task->request(), response);
     return wasActive;
+}
+
+bool ORVOrvellaNetworkManager::removeFromActiveTasks(const std::shared_ptr<ORVOrvellaNetworkTask> &task)
+{
+    // This very task: a rescheduled copy is equal to it, and must stay.
+    std::lock_guard lock(_queue);
+    return std::erase_if(_activeTasks, [&](const auto &t) { return t == task; }) > 0;
 }
 
 void ORVOrvellaNetworkManager::handDroppedResult(const std::shared_ptr<ORVOrvellaNetworkTask> &task,

@@ -256,17 +256,19 @@ void ORVOrvellaURLSession::redirect(const std::shared_ptr<ORVURLSessionTask> &ta
         return;
     }
     std::shared_ptr<ORVOrvellaAccount> account;
+    QUrl api;
     try {
         account = ORVFetchOrvellaAccount();
-    } catch (const ORVException &) {
-        // No account registered: nothing to compare with, so the redirect
-        // goes ahead as proposed rather than stalling the task.
+        api = account ? account->serverURLForAPIAccess() : QUrl();
+    } catch (...) {
+        // No account registered, or the application's block failed: nothing
+        // to compare with, so the redirect goes ahead as proposed (without
+        // the original headers) rather than stalling the task.
     }
     // The original headers come back only within the origin (scheme, host
     // and port) of the account server that the request was made for: the
     // bearer token among them is never sent anywhere else.
     const ORVURLRequest original = task->originalRequest();
-    const QUrl api = account ? account->serverURLForAPIAccess() : QUrl();
     if (api.host().isEmpty() || !ORVURLHasSameOrigin(request.URL(), api) ||
         !ORVURLHasSameOrigin(request.URL(), original.URL())) {
         completion(request);

@@ -85,6 +85,13 @@ bool makePrivateFolder(const QString &path)
 {
     if (path.isEmpty())
         return false;
+    // A parent that others may write to without the sticky bit would let
+    // them swap the folder for one of their own.
+    struct stat parent {};
+    const QByteArray parentPath = QFile::encodeName(QFileInfo(path).path());
+    if (::stat(parentPath.constData(), &parent) != 0 ||
+        ((parent.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (parent.st_mode & S_ISVTX) == 0))
+        return false;
     const QByteArray native = QFile::encodeName(path);
     if (::mkdir(native.constData(), 0700) != 0 && errno != EEXIST)
         return false;

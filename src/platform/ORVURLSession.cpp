@@ -4,7 +4,9 @@
 #include <OrvellaKit/ORVStandardPaths.h>
 #include <OrvellaKit/ORVURLSession.h>
 
+#include <QDateTime>
 #include <QDir>
+#include <QFileInfo>
 #include <QFile>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
@@ -66,7 +68,8 @@ bool mayUseCache(const ORVURLRequest &request, const QByteArray &verb)
 {
     if (verb != "GET" && verb != "HEAD")
         return false;
-    if (request.allHTTPHeaderFields().contains(QStringLiteral("Authorization")))
+    if (request.allHTTPHeaderFields().contains(QStringLiteral("Authorization")) ||
+        request.allHTTPHeaderFields().contains(QStringLiteral("Cookie")))
         return false;
     switch (request.cachePolicy()) {
     case ORVURLRequestReloadIgnoringLocalCacheData:
@@ -202,6 +205,7 @@ struct ORVURLSessionEngine {
         }();
         (void)teardownAdded;
         liveEngines().insert(this);
+        sweepLeftovers();
         // The disk tier lives in a folder of the session's own inside the
         // user's private temporary folder, removed with the session: an
         // ephemeral session leaves nothing behind.
@@ -218,6 +222,30 @@ struct ORVURLSessionEngine {
                                                  configuration.urlCacheDiskCapacity, diskFolder, &manager);
             manager.setCache(cache);
         }
+    }
+
+    // Downloads and cache folders of a process that was killed stay in the
+    // private folder; once a day old, nobody is using them any more.
+    static void sweepLeftovers()
+    {
+        static std::once_flag once;
+        std::call_once(once, [] {
+            const QString folder = ORVPrivateTemporaryDirectory();
+            if (folder.isEmpty())
+                return;
+            const QDateTime dayAgo = QDateTime::currentDateTimeUtc().addDays(-1);
+            const QFileInfoList entries =
+                QDir(folder).entryInfoList({QStringLiteral("ORVDownload-*.part"), QStringLiteral("URLCache-*")},
+                                           QDir::Files | QDir::Dirs | QDir::Hidden | QDir::NoDotAndDotDot | QDir::NoSymLinks);
+            for (const QFileInfo &entry : entries) {
+                if (entry.lastModified().toUTC() >= dayAgo)
+                    continue;
+                if (entry.isDir())
+                    QDir(entry.filePath()).removeRecursively();
+                else
+                    QFile::remove(entry.filePath());
+            }
+        });
     }
 
     static ORVURLSessionEngine &of(ORVURLSession &session)
@@ -288,6 +316,11 @@ struct ORVURLSessionEngine {
         if (request.timeoutInterval() > 0)
             qrequest.setTransferTimeout(static_cast<int>(std::min(request.timeoutInterval() * 1000.0, 2.0e9)));
         qrequest.setPriority(qtPriority(priority));
+        // No cookie jar between requests: a server's cookie would otherwise
+        // go with every later request of the session, whoever signs in. A
+        // caller that needs one sends its own "Cookie" header.
+        qrequest.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+        qrequest.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
         if (url.scheme() == QLatin1String("https")) {
             QSslConfiguration ssl = QSslConfiguration::defaultConfiguration();
             if (!session->configuration().caCertificates.isEmpty())
@@ -475,7 +508,12 @@ struct ORVURLSessionEngine {
         }
         auto shared = std::make_shared<Transfer>(std::move(transfer));
         // The delegate answers on its queue; the answer comes back here.
-        auto decide = [this, shared, response, original, from](std::optional<ORVURLRequest> next) {
+        // A delegate answers once; a second answer would find the transfer
+        // gone.
+        auto answered = std::make_shared<std::atomic<bool>>(false);
+        auto decide = [this, shared, response, original, from, answered](std::optional<ORVURLRequest> next) {
+            if (answered->exchange(true))
+                return;
             orv::detail::postToNetworkThread([this, shared, response, original, from, next = std::move(next)]() mutable {
                 Transfer transfer = std::move(*shared);
                 if (!next) {
@@ -590,7 +628,21 @@ struct ORVURLSessionEngine {
             it->second->abort();
     }
 
-    ~ORVURLSessionEngine() { liveEngines().erase(this); }
+    ~ORVURLSessionEngine()
+    {
+        liveEngines().erase(this);
+        // Replies still alive would tell this engine of their end while its
+        // members are being destroyed: they go first, without a word.
+        for (QNetworkAccessManager *through : {&manager, &uncachedManager}) {
+            for (QNetworkReply *reply : through->findChildren<QNetworkReply *>()) {
+                QObject::disconnect(reply, nullptr, nullptr, nullptr);
+                reply->abort();
+                delete reply;
+            }
+        }
+        transfers.clear();
+        replies.clear();
+    }
     ORVURLSessionEngine(const ORVURLSessionEngine &) = delete;
     ORVURLSessionEngine &operator=(const ORVURLSessionEngine &) = delete;
 

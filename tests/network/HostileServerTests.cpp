@@ -199,25 +199,25 @@ TEST_F(HostileServerTest, TheCacheKeepsUsersApartAndNeverHidesTheServer)
 
     // A server failure reaches the caller as it came, whatever was cached.
     for (const int failure : {500, 503}) {
-        const std::string path = "/v1/record/" + std::to_string(failure);
-        server.script("GET", path, {cacheable("{\"record\":\"old\"}", {{"ETag", "\"v1\""}}),
-                                    ScriptedResponse{failure, "{\"code\":\"down\"}"}});
         for (const bool authorised : {true, false}) {
-            ORVURLRequest request(url(QString::fromStdString(path)));
-            request.setCachePolicy(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData);
-            std::shared_ptr<ORVOrvellaRequest> made;
-            if (authorised)
-                made = ORVOrvellaAccountRequest::requestWithURLRequest(request);
-            else
-                made = ORVOrvellaSimpleRequest::requestWithURLRequest(request);
-            auto delivery = deliver(made);
-            EXPECT_EQ(delivery->calls.load(), 1) << failure;
-            if (server.requestCount(path) == 1) {
-                EXPECT_EQ(delivery->status(), 200);
-                continue;
-            }
-            EXPECT_EQ(delivery->status(), failure) << "authorised " << authorised;
-            EXPECT_EQ(echoed(*delivery).value("code").toString(), "down") << "authorised " << authorised;
+            const std::string path = "/v1/record/" + std::to_string(failure) + (authorised ? "/a" : "/s");
+            server.script("GET", path, {cacheable("{\"record\":\"old\"}", {{"ETag", "\"v1\""}}),
+                                        ScriptedResponse{failure, "{\"code\":\"down\"}"}});
+            const auto make = [&](ORVURLRequestCachePolicy policy) -> std::shared_ptr<ORVOrvellaRequest> {
+                ORVURLRequest request(url(QString::fromStdString(path)));
+                request.setCachePolicy(policy);
+                if (authorised)
+                    return ORVOrvellaAccountRequest::requestWithURLRequest(request);
+                return ORVOrvellaSimpleRequest::requestWithURLRequest(request);
+            };
+            const std::string what = path;
+            auto first = deliver(make(ORVURLRequestUseProtocolCachePolicy));
+            EXPECT_EQ(first->status(), 200) << what;
+            auto failed = deliver(make(ORVURLRequestReloadIgnoringLocalAndRemoteCacheData));
+            EXPECT_EQ(failed->calls.load(), 1) << what;
+            EXPECT_EQ(server.requestCount(path), 2u) << what;
+            EXPECT_EQ(failed->status(), failure) << what;
+            EXPECT_EQ(echoed(*failed).value("code").toString(), "down") << what;
         }
     }
 
@@ -356,4 +356,18 @@ TEST_F(HostileServerTest, AFailedWriteIsAnErrorNotATruncatedSuccess)
     EXPECT_EQ(delivery->error.code(), ORVURLErrorCannotWriteToFile) << qPrintable(delivery->error.description());
     EXPECT_FALSE(delivery->data);
     EXPECT_TRUE(filesUnder(home.path()).empty());
+}
+
+// A server's cookie is not kept between requests: it would go with every
+// later request of the session, whoever is signed in by then.
+TEST_F(HostileServerTest, CookiesAreNotCarriedFromOneRequestToTheNext)
+{
+    server.script("GET", "/v1/session",
+                  {ScriptedResponse{200, "{}", "application/json", {{"Set-Cookie", "session=ada-secret; Path=/"}}}});
+    deliver(ORVOrvellaAccountRequest::requestWithURLRequest(ORVURLRequest(url("/v1/session"))));
+    deliver(ORVOrvellaSimpleRequest::requestWithURLRequest(ORVURLRequest(url("/v1/session"))));
+    auto next = deliver(ORVOrvellaAccountRequest::requestWithURLRequest(ORVURLRequest(url("/v1/next"))));
+    EXPECT_EQ(next->status(), 200);
+    for (const auto &request : server.requests())
+        EXPECT_EQ(request.headerCount("cookie"), 0u) << request.path;
 }
