@@ -113,8 +113,10 @@ public:
     // its stored token.
     void resetTokensForAccountWithIdentifier(const QString &identifier);
 
-    // How long one token fetch may take in all, in seconds (default 60, the
-    // fetch request's own time-out).
+    // How long the callers of one token fetch wait for it in all, in seconds
+    // (default 90: past the fetch request's own 60 s time-out, which usually
+    // ends a fetch first). Past it they get NSURLErrorTimedOut; the exchange
+    // itself may still end later, and a device token it rotated is kept.
     double tokenFetchTimeout() const;
     void setTokenFetchTimeout(double seconds);
 
@@ -199,6 +201,10 @@ protected:
     // Puts a token received from the server (or, with a null token, an
     // error) into the cache exactly as a token fetch does; sign-in uses it too.
     void storeTokenForAccountIdentifier(const QString &identifier, const QString &token, const ORVError &error);
+    // A sign-in starts a new session of the account: a fetch still on its
+    // way for the old one, and its callers, count for nothing from here on.
+    // Call it before writing the new device credential.
+    void beginNewSession(const QString &identifier);
 
 private:
     enum class SignInKind { Password, Token, Magic };
@@ -215,14 +221,25 @@ private:
     bool fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
                     const std::weak_ptr<ORVOrvellaNetworkTask> &task,
                     const std::shared_ptr<ORVOrvellaAccount> &account, quint64 generation);
-    void endFetch(const std::shared_ptr<TokenFetch> &fetch, const QByteArray &data,
-                  const std::optional<ORVHTTPURLResponse> &response, const ORVError &error, bool timedOut = false);
+    void failFetchToStart(const QString &identifier, quint64 generation, const QString &reason);
+    // Answers the fetch's callers with the error (once) and lets the token
+    // queue move on.
+    void releaseFetch(const std::shared_ptr<TokenFetch> &fetch, const ORVError &error);
+    // Reads the fetch's reply (once); answers its callers unless that was done.
+    void replyToFetch(const std::shared_ptr<TokenFetch> &fetch, const QByteArray &data,
+                      const std::optional<ORVHTTPURLResponse> &response, const ORVError &error);
+    void finishFetchOperation(const std::shared_ptr<TokenFetch> &fetch);
+    // A new generation for the account; the fetch under way, if any, to release.
+    std::shared_ptr<TokenFetch> beginNewGenerationLocked(const QString &identifier);
     // A fetch's reply is kept only while its account's generation is the one
-    // it started in (nothing means: keep it).
+    // it started in (nothing means: keep it). A late one (its callers had
+    // their answer) keeps the rotated device credential, and its token only
+    // when no other fetch is under way.
     void handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account,
                              const std::shared_ptr<ORVOrvellaRequest> &request,
                              const std::optional<ORVHTTPURLResponse> &response, const QByteArray &data,
-                             const ORVError &error, std::optional<quint64> generation);
+                             const ORVError &error, std::optional<quint64> generation, bool late);
+    void storeLateToken(const QString &identifier, quint64 generation, const QString &token);
     void storeFetchResult(const QString &identifier, quint64 generation, const QString &token, const ORVError &error);
     void storeTokenInCache(const QString &identifier, const QString &token, const ORVError &error);
     void storeLocked(const QString &identifier, const QString &token, const ORVError &error);
@@ -239,12 +256,16 @@ private:
     // Bumped by a reset and by a sign-in: a fetch or a waiting caller of an
     // older generation belongs to a session that has ended.
     QHash<QString, quint64> _generations;
+    QHash<QString, std::weak_ptr<TokenFetch>> _fetches; // the fetch under way
+    // Taken before _tokensLock: a sign-out and the keeping of a rotated
+    // device credential exclude each other.
+    mutable std::recursive_mutex _credentialLock;
     mutable std::mutex _tokensLock;
     std::shared_ptr<ORVOperationQueue> _tokenRequestQueue;
 
     mutable std::mutex _networkManagerLock;
     std::shared_ptr<ORVOrvellaNetworkManager> _networkManager;
-    std::atomic<double> _tokenFetchTimeout = 60.0;
+    std::atomic<double> _tokenFetchTimeout = 90.0;
 };
 
 // Registers the process's one token manager and makes it the shared network

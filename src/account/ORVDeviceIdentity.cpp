@@ -94,7 +94,7 @@ QString prettyHostName(const QString &machineInfoPath)
 QString primaryHardwareAddress()
 {
     struct Candidate {
-        bool device;
+        bool removable;
         QString name;
         QByteArray address;
     };
@@ -102,21 +102,28 @@ QString primaryHardwareAddress()
     for (const QNetworkInterface &interface : QNetworkInterface::allInterfaces()) {
         if (interface.flags().testFlag(QNetworkInterface::IsLoopBack))
             continue;
+        // Only interfaces of real devices: bridges, tunnels and container
+        // links get new random addresses whenever they are made.
+        const QString device = QStringLiteral("/sys/class/net/%1/device").arg(interface.name());
+        if (!QFileInfo::exists(device))
+            continue;
         QByteArray address = permanentAddress(interface.name());
         if (!usable(address))
             address = QByteArray::fromHex(interface.hardwareAddress().remove(QLatin1Char(':')).toLatin1());
         if (!usable(address))
             continue;
-        const bool device = QFileInfo::exists(QStringLiteral("/sys/class/net/%1/device").arg(interface.name()));
-        candidates.push_back({device, interface.name(), address});
+        // A USB adapter comes and goes with its dock.
+        const bool removable =
+            QFileInfo(device + QStringLiteral("/subsystem")).symLinkTarget().endsWith(QLatin1String("/usb"));
+        candidates.push_back({removable, interface.name(), address});
     }
     if (candidates.empty())
         return {};
     // Neither the link state nor the order the kernel lists interfaces in
     // decides: the same hardware gives the same answer at every launch.
     const auto best = std::min_element(candidates.begin(), candidates.end(), [](const auto &a, const auto &b) {
-        if (a.device != b.device)
-            return a.device;
+        if (a.removable != b.removable)
+            return !a.removable;
         return a.name < b.name;
     });
     const auto b = [&](int i) { return static_cast<unsigned>(static_cast<unsigned char>(best->address[i])); };
@@ -125,11 +132,16 @@ QString primaryHardwareAddress()
 
 QString machineBoundIdentifier()
 {
-    QFile file(QStringLiteral("/etc/machine-id"));
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QByteArray machineID = file.read(64).trimmed();
-    if (machineID.size() != 32)
+    QByteArray machineID;
+    for (const QString &path : {QStringLiteral("/etc/machine-id"), QStringLiteral("/var/lib/dbus/machine-id")}) {
+        QFile file(path);
+        if (file.open(QIODevice::ReadOnly))
+            machineID = file.read(64).trimmed();
+        if (machineID.size() == 32)
+            break;
+        machineID.clear();
+    }
+    if (machineID.isEmpty())
         return {};
     // The raw identifier is not to leave the machine; a keyed hash of it is.
     QByteArray digest = QCryptographicHash::hash("OrvellaKit device identifier:" + machineID, QCryptographicHash::Sha256);

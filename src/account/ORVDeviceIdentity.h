@@ -13,14 +13,14 @@ namespace orv::detail {
 QString prettyHostName(const QString &machineInfoPath = QStringLiteral("/etc/machine-info"));
 
 // The primary network interface's permanent hardware address as
-// "%02x:%02x:%02x:%02x:%02x:%02x", whatever the link state: interfaces of
-// real devices before virtual ones, then by name; the permanent address
-// (not one randomised for privacy) when the driver tells it. Empty when
-// there is no interface with one.
+// "%02x:%02x:%02x:%02x:%02x:%02x", whatever the link state: only interfaces
+// of real devices, built-in ones before USB adapters, then by name; the
+// permanent address (not one randomised for privacy) when the driver tells
+// it. Empty when there is no such interface.
 QString primaryHardwareAddress();
 
 // A stable UUID string derived from machine-id(5) (hashed, as the file
-// asks of applications); empty without one.
+// asks of applications; D-Bus's copy when /etc has none); empty without one.
 QString machineBoundIdentifier();
 
 } // namespace orv::detail

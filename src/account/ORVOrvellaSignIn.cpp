@@ -281,6 +281,7 @@ void ORVOrvellaTokenManager::finishSignIn(SignInKind kind, const std::optional<O
 
     auto account = current->copy();
     const ORVURLCredential credential{*user, *deviceToken};
+    beginNewSession(account->identifier());
     updateKeychainWithAccountCredential(credential, account);
     setAccountCredential(credential, account);
     account->setUsername(*user);

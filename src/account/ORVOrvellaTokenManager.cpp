@@ -263,19 +263,39 @@ void ORVOrvellaTokenManager::requestTokenForAccount(const std::shared_ptr<ORVOrv
     }
 }
 
-// One token fetch in flight. It ends exactly once, whichever comes first:
-// the reply, the result of an exchange the network manager dropped, or the
-// fetch's time bound.
+// One token fetch in flight. Its callers are answered exactly once
+// ("released"): by its reply, by its cancellation, by its time bound, or by
+// a sign-out. Its reply is read exactly once too, and may come after the
+// callers were answered: the server rotates the device token with every
+// grant, and the reply is the only copy of the new one.
 struct ORVOrvellaTokenManager::TokenFetch {
-    std::atomic<bool> ended = false;
+    std::atomic<bool> released = false;
+    std::atomic<bool> replied = false;
     std::shared_ptr<ORVOrvellaAccount> account;
     quint64 generation = 0;
-    std::mutex lock; // guards the three below; they are released at the end
+    std::mutex lock; // guards the two below
     std::shared_ptr<ORVBlockOperation> operation;
-    // The fetch's own request (for the log) and its task (for the time bound).
-    std::shared_ptr<ORVOrvellaRequest> request;
-    std::shared_ptr<ORVOrvellaNetworkTask> networkTask;
+    std::shared_ptr<ORVOrvellaRequest> request; // for the log
 };
+
+namespace {
+// The fetch's network task. Cancelling it (the network manager's bulk
+// cancellations reach it like any other task) answers the callers at once,
+// but does not abort the exchange: cut short after the server rotated the
+// device token, it would leave the device with a token the server no
+// longer knows, and the user signed out.
+class TokenFetchTask : public ORVOrvellaNetworkTask {
+public:
+    using ORVOrvellaNetworkTask::ORVOrvellaNetworkTask;
+    void cancel() override {}
+};
+
+bool isCancellation(const std::optional<ORVHTTPURLResponse> &response, const ORVError &error)
+{
+    return !response && error.domain() == ORVOrvellaTokenManagerErrorDomain &&
+           error.code() == ORVOrvellaNetworkTaskCancelledErrorCode;
+}
+} // namespace
 
 bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation> &operation,
                                         const std::weak_ptr<ORVOrvellaNetworkTask> &weakTask,
@@ -319,12 +339,10 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
         // A hook of the application's subclass failed (a keyring that went
         // away, a platform without a device token). Every caller waiting on
         // this fetch hears of it, and the next request fetches again.
-        const QString reason = QString::fromUtf8(exception.what());
-        ORVLogError("Failed to start Orvella token request: %@ %@", id, reason);
-        storeFetchResult(id, generation, QString(),
-                         tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode,
-                                    {{ORVLocalizedDescriptionKey, reason},
-                                     {ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}}));
+        failFetchToStart(id, generation, QString::fromUtf8(exception.what()));
+        return true;
+    } catch (...) {
+        failFetchToStart(id, generation, QStringLiteral("unknown exception"));
         return true;
     }
     request->setCategory(QStringLiteral("Orvella token refresh"));
@@ -339,36 +357,43 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     fetch->generation = generation;
     fetch->operation = operation;
     fetch->request = request;
+    {
+        std::lock_guard lock(_tokensLock);
+        _fetches.insert(id, fetch);
+    }
     std::weak_ptr<ORVOrvellaTokenManager> weakSelf = weak_from_this();
     // The fetch is not nested into the task that asked first: the callers
-    // that wait for it share it, and one of them cancelling must not fail the
-    // others. Nor is it cut short when they all leave: the server may already
-    // have rotated the device token, and the reply is the only copy of the new one.
+    // that wait for it share it, and one of them cancelling must not fail
+    // the others.
     request->setCompletionHandler([weakSelf, fetch](const std::shared_ptr<ORVOrvellaData> &data,
                                                     const std::optional<ORVHTTPURLResponse> &response,
                                                     const ORVError &error) {
-        if (auto self = weakSelf.lock())
-            self->endFetch(fetch, data ? data->data() : QByteArray(), response, error);
+        auto self = weakSelf.lock();
+        if (!self)
+            return;
+        if (isCancellation(response, error))
+            self->releaseFetch(fetch, error);
+        else
+            self->replyToFetch(fetch, data ? data->data() : QByteArray(), response, error);
     });
-    auto networkTask = ORVOrvellaNetworkTask::taskWithRequest(request);
+    auto networkTask = ORVOrvellaNetworkTask::make<TokenFetchTask>(request);
+    // Dropped from the network manager's active set, the exchange still
+    // ends, and its reply still comes here.
     networkTask->setDroppedResultHandler(
         [weakSelf, fetch](const QByteArray &data, const std::optional<ORVHTTPURLResponse> &response,
                           const ORVError &error) {
             if (auto self = weakSelf.lock())
-                self->endFetch(fetch, data, response, error);
+                self->replyToFetch(fetch, data, response, error);
         });
-    {
-        std::lock_guard lock(fetch->lock);
-        fetch->networkTask = networkTask;
-    }
     const auto bound = std::chrono::milliseconds(static_cast<qint64>(std::max(0.0, tokenFetchTimeout()) * 1000.0));
     ORVDispatchQueue::globalQueue()->after(bound, [weakSelf, fetch] {
-        if (fetch->ended.load())
+        if (fetch->released.load())
             return;
         if (auto self = weakSelf.lock()) {
-            const ORVError timedOut(ORVURLErrorDomain, ORVURLErrorTimedOut,
-                                    {{ORVLocalizedDescriptionKey, QStringLiteral("The token request timed out")}});
-            self->endFetch(fetch, QByteArray(), std::nullopt, timedOut, true);
+            ORVLogError("Orvella token request timed out %@", fetch->account->identifier());
+            self->releaseFetch(fetch, ORVError(ORVURLErrorDomain, ORVURLErrorTimedOut,
+                                               {{ORVLocalizedDescriptionKey,
+                                                 QStringLiteral("The token request timed out")}}));
         }
     });
     try {
@@ -381,29 +406,86 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     return false;
 }
 
-void ORVOrvellaTokenManager::endFetch(const std::shared_ptr<TokenFetch> &fetch, const QByteArray &data,
-                                      const std::optional<ORVHTTPURLResponse> &response, const ORVError &error,
-                                      bool timedOut)
+void ORVOrvellaTokenManager::failFetchToStart(const QString &id, quint64 generation, const QString &reason)
 {
-    if (fetch->ended.exchange(true))
+    ORVLogError("Failed to start Orvella token request: %@ %@", id, reason);
+    storeFetchResult(id, generation, QString(),
+                     tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode,
+                                {{ORVLocalizedDescriptionKey, reason},
+                                 {ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}}));
+}
+
+void ORVOrvellaTokenManager::releaseFetch(const std::shared_ptr<TokenFetch> &fetch, const ORVError &error)
+{
+    if (fetch->released.exchange(true))
         return;
-    std::shared_ptr<ORVBlockOperation> operation;
+    storeFetchResult(fetch->account->identifier(), fetch->generation, QString(), error);
+    finishFetchOperation(fetch);
+}
+
+void ORVOrvellaTokenManager::replyToFetch(const std::shared_ptr<TokenFetch> &fetch, const QByteArray &data,
+                                          const std::optional<ORVHTTPURLResponse> &response, const ORVError &error)
+{
+    if (fetch->replied.exchange(true))
+        return;
     std::shared_ptr<ORVOrvellaRequest> request;
-    std::shared_ptr<ORVOrvellaNetworkTask> networkTask;
+    {
+        std::lock_guard lock(fetch->lock);
+        request = std::exchange(fetch->request, nullptr);
+    }
+    // Whether the callers were answered already (a cancellation, the time
+    // bound, a sign-out): then only what must not be lost is kept.
+    const bool late = fetch->released.exchange(true);
+    const QString id = fetch->account->identifier();
+    try {
+        handleTokenResponse(fetch->account, request, response, data, error, fetch->generation, late);
+    } catch (...) {
+        // Whatever an application's hook throws, the callers get an answer
+        // and the token queue moves on.
+        ORVLogError("Failed to handle Orvella token response %@", id);
+        if (!late)
+            storeFetchResult(id, fetch->generation, QString(),
+                             tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode,
+                                        {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}}));
+    }
+    if (!late)
+        finishFetchOperation(fetch);
+}
+
+void ORVOrvellaTokenManager::finishFetchOperation(const std::shared_ptr<TokenFetch> &fetch)
+{
+    std::shared_ptr<ORVBlockOperation> operation;
     {
         std::lock_guard lock(fetch->lock);
         operation = std::exchange(fetch->operation, nullptr);
-        request = std::exchange(fetch->request, nullptr);
-        networkTask = std::exchange(fetch->networkTask, nullptr);
     }
-    if (timedOut && networkTask) {
-        // Past its bound the exchange is given up; its late end is ignored.
-        ORVLogError("Orvella token request timed out %@", fetch->account->identifier());
-        networkManager()->cancelTasksWithIdentifiers({networkTask->request()->identifier()});
+    {
+        std::lock_guard lock(_tokensLock);
+        const QString id = fetch->account->identifier();
+        if (_fetches.value(id).lock() == fetch)
+            _fetches.remove(id);
     }
-    handleTokenResponse(fetch->account, request, response, data, error, fetch->generation);
     if (operation)
         operation->didFinishExecution();
+}
+
+std::shared_ptr<ORVOrvellaTokenManager::TokenFetch> ORVOrvellaTokenManager::beginNewGenerationLocked(const QString &id)
+{
+    ++_generations[id];
+    return _fetches.take(id).lock();
+}
+
+void ORVOrvellaTokenManager::beginNewSession(const QString &id)
+{
+    std::shared_ptr<TokenFetch> superseded;
+    {
+        std::lock_guard credentialLock(_credentialLock);
+        std::lock_guard lock(_tokensLock);
+        superseded = beginNewGenerationLocked(id);
+    }
+    // Its callers belong to the session before; the queue moves on at once.
+    if (superseded)
+        releaseFetch(superseded, tokenError(ORVOrvellaNetworkTaskCancelledErrorCode));
 }
 
 void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_ptr<ORVOrvellaAccount> &account,
@@ -411,28 +493,23 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
                                                             const std::optional<ORVHTTPURLResponse> &response,
                                                             const QByteArray &data, const ORVError &transportError)
 {
-    handleTokenResponse(account, request, response, data, transportError, std::nullopt);
+    handleTokenResponse(account, request, response, data, transportError, std::nullopt, false);
 }
 
 void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account,
                                                  const std::shared_ptr<ORVOrvellaRequest> &request,
                                                  const std::optional<ORVHTTPURLResponse> &response,
                                                  const QByteArray &data, const ORVError &transportError,
-                                                 std::optional<quint64> generation)
+                                                 std::optional<quint64> generation, bool late)
 {
     ORVLogVerbose("Orvella token response: %@ %@ %@", request ? QVariant(request->identifier()) : QVariant(),
                   response ? QVariant(QStringLiteral("HTTP %1").arg(response->statusCode())) : QVariant(),
                   transportError);
     const QString id = account->identifier();
-    if (generation && !isCurrentGeneration(id, *generation)) {
-        // Signed out (or in anew) while the fetch was on its way: its reply,
-        // token and rotated device credential alike, belongs to nobody.
-        ORVLogInfo("Discarding Orvella token response for a reset account %@", id);
-        return;
-    }
     const int status = response ? response->statusCode() : 0;
     QString token;
     ORVError error;
+    QString rotatedDeviceToken;
     if (status < 200 || status > 299) {
         if (transportError) {
             error = transportError;
@@ -471,24 +548,39 @@ void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvell
             token = *received;
         }
         if (body && deviceToken) {
+            rotatedDeviceToken = *deviceToken;
+        }
+    }
+    {
+        // A sign-out takes this lock too: a reply either keeps its rotated
+        // credential before the sign-out, or is discarded after it.
+        std::lock_guard credentialLock(_credentialLock);
+        if (generation && !isCurrentGeneration(id, *generation)) {
+            // Signed out (or in anew) while the fetch was on its way: its
+            // reply, token and rotated device credential alike, belongs to nobody.
+            ORVLogInfo("Discarding Orvella token response for a reset account %@", id);
+            return;
+        }
+        if (!rotatedDeviceToken.isNull()) {
             // The server rotates the device token with each grant.
-            if (auto current = ORVFetchOrvellaAccount()) {
-                const ORVURLCredential credential{current->username().value_or(QString()), *deviceToken};
-                try {
+            try {
+                if (auto current = ORVFetchOrvellaAccount()) {
+                    const ORVURLCredential credential{current->username().value_or(QString()), rotatedDeviceToken};
                     updateKeychainWithAccountCredential(credential, current);
                     setAccountCredential(credential, current);
                     ORVLogVerbose("Updated Orvella token in Keychain %@", current->identifier());
-                } catch (const std::exception &exception) {
-                    ORVLogError("Failed to keep the rotated Orvella device token %@ %@", current->identifier(),
-                                QString::fromUtf8(exception.what()));
                 }
+            } catch (...) {
+                ORVLogError("Failed to keep the rotated Orvella device token %@", id);
             }
         }
     }
-    if (generation)
-        storeFetchResult(id, *generation, token, error);
-    else
+    if (!generation)
         storeTokenInCache(id, token, error);
+    else if (!late)
+        storeFetchResult(id, *generation, token, error);
+    else if (!token.isNull())
+        storeLateToken(id, *generation, token);
     if (error)
         ORVLogError("Finished Orvella token update %@ %d %@", account->identifier(), !token.isNull(), error);
     else
@@ -498,12 +590,20 @@ void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvell
 void ORVOrvellaTokenManager::storeTokenForAccountIdentifier(const QString &id, const QString &token,
                                                             const ORVError &error)
 {
-    {
-        // A new sign-in supersedes fetches of the session before it.
-        std::lock_guard lock(_tokensLock);
-        ++_generations[id];
-    }
     storeTokenInCache(id, token, error);
+}
+
+void ORVOrvellaTokenManager::storeLateToken(const QString &id, quint64 generation, const QString &token)
+{
+    std::lock_guard lock(_tokensLock);
+    // Only into a cache that nothing newer has claimed: the same session,
+    // and no other fetch under way for it.
+    if (_generations.value(id) != generation || _hasActiveTokenRequest.value(id, false))
+        return;
+    _tokens.insert(id, token);
+    _tokenExpirations.insert(id, expirationDateForToken(token).value_or(QDateTime()));
+    _errors.remove(id);
+    storeTokenOrLog(token, id);
 }
 
 void ORVOrvellaTokenManager::storeFetchResult(const QString &id, quint64 generation, const QString &token,
@@ -587,13 +687,19 @@ std::optional<QDateTime> ORVOrvellaTokenManager::expirationDateForToken(const QS
 
 void ORVOrvellaTokenManager::resetTokensForAccountWithIdentifier(const QString &identifier)
 {
-    std::lock_guard lock(_tokensLock);
-    _tokens.remove(identifier);
-    _tokenExpirations.remove(identifier);
-    _errors.remove(identifier);
-    _hasActiveTokenRequest.remove(identifier);
-    // A fetch still on its way, and the callers waiting for it, now belong
-    // to a session that has ended.
-    ++_generations[identifier];
-    storeTokenOrLog(QString(), identifier);
+    std::shared_ptr<TokenFetch> superseded;
+    {
+        std::lock_guard credentialLock(_credentialLock);
+        std::lock_guard lock(_tokensLock);
+        _tokens.remove(identifier);
+        _tokenExpirations.remove(identifier);
+        _errors.remove(identifier);
+        _hasActiveTokenRequest.remove(identifier);
+        // A fetch still on its way, and the callers waiting for it, now
+        // belong to a session that has ended.
+        superseded = beginNewGenerationLocked(identifier);
+        storeTokenOrLog(QString(), identifier);
+    }
+    if (superseded)
+        releaseFetch(superseded, tokenError(ORVOrvellaNetworkTaskCancelledErrorCode));
 }

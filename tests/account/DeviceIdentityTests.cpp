@@ -14,9 +14,13 @@
 using namespace orv::test;
 
 // The identifier must not change with the link state of the interfaces,
-// nor with the order they come up in.
+// nor with the order they come up in. The namespace has virtual interfaces
+// only, whose addresses a real computer makes anew at every boot, so the
+// identifier comes from the machine's identity instead.
 TEST(DeviceIdentity, UniqueIdentifierIgnoresTheLinkState)
 {
+    if (orv::detail::machineBoundIdentifier().isEmpty())
+        GTEST_SKIP() << "no machine-id on this machine";
     const QString unshare = QStandardPaths::findExecutable(QStringLiteral("unshare"));
     const QString ip = QStandardPaths::findExecutable(QStringLiteral("ip"), {"/usr/sbin", "/sbin", "/usr/bin", "/bin"});
     if (unshare.isEmpty() || ip.isEmpty())
@@ -50,8 +54,8 @@ TEST(DeviceIdentity, UniqueIdentifierIgnoresTheLinkState)
     ASSERT_EQ(identifiers.size(), 4) << qPrintable(output);
     for (const QString &identifier : identifiers)
         EXPECT_EQ(identifier, identifiers.first());
-    // The first interface by name, though it came up last.
-    EXPECT_TRUE(identifiers.first().startsWith(QLatin1String("02:aa:bb:cc:dd:ee-"))) << qPrintable(identifiers.first());
+    EXPECT_TRUE(identifiers.first().startsWith(orv::detail::machineBoundIdentifier() + u'-'))
+        << qPrintable(identifiers.first());
 }
 
 TEST(DeviceIdentity, PrettyHostNameReadsMachineInfo)

@@ -166,6 +166,11 @@ TEST_F(TokenFetchTest, AFetchDroppedByTheCategorySelectionStillEnds)
     // The waiting request itself has no category, so it was cancelled.
     EXPECT_EQ(waiting.calls.load(), 1);
     EXPECT_EQ(waiting.error.code(), 16);
+    spinFor(500ms); // the token arrives meanwhile
+    EXPECT_TRUE(manager->activeTasks().empty()) << "the cancelled request never had a URL task to end it";
+    manager->cancelActiveTasks();
+    spinFor(50ms);
+    EXPECT_EQ(waiting.calls.load(), 1) << "a later cancellation called it again";
 
     // The manager is not wedged: the next request is answered, with the token
     // the dropped fetch brought.
@@ -260,4 +265,70 @@ TEST_F(TokenFetchTest, TheTokenResponseLogNamesItsRequestAndNotItsToken)
     EXPECT_TRUE(named.match(log).hasMatch()) << qPrintable(log.right(2000));
     EXPECT_FALSE(log.contains(QLatin1String("Orvella token response: (null)")));
     EXPECT_FALSE(log.contains(token)) << "the access token reached the log";
+}
+
+// The account block of the application throws: the request still ends, once.
+TEST_F(TokenFetchTest, AnAccountBlockThatThrowsStillEndsTheRequest)
+{
+    ORVRegisterOrvellaAccountFetchBlock([]() -> std::shared_ptr<ORVOrvellaAccount> {
+        throw std::runtime_error("the account store is locked");
+    });
+    Delivery delivery;
+    RecordAssertions record;
+    EXPECT_THROW(manager->startRequest(echoRequest(echo(), delivery)), std::runtime_error);
+    ASSERT_TRUE(delivery.waitForCall());
+    EXPECT_EQ(delivery.calls.load(), 1);
+    EXPECT_TRUE(delivery.error);
+    EXPECT_TRUE(manager->activeTasks().empty());
+    accounts->registerBlocks(accounts);
+}
+
+// Given up by its callers after the time bound, a fetch's late reply still
+// keeps the device token the server rotated: without it the next fetch
+// would present a token the server no longer knows.
+TEST_F(TokenFetchTest, ALateReplyStillKeepsTheRotatedDeviceToken)
+{
+    tokens->setTokenFetchTimeout(0.3);
+    server.script("POST", "/v1/auth/device/", {tokenReply(makeToken(3600), 1200ms, QStringLiteral("dev-rotated"))});
+    Delivery given;
+    manager->startRequest(echoRequest(echo(), given));
+    ASSERT_TRUE(given.waitForCall());
+    EXPECT_EQ(given.error.code(), ORVURLErrorTimedOut);
+    ASSERT_TRUE(waitUntil([&] {
+        const auto credential = tokens->currentCredential();
+        return credential && credential->password == "dev-rotated";
+    })) << "the rotated device token was lost";
+    // Cancelling every waiter does not cut the exchange short either.
+    tokens->resetTokensForAccountWithIdentifier(QStringLiteral("account-1"));
+    server.script("POST", "/v1/auth/device/", {tokenReply(makeToken(3600), 400ms, QStringLiteral("dev-again"))});
+    Delivery cancelled;
+    auto request = echoRequest(echo(), cancelled);
+    manager->startRequest(request);
+    ASSERT_TRUE(waitUntil([&] { return fetches() == 2; }));
+    manager->cancelActiveTasks();
+    ASSERT_TRUE(cancelled.waitForCall());
+    EXPECT_EQ(cancelled.error.code(), 16);
+    EXPECT_TRUE(waitUntil([&] {
+        const auto credential = tokens->currentCredential();
+        return credential && credential->password == "dev-again";
+    })) << "cancelling the waiters cut the exchange short";
+}
+
+// After a sign-out the next session's requests do not wait behind the old
+// session's fetch.
+TEST_F(TokenFetchTest, ASignOutDoesNotLeaveTheQueueToTheOldFetch)
+{
+    server.script("POST", "/v1/auth/device/", {tokenReply(makeToken(3600), 4000ms)});
+    Delivery old;
+    manager->startRequest(echoRequest(echo(), old));
+    ASSERT_TRUE(waitUntil([&] { return fetches() == 1; }));
+    tokens->resetTokensForAccountWithIdentifier(QStringLiteral("account-1"));
+    server.clearScripts();
+    // The old caller is told at once; the new session fetches anew.
+    ASSERT_TRUE(old.waitForCall(2s));
+    EXPECT_EQ(old.error.code(), 16);
+    Delivery next;
+    manager->startRequest(echoRequest(echo(), next));
+    ASSERT_TRUE(next.waitForCall(2500ms)) << "the new request waited for the old session's fetch";
+    EXPECT_EQ(next.status(), 200) << qPrintable(next.error.description());
 }
