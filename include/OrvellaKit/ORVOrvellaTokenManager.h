@@ -235,8 +235,7 @@ private:
     // it started in (nothing means: keep it). A late one (its callers had
     // their answer) keeps the rotated device credential, and its token only
     // when no other fetch is under way.
-    void handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account,
-                             const std::shared_ptr<ORVOrvellaRequest> &request,
+    void handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account, const QUuid &requestIdentifier,
                              const std::optional<ORVHTTPURLResponse> &response, const QByteArray &data,
                              const ORVError &error, std::optional<quint64> generation, bool late);
     void storeLateToken(const QString &identifier, quint64 generation, const QString &token);

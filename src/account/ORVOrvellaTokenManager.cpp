@@ -273,9 +273,11 @@ struct ORVOrvellaTokenManager::TokenFetch {
     std::atomic<bool> replied = false;
     std::shared_ptr<ORVOrvellaAccount> account;
     quint64 generation = 0;
-    std::mutex lock; // guards the two below
+    // The fetch's request, for the log. Not the request itself: its
+    // completion handler holds this fetch.
+    QUuid requestIdentifier;
+    std::mutex lock; // guards the operation
     std::shared_ptr<ORVBlockOperation> operation;
-    std::shared_ptr<ORVOrvellaRequest> request; // for the log
 };
 
 namespace {
@@ -356,7 +358,7 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
     fetch->account = account;
     fetch->generation = generation;
     fetch->operation = operation;
-    fetch->request = request;
+    fetch->requestIdentifier = request->identifier();
     {
         std::lock_guard lock(_tokensLock);
         _fetches.insert(id, fetch);
@@ -428,17 +430,12 @@ void ORVOrvellaTokenManager::replyToFetch(const std::shared_ptr<TokenFetch> &fet
 {
     if (fetch->replied.exchange(true))
         return;
-    std::shared_ptr<ORVOrvellaRequest> request;
-    {
-        std::lock_guard lock(fetch->lock);
-        request = std::exchange(fetch->request, nullptr);
-    }
     // Whether the callers were answered already (a cancellation, the time
     // bound, a sign-out): then only what must not be lost is kept.
     const bool late = fetch->released.exchange(true);
     const QString id = fetch->account->identifier();
     try {
-        handleTokenResponse(fetch->account, request, response, data, error, fetch->generation, late);
+        handleTokenResponse(fetch->account, fetch->requestIdentifier, response, data, error, fetch->generation, late);
     } catch (...) {
         // Whatever an application's hook throws, the callers get an answer
         // and the token queue moves on.
@@ -493,16 +490,17 @@ void ORVOrvellaTokenManager::continueTokenRequestForAccount(const std::shared_pt
                                                             const std::optional<ORVHTTPURLResponse> &response,
                                                             const QByteArray &data, const ORVError &transportError)
 {
-    handleTokenResponse(account, request, response, data, transportError, std::nullopt, false);
+    handleTokenResponse(account, request ? request->identifier() : QUuid(), response, data, transportError, std::nullopt,
+                        false);
 }
 
 void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvellaAccount> &account,
-                                                 const std::shared_ptr<ORVOrvellaRequest> &request,
+                                                 const QUuid &requestIdentifier,
                                                  const std::optional<ORVHTTPURLResponse> &response,
                                                  const QByteArray &data, const ORVError &transportError,
                                                  std::optional<quint64> generation, bool late)
 {
-    ORVLogVerbose("Orvella token response: %@ %@ %@", request ? QVariant(request->identifier()) : QVariant(),
+    ORVLogVerbose("Orvella token response: %@ %@ %@", requestIdentifier.isNull() ? QVariant() : QVariant(requestIdentifier),
                   response ? QVariant(QStringLiteral("HTTP %1").arg(response->statusCode())) : QVariant(),
                   transportError);
     const QString id = account->identifier();

@@ -318,7 +318,8 @@ TEST_F(TokenFetchTest, ALateReplyStillKeepsTheRotatedDeviceToken)
 // session's fetch.
 TEST_F(TokenFetchTest, ASignOutDoesNotLeaveTheQueueToTheOldFetch)
 {
-    server.script("POST", "/v1/auth/device/", {tokenReply(makeToken(3600), 4000ms)});
+    // The old reply comes long after the new session's own would.
+    server.script("POST", "/v1/auth/device/", {tokenReply(makeToken(3600), 6000ms)});
     Delivery old;
     manager->startRequest(echoRequest(echo(), old));
     ASSERT_TRUE(waitUntil([&] { return fetches() == 1; }));
@@ -329,6 +330,6 @@ TEST_F(TokenFetchTest, ASignOutDoesNotLeaveTheQueueToTheOldFetch)
     EXPECT_EQ(old.error.code(), 16);
     Delivery next;
     manager->startRequest(echoRequest(echo(), next));
-    ASSERT_TRUE(next.waitForCall(2500ms)) << "the new request waited for the old session's fetch";
+    ASSERT_TRUE(next.waitForCall(4500ms)) << "the new request waited for the old session's fetch";
     EXPECT_EQ(next.status(), 200) << qPrintable(next.error.description());
 }

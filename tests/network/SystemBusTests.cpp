@@ -11,11 +11,16 @@
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
 #include <QDBusVirtualObject>
-#include <QProcess>
 #include <QStandardPaths>
 #include <QThread>
 
+#include <mutex>
+
+#include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace orv::test;
@@ -29,73 +34,59 @@ public:
     QString introspect(const QString &) const override { return {}; }
     bool handleMessage(const QDBusMessage &message, const QDBusConnection &) override
     {
-        std::lock_guard lock(mutex);
-        held.push_back(message);
-        ++received;
+        std::lock_guard lock(_mutex);
+        _held.push_back(message);
+        ++_received;
         return true;
     }
-    std::mutex mutex;
-    std::vector<QDBusMessage> held;
-    int received = 0;
+    int count()
+    {
+        std::lock_guard lock(_mutex);
+        return _received;
+    }
+    std::vector<QDBusMessage> take()
+    {
+        std::lock_guard lock(_mutex);
+        return std::exchange(_held, {});
+    }
+
+private:
+    std::mutex _mutex;
+    std::vector<QDBusMessage> _held;
+    int _received = 0;
 };
 
-// logind and hostnamed on their own thread of this process.
-class StandInServices {
+// logind and hostnamed on their own thread of this process. What the test
+// and that thread share is handed over through atomics and mutexes of ours,
+// so that ThreadSanitizer sees it (Qt's own synchronisation is not
+// instrumented).
+class StandInServices : public QThread {
 public:
-    explicit StandInServices(const QString &address)
+    explicit StandInServices(QString address) : _address(std::move(address))
     {
-        _thread.start();
-        _logind = new HeldCalls;
-        _hostnamed = new HeldCalls;
-        _logind->moveToThread(&_thread);
-        _hostnamed->moveToThread(&_thread);
-        QMetaObject::invokeMethod(
-            _logind,
-            [this, address] {
-                _connection = QDBusConnection::connectToBus(address, QStringLiteral("stand-in-services"));
-                _ok = _connection.isConnected() &&
-                      _connection.registerService(QStringLiteral("org.freedesktop.login1")) &&
-                      _connection.registerService(QStringLiteral("org.freedesktop.hostname1")) &&
-                      _connection.registerVirtualObject(QStringLiteral("/org/freedesktop/login1"), _logind) &&
-                      _connection.registerVirtualObject(QStringLiteral("/org/freedesktop/hostname1"), _hostnamed);
-            },
-            Qt::BlockingQueuedConnection);
+        // The services answer on this thread, whatever the test's thread does.
+        _logind.moveToThread(this);
+        _hostnamed.moveToThread(this);
+        start();
+        // What run() sets up before it says so is the test's to read after.
+        while (!_started.load(std::memory_order_acquire))
+            QThread::msleep(1);
     }
-    ~StandInServices()
+    ~StandInServices() override
     {
-        QMetaObject::invokeMethod(
-            _logind,
-            [this] {
-                QDBusConnection::disconnectFromBus(QStringLiteral("stand-in-services"));
-                delete _logind;
-                delete _hostnamed;
-            },
-            Qt::BlockingQueuedConnection);
-        _thread.quit();
-        _thread.wait();
+        quit();
+        wait();
         for (int fd : _readEnds)
             ::close(fd);
     }
     bool isReady() const { return _ok; }
-    int inhibitCalls()
-    {
-        std::lock_guard lock(_logind->mutex);
-        return _logind->received;
-    }
-    int hostnamedCalls()
-    {
-        std::lock_guard lock(_hostnamed->mutex);
-        return _hostnamed->received;
-    }
+    int inhibitCalls() { return _logind.count(); }
+    int hostnamedCalls() { return _hostnamed.count(); }
     // Answers every held Inhibit call with the write end of a new pipe; the
     // read end tells whether the caller still holds the lock.
     void answerInhibitCalls()
     {
-        std::vector<QDBusMessage> calls;
-        {
-            std::lock_guard lock(_logind->mutex);
-            calls.swap(_logind->held);
-        }
+        const std::vector<QDBusMessage> calls = _logind.take();
         for (const QDBusMessage &call : calls) {
             int ends[2];
             ASSERT_EQ(::pipe(ends), 0);
@@ -115,13 +106,81 @@ public:
         return false;
     }
 
+protected:
+    void run() override
+    {
+        const QString name = QStringLiteral("stand-in-services");
+        {
+            QDBusConnection connection = QDBusConnection::connectToBus(_address, name);
+            const bool ok = connection.isConnected() &&
+                            connection.registerService(QStringLiteral("org.freedesktop.login1")) &&
+                            connection.registerService(QStringLiteral("org.freedesktop.hostname1")) &&
+                            connection.registerVirtualObject(QStringLiteral("/org/freedesktop/login1"), &_logind) &&
+                            connection.registerVirtualObject(QStringLiteral("/org/freedesktop/hostname1"), &_hostnamed);
+            _connection = connection;
+            _ok = ok;
+            _started.store(true, std::memory_order_release);
+        }
+        exec();
+        QDBusConnection::disconnectFromBus(name);
+    }
+
 private:
-    QThread _thread;
-    HeldCalls *_logind = nullptr;
-    HeldCalls *_hostnamed = nullptr;
-    QDBusConnection _connection{QString()};
+    const QString _address;
+    HeldCalls _logind;
+    HeldCalls _hostnamed;
+    std::atomic<bool> _started = false;
     bool _ok = false;
+    QDBusConnection _connection{QString()};
     std::vector<int> _readEnds;
+};
+
+// A private bus daemon, started with posix_spawn: QProcess forks in a way
+// that leaves ThreadSanitizer's view of the starting thread's locks wrong.
+class BusDaemon {
+public:
+    ~BusDaemon()
+    {
+        if (_pid > 0) {
+            ::kill(_pid, SIGTERM);
+            ::waitpid(_pid, nullptr, 0);
+        }
+        if (_output >= 0)
+            ::close(_output);
+    }
+    // The daemon's address, or an empty string.
+    QString start(const QString &program, const QString &socket)
+    {
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            return {};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+        const QByteArray path = QFile::encodeName(program);
+        const QByteArray address = "--address=unix:path=" + QFile::encodeName(socket);
+        char session[] = "--session", nofork[] = "--nofork", print[] = "--print-address=1";
+        char *argv[] = {const_cast<char *>(path.constData()), session, nofork, print,
+                        const_cast<char *>(address.constData()), nullptr};
+        const int spawned = ::posix_spawn(&_pid, path.constData(), &actions, nullptr, argv, environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(ends[1]);
+        _output = ends[0];
+        if (spawned != 0) {
+            _pid = -1;
+            return {};
+        }
+        QByteArray line;
+        char c = 0;
+        pollfd p{_output, POLLIN, 0};
+        while (::poll(&p, 1, 10000) > 0 && ::read(_output, &c, 1) == 1 && c != '\n')
+            line.append(c);
+        return QString::fromUtf8(line).trimmed();
+    }
+
+private:
+    pid_t _pid = -1;
+    int _output = -1;
 };
 
 class SystemBusTest : public AccountServerTest {
@@ -131,14 +190,8 @@ protected:
         const QString daemonPath = QStandardPaths::findExecutable(QStringLiteral("dbus-daemon"));
         if (daemonPath.isEmpty())
             GTEST_SKIP() << "no dbus-daemon";
-        const QString socket = home.filePath(QStringLiteral("system_bus_socket"));
-        _daemon.setProgram(daemonPath);
-        _daemon.setArguments({QStringLiteral("--session"), QStringLiteral("--nofork"), QStringLiteral("--print-address=1"),
-                              QStringLiteral("--address=unix:path=") + socket});
-        _daemon.start();
-        ASSERT_TRUE(_daemon.waitForStarted());
-        ASSERT_TRUE(waitUntil([&] { return _daemon.canReadLine(); }, 10s));
-        const QString address = QString::fromUtf8(_daemon.readLine()).trimmed();
+        const QString address = _daemon.start(daemonPath, home.filePath(QStringLiteral("system_bus_socket")));
+        ASSERT_FALSE(address.isEmpty());
         // Must be in place before anything of this process looks for the
         // system bus: each test runs in a process of its own.
         qputenv("DBUS_SYSTEM_BUS_ADDRESS", address.toUtf8());
@@ -150,11 +203,9 @@ protected:
     {
         AccountServerTest::TearDown();
         _services.reset();
-        _daemon.kill();
-        _daemon.waitForFinished();
     }
 
-    QProcess _daemon;
+    BusDaemon _daemon;
     std::unique_ptr<StandInServices> _services;
 };
 
