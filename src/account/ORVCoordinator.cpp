@@ -58,14 +58,17 @@ public:
         return *shared;
     }
 
-    void acquire(const QString &who, const QString &why)
+    // `who` is asked for only when logind is: it may cost an exception.
+    void acquire(const std::function<QString()> &who, const QString &why)
     {
-        std::lock_guard lock(_lock);
-        ++_users;
-        if (_fd >= 0 || _asking || !orv::detail::systemBusMayExist())
-            return;
-        _asking = true;
-        _queue->async([this, who, why] { answered(takeInhibitorLock(who, why)); });
+        {
+            std::lock_guard lock(_lock);
+            ++_users;
+            if (_fd >= 0 || _asking || !orv::detail::systemBusMayExist())
+                return;
+            _asking = true;
+        }
+        _queue->async([this, owner = who(), why] { answered(takeInhibitorLock(owner, why)); });
     }
 
     void release()
@@ -168,7 +171,7 @@ ORVBackgroundTaskToken ORVPlatformCoordinator::beginBackgroundTaskWithName(const
 {
     Q_UNUSED(expirationHandler); // deliberately neither kept nor called
     const QString reason = name.isNull() ? QStringLiteral("ORVPlatformCoordinator") : name;
-    SharedInhibitor::instance().acquire(activityOwnerName(*this), reason);
+    SharedInhibitor::instance().acquire([this] { return activityOwnerName(*this); }, reason);
     return ORVBackgroundTaskToken(new ORVBackgroundActivity(reason, kBackgroundActivityOptions, true));
 }
 
