@@ -83,7 +83,9 @@ TEST_F(TokenManagerTest, StoredTokensNeedMoreThanAMinute)
     };
     const std::vector<Case> cases = {
         {makeToken(60), false},
-        {makeToken(61), true},
+        // "exp" is in whole seconds: made at the end of a second, a token
+        // of 61 has a little over 60 left and can fall below by the check.
+        {makeToken(62), true},
         {makeToken(3600, 2), false}, // no readable expiry
         {makeToken(-5), false},
     };
