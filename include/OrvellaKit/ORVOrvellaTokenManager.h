@@ -240,7 +240,6 @@ private:
                              const ORVError &error, std::optional<quint64> generation, bool late);
     void storeLateToken(const QString &identifier, quint64 generation, const QString &token);
     void storeFetchResult(const QString &identifier, quint64 generation, const QString &token, const ORVError &error);
-    void storeTokenInCache(const QString &identifier, const QString &token, const ORVError &error);
     void storeLocked(const QString &identifier, const QString &token, const ORVError &error);
     bool isCurrentGeneration(const QString &identifier, quint64 generation) const;
     // The subclass's stored-token hooks; what they throw is logged, not passed on.

@@ -276,7 +276,7 @@ struct ORVOrvellaTokenManager::TokenFetch {
     // The fetch's request, for the log. Not the request itself: its
     // completion handler holds this fetch.
     QUuid requestIdentifier;
-    std::mutex lock; // guards the operation
+    // Taken out by the one call that answers the callers ("released").
     std::shared_ptr<ORVBlockOperation> operation;
 };
 
@@ -296,6 +296,16 @@ bool isCancellation(const std::optional<ORVHTTPURLResponse> &response, const ORV
 {
     return !response && error.domain() == ORVOrvellaTokenManagerErrorDomain &&
            error.code() == ORVOrvellaNetworkTaskCancelledErrorCode;
+}
+
+// A hook of the application's subclass threw while the fetch started or its
+// reply was read.
+ORVError fetchFailedError(const QString &reason)
+{
+    QVariantMap userInfo{{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}};
+    if (!reason.isEmpty())
+        userInfo.insert(ORVLocalizedDescriptionKey, reason);
+    return tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode, userInfo);
 }
 } // namespace
 
@@ -411,10 +421,7 @@ bool ORVOrvellaTokenManager::fetchToken(const std::shared_ptr<ORVBlockOperation>
 void ORVOrvellaTokenManager::failFetchToStart(const QString &id, quint64 generation, const QString &reason)
 {
     ORVLogError("Failed to start Orvella token request: %@ %@", id, reason);
-    storeFetchResult(id, generation, QString(),
-                     tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode,
-                                {{ORVLocalizedDescriptionKey, reason},
-                                 {ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}}));
+    storeFetchResult(id, generation, QString(), fetchFailedError(reason));
 }
 
 void ORVOrvellaTokenManager::releaseFetch(const std::shared_ptr<TokenFetch> &fetch, const ORVError &error)
@@ -441,9 +448,7 @@ void ORVOrvellaTokenManager::replyToFetch(const std::shared_ptr<TokenFetch> &fet
         // and the token queue moves on.
         ORVLogError("Failed to handle Orvella token response %@", id);
         if (!late)
-            storeFetchResult(id, fetch->generation, QString(),
-                             tokenError(ORVOrvellaTokenManagerTokenFetchFailedErrorCode,
-                                        {{ORVLocalizedFailureReasonErrorKey, QStringLiteral("Failed to get token")}}));
+            storeFetchResult(id, fetch->generation, QString(), fetchFailedError(QString()));
     }
     if (!late)
         finishFetchOperation(fetch);
@@ -451,11 +456,7 @@ void ORVOrvellaTokenManager::replyToFetch(const std::shared_ptr<TokenFetch> &fet
 
 void ORVOrvellaTokenManager::finishFetchOperation(const std::shared_ptr<TokenFetch> &fetch)
 {
-    std::shared_ptr<ORVBlockOperation> operation;
-    {
-        std::lock_guard lock(fetch->lock);
-        operation = std::exchange(fetch->operation, nullptr);
-    }
+    const auto operation = std::exchange(fetch->operation, nullptr);
     {
         std::lock_guard lock(_tokensLock);
         const QString id = fetch->account->identifier();
@@ -574,7 +575,7 @@ void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvell
         }
     }
     if (!generation)
-        storeTokenInCache(id, token, error);
+        storeTokenForAccountIdentifier(id, token, error);
     else if (!late)
         storeFetchResult(id, *generation, token, error);
     else if (!token.isNull())
@@ -588,7 +589,8 @@ void ORVOrvellaTokenManager::handleTokenResponse(const std::shared_ptr<ORVOrvell
 void ORVOrvellaTokenManager::storeTokenForAccountIdentifier(const QString &id, const QString &token,
                                                             const ORVError &error)
 {
-    storeTokenInCache(id, token, error);
+    std::lock_guard lock(_tokensLock);
+    storeLocked(id, token, error);
 }
 
 void ORVOrvellaTokenManager::storeLateToken(const QString &id, quint64 generation, const QString &token)
@@ -598,10 +600,7 @@ void ORVOrvellaTokenManager::storeLateToken(const QString &id, quint64 generatio
     // and no other fetch under way for it.
     if (_generations.value(id) != generation || _hasActiveTokenRequest.value(id, false))
         return;
-    _tokens.insert(id, token);
-    _tokenExpirations.insert(id, expirationDateForToken(token).value_or(QDateTime()));
-    _errors.remove(id);
-    storeTokenOrLog(token, id);
+    storeLocked(id, token, ORVError());
 }
 
 void ORVOrvellaTokenManager::storeFetchResult(const QString &id, quint64 generation, const QString &token,
@@ -614,12 +613,6 @@ void ORVOrvellaTokenManager::storeFetchResult(const QString &id, quint64 generat
         ORVLogInfo("Discarding Orvella token response for a reset account %@", id);
         return;
     }
-    storeLocked(id, token, error);
-}
-
-void ORVOrvellaTokenManager::storeTokenInCache(const QString &id, const QString &token, const ORVError &error)
-{
-    std::lock_guard lock(_tokensLock);
     storeLocked(id, token, error);
 }
 

@@ -310,11 +310,8 @@ void ORVOrvellaNetworkManager::continueTask(const std::shared_ptr<ORVOrvellaNetw
     } catch (const ORVException &exception) {
         // The session's own assertion, here on a thread that is not the
         // caller's: the task ends with an error instead of staying active.
-        if (activity)
-            coordinator->endBackgroundTask(*activity);
-        failTask(task, invalidSessionError(urlRequest.URL()));
         ORVLogError("Orvella Networking: %@", exception.reason());
-        return;
+        urlTask.reset();
     }
     if (!urlTask) {
         if (activity)

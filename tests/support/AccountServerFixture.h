@@ -55,25 +55,18 @@ private:
 };
 
 // Requests that run on the background session (downloads).
-class BackgroundAccountRequest : public ORVOrvellaAccountRequest {
+template <class Base>
+class BackgroundRequestOf : public Base {
 public:
-    using ORVOrvellaAccountRequest::ORVOrvellaAccountRequest;
-    static std::shared_ptr<BackgroundAccountRequest> make(const ORVURLRequest &request)
+    using Base::Base;
+    static std::shared_ptr<BackgroundRequestOf> make(const ORVURLRequest &request)
     {
-        return ORVOrvellaRequest::make<BackgroundAccountRequest>(request);
+        return ORVOrvellaRequest::make<BackgroundRequestOf>(request);
     }
     bool useBackgroundSession() const override { return true; }
 };
-
-class BackgroundSimpleRequest : public ORVOrvellaSimpleRequest {
-public:
-    using ORVOrvellaSimpleRequest::ORVOrvellaSimpleRequest;
-    static std::shared_ptr<BackgroundSimpleRequest> make(const ORVURLRequest &request)
-    {
-        return ORVOrvellaRequest::make<BackgroundSimpleRequest>(request);
-    }
-    bool useBackgroundSession() const override { return true; }
-};
+using BackgroundAccountRequest = BackgroundRequestOf<ORVOrvellaAccountRequest>;
+using BackgroundSimpleRequest = BackgroundRequestOf<ORVOrvellaSimpleRequest>;
 
 // The application's side of account storage: one current account, replaced
 // by what the save block receives. Read from any thread.
