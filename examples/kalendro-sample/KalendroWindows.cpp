@@ -195,8 +195,10 @@ void KalendroWindows::showCrashReport()
     ORVDataCollectionItem item;
     item.text = QStringLiteral("Problem report: ") + dialog.comments();
     item.category = QStringLiteral("crash-report");
-    _usage->addItem(item);
-    tell("queued the problem report with the usage reports");
+    if (const ORVError error = _usage->addItem(item))
+        tell(ORVStringWithFormat("the problem report was not queued: %@", error.localizedDescription()));
+    else
+        tell("queued the problem report with the usage reports");
 }
 
 void KalendroWindows::showPendingReports()

@@ -319,8 +319,8 @@ int main(int argc, char **argv)
     launch.language = QLocale().name().section(QLatin1Char('_'), 0, 0);
     launch.country = QLocale::territoryToCode(QLocale().territory());
     launch.userInfo = QJsonObject{{"version", bundle.objectForInfoDictionaryKey("CFBundleVersion").toString()}};
-    std::atomic<bool> usageQueued = false;
-    usage->addItem(launch, [&usageQueued] { usageQueued = true; });
+    if (const ORVError error = usage->addItem(launch))
+        say(ORVStringWithFormat("the usage report was not queued: %@", error.localizedDescription()));
     usage->startSubmissionTimer();
 
     // 8. The session: account, sign-in, token, a request, the key.
@@ -361,9 +361,6 @@ int main(int argc, char **argv)
     windows.reset();
 
     usage->stopSubmissionTimer();
-    // The report is written on a background queue; a quick run may end first.
-    for (int i = 0; i < 200 && !usageQueued; ++i)
-        QThread::msleep(10);
     say(ORVStringWithFormat("usage reports waiting in %@: %ld", usage->URLForPendingItems().toLocalFile(),
                             static_cast<long>(usage->pendingItems().size())));
     secrets->flush();

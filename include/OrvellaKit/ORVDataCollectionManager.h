@@ -8,8 +8,14 @@
 //
 // The queue is one JSON file, "PendingSubmissions.json" in the application's
 // data folder (ORVApplicationSupportDirectory()); nothing is kept in memory
-// between calls. A sent report leaves the file only after the server
-// answered 2xx.
+// between calls. A report is in the file when addItem() returns, and leaves
+// it only after the server answered 2xx for its batch.
+//
+// Every read-modify-write of the file holds a lock, within the process and
+// across processes ("PendingSubmissions.json.lock" beside it), so copies of
+// the application that share the file never lose each other's reports. One
+// submission pass runs at a time: a request made while one is under way is
+// served by one more pass when it ends.
 
 #include <OrvellaKit/ORVError.h>
 
@@ -28,6 +34,14 @@
 
 class QTimer;
 
+extern const QString ORVDataCollectionManagerErrorDomain; // "com.orvella.orvellakit.datacollection.error"
+// The application's data folder cannot be made, so there is no queue file.
+constexpr qint64 ORVDataCollectionManagerNoQueueFolderErrorCode = 1;
+// The queue file cannot be locked, read back or written; nothing was changed.
+constexpr qint64 ORVDataCollectionManagerWriteFailedErrorCode = 2;
+// The item was queued before (it has a date); it is not queued again.
+constexpr qint64 ORVDataCollectionManagerItemAlreadyQueuedErrorCode = 3;
+
 // One report. A field without a value is left out of both JSON forms.
 class ORVDataCollectionItem {
 public:
@@ -35,7 +49,7 @@ public:
     // Reads the storage form: strings under "text", "category", "language",
     // "country", an object under "userInfo", and "scheduledSubmissionDate"
     // as seconds since 2001-01-01 00:00:00 UTC (a number, or a string
-    // holding one). Values of another type read as no value.
+    // holding one). Anything else the form holds is kept in storedValues.
     explicit ORVDataCollectionItem(const QJsonObject &dictionary);
 
     std::optional<QString> text;
@@ -46,6 +60,12 @@ public:
     std::optional<QJsonObject> userInfo;
     // Set when the item is queued.
     std::optional<QDateTime> scheduledSubmissionDate;
+    // What a stored form held that the fields above cannot: a value of
+    // another type under one of their keys (a number as "text", say) or a
+    // key this version does not know. Both JSON forms carry it as it was
+    // read, so a report is never changed on its way through the queue; a
+    // field above that has a value takes precedence over it.
+    QJsonObject storedValues;
 
     // The file's form of the item (with "scheduledSubmissionDate").
     QJsonObject JSONDictionaryForStorage() const;
@@ -87,17 +107,24 @@ public:
     double submissionDelay() const;
     void setSubmissionDelay(double seconds);
 
-    // Queues the item, due submissionDelay() seconds from now. The item must
-    // not have a date yet ("[item scheduledSubmissionDate] == nil"). The date
-    // is set at once; writing the file and trying a submission happen on a
-    // background queue, after which `queued` (if any) is called there.
-    void addItem(ORVDataCollectionItem item, std::function<void()> queued = {});
-    void addItem(ORVDataCollectionItem item, double submissionDelay, std::function<void()> queued = {});
+    // Queues the item, due submissionDelay() seconds from now, and sets its
+    // scheduledSubmissionDate to that date. The item is in the file when the
+    // call returns (written and synced, behind whatever was queued before),
+    // so a quit or a crash right after it loses nothing. Returns a null
+    // error once it is queued, whether or not a submission URL is set yet;
+    // otherwise an ORVDataCollectionManagerErrorDomain error, the file as it
+    // was and the item's date cleared, so the add can be tried again. An
+    // item that has a date already fails "[item scheduledSubmissionDate] ==
+    // nil" and is not queued twice. When the queue holds a due report and a
+    // submission URL is set, a submission follows on a background queue.
+    ORVError addItem(ORVDataCollectionItem &item);
+    ORVError addItem(ORVDataCollectionItem &item, double submissionDelay);
 
     // The queued items in order; none when the file is missing or unreadable.
     QList<ORVDataCollectionItem> pendingItems() const;
     // Replaces the queue ("[]" for none). The file is replaced atomically.
-    void setPendingItems(const QList<ORVDataCollectionItem> &items);
+    // A null error once written.
+    ORVError setPendingItems(const QList<ORVDataCollectionItem> &items);
     QUrl URLForPendingItems() const;
 
     // Posts the due items, 50 at a time, until none is due or a batch fails;
@@ -105,6 +132,10 @@ public:
     // batch's count, with (null, 0) when nothing was due or submission is
     // disabled, or with the transport error (null for a refusing HTTP
     // status) and 0. Items stay queued unless their batch got a 2xx answer.
+    // While a pass is under way, the request waits for it and is served by
+    // the one pass that follows (its handler gets that pass's result). While
+    // another process sends from the same file, a pass sends nothing and
+    // answers (null, 0): the reports stay queued for the next one.
     void submitPendingItemsWithCompletionHandler(SubmissionHandler handler = {});
 
     // A nesting counter: submissions send nothing while it is above 0.
@@ -125,24 +156,36 @@ protected:
     virtual void submissionTimerFired();
 
 private:
+    class FileLock;
+    struct Pass;
     static std::shared_ptr<ORVDataCollectionManager>
     sharedManagerMadeBy(const std::function<std::shared_ptr<ORVDataCollectionManager>()> &make);
     // The queue as read; `readable` false when the file exists but is not a
     // queue (it is then moved aside before the next write).
-    QJsonArray readArrayLocked(bool *readable) const;
+    static QJsonArray readArray(const QString &path, bool *readable);
     static QList<ORVDataCollectionItem> itemsOfArray(const QJsonArray &array);
     // `replacesReadableFile` false moves the present file aside first.
-    void writeArrayLocked(const QJsonArray &array, bool replacesReadableFile);
-    // Checks the submission URL, then submitBatch().
-    void submit(SubmissionHandler handler, std::optional<QJsonArray> queue);
-    // Sends the first batch of due items of `queue` (the file's when none).
-    void submitBatch(SubmissionHandler handler, std::optional<QJsonArray> queue);
+    static ORVError writeArray(const QString &path, const QJsonArray &array, bool replacesReadableFile);
+    // Starts a pass, or leaves the handler to the pass that follows the
+    // running one.
+    void requestPass(SubmissionHandler handler);
+    // One pass: batches until none is due or one fails, then the handlers.
+    void runPass(std::vector<SubmissionHandler> handlers);
+    void sendBatch(std::shared_ptr<Pass> pass);
+    void endPass(const std::shared_ptr<Pass> &pass, const ORVError &error, quint64 count);
 
     std::atomic<qint64> _submissionDisabledCount{0};
     QTimer *_submissionTimer = nullptr;
     mutable std::mutex _settingsLock;
     QUrl _submissionURL;
     double _submissionDelay = 604800.0;
-    // Serialises the file's read-modify-write cycles within this process.
+    // Serialises the file's read-modify-write cycles within this process;
+    // a lock on the lock file's first byte does it across processes.
     mutable std::mutex _fileLock;
+    // The submission pass: whether one runs, and the handlers of the
+    // requests it absorbed (served together by the next pass).
+    std::mutex _passLock;
+    bool _passRunning = false;
+    bool _passRequested = false;
+    std::vector<SubmissionHandler> _waitingHandlers;
 };

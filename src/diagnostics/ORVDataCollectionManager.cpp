@@ -2,7 +2,9 @@
 
 #include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVLocalization.h>
 #include <OrvellaKit/ORVStandardPaths.h>
+#include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVURLSession.h>
 
 #include <QDir>
@@ -13,7 +15,14 @@
 #include <QThread>
 #include <QTimer>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+const QString ORVDataCollectionManagerErrorDomain = QStringLiteral("com.orvella.orvellakit.datacollection.error");
 
 namespace {
 
@@ -21,6 +30,7 @@ constexpr const char *kFile = "ORVDataCollectionManager";
 constexpr const char *kClass = "ORVDataCollectionManager";
 constexpr qsizetype kBatchSize = 50;
 constexpr double kTimeout = 30.0;
+const QString kDateKey = QStringLiteral("scheduledSubmissionDate");
 
 const QDateTime &referenceDate()
 {
@@ -28,32 +38,126 @@ const QDateTime &referenceDate()
     return date;
 }
 
-std::optional<QString> stringValue(const QJsonObject &object, const char *key)
-{
-    const QJsonValue value = object.value(QLatin1String(key));
-    return value.isString() ? std::optional<QString>(value.toString()) : std::nullopt;
-}
-
 std::mutex sharedLock;
 std::shared_ptr<ORVDataCollectionManager> sharedInstance;
 
+ORVError queueError(qint64 code, const QString &description, const QString &reason = {})
+{
+    QVariantMap userInfo{{ORVLocalizedDescriptionKey, description}};
+    if (!reason.isEmpty())
+        userInfo.insert(ORVLocalizedFailureReasonErrorKey, reason);
+    return ORVError(ORVDataCollectionManagerErrorDomain, code, userInfo);
+}
+
+ORVError writeFailedError(const QString &reason)
+{
+    return queueError(ORVDataCollectionManagerWriteFailedErrorCode,
+                      ORVLocalizedString("The usage reports could not be saved."), reason);
+}
+
+// The bytes of "PendingSubmissions.json.lock" that stand for the two locks.
+constexpr off_t kQueueByte = 0;   // held for each read-modify-write of the file
+constexpr off_t kSendingByte = 1; // held for a whole submission pass
+
+// Locks one byte of the lock file beside the queue and returns the
+// descriptor that holds it (closing it unlocks), or -1 with errno set
+// (EAGAIN: someone else holds it and `wait` was false). These are open file
+// description locks: they belong to the descriptor, not to the process, so
+// a second descriptor in this process is kept out as well as another
+// process, and the kernel drops them when the holder dies.
+int lockQueueByte(const QString &queuePath, off_t byte, bool wait)
+{
+    const QByteArray path = QFile::encodeName(queuePath + QStringLiteral(".lock"));
+    const int fd = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (fd < 0)
+        return -1;
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = byte;
+    lock.l_len = 1;
+    int result = 0;
+    do
+        result = ::fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock);
+    while (result != 0 && errno == EINTR);
+    if (result != 0) {
+        const int saved = errno == EACCES ? EAGAIN : errno;
+        ::close(fd);
+        errno = saved;
+        return -1;
+    }
+    return fd;
+}
+
 } // namespace
+
+// The file's lock for one read-modify-write: the manager's mutex, then the
+// lock file's first byte.
+class ORVDataCollectionManager::FileLock {
+public:
+    FileLock(std::mutex &mutex, const QString &queuePath) : _guard(mutex)
+    {
+        _fd = lockQueueByte(queuePath, kQueueByte, true);
+        if (_fd < 0)
+            _error = QString::fromLocal8Bit(std::strerror(errno));
+    }
+    ~FileLock()
+    {
+        if (_fd >= 0)
+            ::close(_fd);
+    }
+    FileLock(const FileLock &) = delete;
+    FileLock &operator=(const FileLock &) = delete;
+    // A null string once held, else why not.
+    const QString &error() const { return _error; }
+
+private:
+    std::lock_guard<std::mutex> _guard;
+    int _fd = -1;
+    QString _error;
+};
+
+// One submission pass: the handlers it answers and, while it sends, the
+// lock that keeps other processes' passes out.
+struct ORVDataCollectionManager::Pass {
+    std::vector<SubmissionHandler> handlers;
+    int sendingLock = -1;
+    void releaseSendingLock()
+    {
+        if (sendingLock >= 0)
+            ::close(sendingLock);
+        sendingLock = -1;
+    }
+    ~Pass() { releaseSendingLock(); }
+};
 
 // --- item -----------------------------------------------------------------------
 
 ORVDataCollectionItem::ORVDataCollectionItem(const QJsonObject &dictionary)
-    : text(stringValue(dictionary, "text")), category(stringValue(dictionary, "category")),
-      language(stringValue(dictionary, "language")), country(stringValue(dictionary, "country"))
 {
-    const QJsonValue info = dictionary.value(QStringLiteral("userInfo"));
-    if (info.isObject())
-        userInfo = info.toObject();
-    scheduledSubmissionDate = dateOf(dictionary);
+    for (auto it = dictionary.begin(); it != dictionary.end(); ++it) {
+        const QString &key = it.key();
+        const QJsonValue value = it.value();
+        std::optional<QString> *field = key == QLatin1String("text")       ? &text
+                                        : key == QLatin1String("category") ? &category
+                                        : key == QLatin1String("language") ? &language
+                                        : key == QLatin1String("country")  ? &country
+                                                                           : nullptr;
+        if (field && value.isString()) {
+            *field = value.toString();
+        } else if (key == QLatin1String("userInfo") && value.isObject()) {
+            userInfo = value.toObject();
+        } else if (key == kDateKey && (scheduledSubmissionDate = dateOf(dictionary))) {
+            // read as a date
+        } else {
+            storedValues.insert(key, value);
+        }
+    }
 }
 
 std::optional<QDateTime> ORVDataCollectionItem::dateOf(const QJsonObject &dictionary)
 {
-    const QJsonValue date = dictionary.value(QStringLiteral("scheduledSubmissionDate"));
+    const QJsonValue date = dictionary.value(kDateKey);
     std::optional<double> seconds;
     if (date.isDouble()) {
         seconds = date.toDouble();
@@ -71,7 +175,14 @@ std::optional<QDateTime> ORVDataCollectionItem::dateOf(const QJsonObject &dictio
 
 QJsonObject ORVDataCollectionItem::JSONDictionaryForSubmission() const
 {
-    QJsonObject object;
+    QJsonObject object = JSONDictionaryForStorage();
+    object.remove(kDateKey);
+    return object;
+}
+
+QJsonObject ORVDataCollectionItem::JSONDictionaryForStorage() const
+{
+    QJsonObject object = storedValues;
     if (text)
         object.insert(QStringLiteral("text"), *text);
     if (category)
@@ -82,15 +193,8 @@ QJsonObject ORVDataCollectionItem::JSONDictionaryForSubmission() const
         object.insert(QStringLiteral("country"), *country);
     if (userInfo)
         object.insert(QStringLiteral("userInfo"), *userInfo);
-    return object;
-}
-
-QJsonObject ORVDataCollectionItem::JSONDictionaryForStorage() const
-{
-    QJsonObject object = JSONDictionaryForSubmission();
     if (scheduledSubmissionDate)
-        object.insert(QStringLiteral("scheduledSubmissionDate"),
-                      referenceDate().msecsTo(*scheduledSubmissionDate) / 1000.0);
+        object.insert(kDateKey, referenceDate().msecsTo(*scheduledSubmissionDate) / 1000.0);
     return object;
 }
 
@@ -143,51 +247,87 @@ void ORVDataCollectionManager::setSubmissionDelay(double seconds)
 
 QUrl ORVDataCollectionManager::URLForPendingItems() const
 {
-    return QUrl::fromLocalFile(QDir(ORVApplicationSupportDirectory(true)).filePath(QStringLiteral("PendingSubmissions.json")));
+    // No folder, no queue: never a file relative to the working folder.
+    const QString folder = ORVApplicationSupportDirectory(true);
+    if (folder.isEmpty())
+        return {};
+    return QUrl::fromLocalFile(QDir(folder).filePath(QStringLiteral("PendingSubmissions.json")));
 }
 
-void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, std::function<void()> queued)
+ORVError ORVDataCollectionManager::addItem(ORVDataCollectionItem &item)
 {
-    addItem(std::move(item), submissionDelay(), std::move(queued));
+    return addItem(item, submissionDelay());
 }
 
-void ORVDataCollectionManager::addItem(ORVDataCollectionItem item, double delay, std::function<void()> queued)
+ORVError ORVDataCollectionManager::addItem(ORVDataCollectionItem &item, double delay)
 {
     if (!ORVMethodParameterAssert(!item.scheduledSubmissionDate, "[item scheduledSubmissionDate] == nil",
                                   "addItem:submissionDelay:", kClass, kFile))
-        return;
+        return queueError(ORVDataCollectionManagerItemAlreadyQueuedErrorCode,
+                          ORVLocalizedString("The usage report was queued before."));
     item.scheduledSubmissionDate = QDateTime::currentDateTimeUtc().addMSecs(qRound64(delay * 1000.0));
-    ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)
-        ->async([self = shared_from_this(), this, item = std::move(item), queued = std::move(queued)] {
-            QJsonArray written;
-            {
-                // The file's elements are kept as they are; only the new one
-                // is added.
-                std::lock_guard lock(_fileLock);
-                bool readable = true;
-                QJsonArray array = readArrayLocked(&readable);
-                array.append(item.JSONDictionaryForStorage());
-                writeArrayLocked(array, readable);
-                written = std::move(array);
+
+    const QString path = URLForPendingItems().toLocalFile();
+    if (path.isEmpty()) {
+        item.scheduledSubmissionDate.reset();
+        qWarning("No folder for the pending submissions file; the usage report is not queued");
+        return queueError(ORVDataCollectionManagerNoQueueFolderErrorCode,
+                          ORVLocalizedString("The folder for usage reports cannot be created."),
+                          ORVApplicationSupportDirectory(false));
+    }
+    bool anythingDue = false;
+    ORVError error;
+    {
+        // Written before the call returns, so a quit or a crash right after
+        // it loses nothing; the file's other elements stay as they are.
+        FileLock lock(_fileLock, path);
+        if (!lock.error().isEmpty()) {
+            error = writeFailedError(lock.error());
+        } else {
+            bool readable = true;
+            QJsonArray array = readArray(path, &readable);
+            array.append(item.JSONDictionaryForStorage());
+            error = writeArray(path, array, readable);
+            const QDateTime now = QDateTime::currentDateTimeUtc();
+            for (const QJsonValue &element : std::as_const(array)) {
+                const auto date = ORVDataCollectionItem::dateOf(element.toObject());
+                if (date && now.msecsTo(*date) < 0) {
+                    anythingDue = true;
+                    break;
+                }
             }
-            // The queue just written is the one to look at.
-            submit({}, std::move(written));
-            if (queued)
-                queued();
-        });
+        }
+    }
+    if (error) {
+        item.scheduledSubmissionDate.reset();
+        qWarning("The usage report is not queued: %s", qPrintable(error.localizedFailureReason()));
+        return error;
+    }
+    // A report that is already due goes out now, without holding up the
+    // caller; the pass reads the file again under its own lock.
+    if (anythingDue && _submissionDisabledCount.load() == 0 && !submissionURL().isEmpty()) {
+        if (auto self = weak_from_this().lock()) {
+            ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)->async([self] {
+                if (self->_submissionDisabledCount.load() == 0 && !self->submissionURL().isEmpty())
+                    self->requestPass({});
+            });
+        }
+    }
+    return {};
 }
 
 QList<ORVDataCollectionItem> ORVDataCollectionManager::pendingItems() const
 {
-    std::lock_guard lock(_fileLock);
-    return itemsOfArray(readArrayLocked(nullptr));
+    // The file is only ever replaced whole, so a read needs no lock.
+    const QString path = URLForPendingItems().toLocalFile();
+    return path.isEmpty() ? QList<ORVDataCollectionItem>() : itemsOfArray(readArray(path, nullptr));
 }
 
-QJsonArray ORVDataCollectionManager::readArrayLocked(bool *readable) const
+QJsonArray ORVDataCollectionManager::readArray(const QString &path, bool *readable)
 {
     if (readable)
         *readable = true;
-    QFile file(URLForPendingItems().toLocalFile());
+    QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
         return {};
     QJsonParseError parseError;
@@ -220,20 +360,26 @@ QList<ORVDataCollectionItem> ORVDataCollectionManager::itemsOfArray(const QJsonA
     return items;
 }
 
-void ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollectionItem> &items)
+ORVError ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollectionItem> &items)
 {
+    const QString path = URLForPendingItems().toLocalFile();
+    if (path.isEmpty())
+        return queueError(ORVDataCollectionManagerNoQueueFolderErrorCode,
+                          ORVLocalizedString("The folder for usage reports cannot be created."),
+                          ORVApplicationSupportDirectory(false));
     QJsonArray array;
     for (const ORVDataCollectionItem &item : items)
         array.append(item.JSONDictionaryForStorage());
-    std::lock_guard lock(_fileLock);
+    FileLock lock(_fileLock, path);
+    if (!lock.error().isEmpty())
+        return writeFailedError(lock.error());
     bool readable = true;
-    readArrayLocked(&readable);
-    writeArrayLocked(array, readable);
+    readArray(path, &readable);
+    return writeArray(path, array, readable);
 }
 
-void ORVDataCollectionManager::writeArrayLocked(const QJsonArray &array, bool replacesReadableFile)
+ORVError ORVDataCollectionManager::writeArray(const QString &path, const QJsonArray &array, bool replacesReadableFile)
 {
-    const QString path = URLForPendingItems().toLocalFile();
     // A file that is not a queue may still be worth something to someone:
     // it is kept beside the new one rather than overwritten.
     if (!replacesReadableFile && QFile::exists(path)) {
@@ -242,70 +388,95 @@ void ORVDataCollectionManager::writeArrayLocked(const QJsonArray &array, bool re
         if (!QFile::rename(path, aside)) {
             qWarning("Pending submissions file %s is unreadable and cannot be moved aside; not replacing it",
                      qPrintable(path));
-            return;
+            return writeFailedError(ORVStringWithFormat("%@ cannot be moved aside", path));
         }
     }
     // Atomic, so a crash mid-write cannot cut the queue short; a failed
-    // write leaves the previous file as it was.
+    // write leaves the previous file as it was. QSaveFile syncs the data
+    // before it renames.
     const QByteArray json = QJsonDocument(array).toJson(QJsonDocument::Compact);
     QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(json) != json.size() || !file.commit())
+    if (!file.open(QIODevice::WriteOnly) || file.write(json) != json.size() || !file.commit()) {
         qWarning("Cannot write the pending submissions file %s: %s", qPrintable(path), qPrintable(file.errorString()));
+        return writeFailedError(ORVStringWithFormat("%@: %@", path, file.errorString()));
+    }
+    return {};
 }
+
+namespace {
+void answer(const ORVDataCollectionManager::SubmissionHandler &handler, const ORVError &error, quint64 count)
+{
+    if (handler)
+        ORVDispatchQueue::mainQueue()->async([handler, error, count] { handler(error, count); });
+}
+} // namespace
 
 void ORVDataCollectionManager::submitPendingItemsWithCompletionHandler(SubmissionHandler handler)
 {
-    submit(std::move(handler), std::nullopt);
-}
-
-void ORVDataCollectionManager::submit(SubmissionHandler handler, std::optional<QJsonArray> queue)
-{
     if (!ORVMethodParameterAssert(!submissionURL().isEmpty(), "[self submissionURL] != nil",
-                                  "submitPendingItemsWithCompletionHandler:", kClass, kFile)) {
-        if (handler)
-            ORVDispatchQueue::mainQueue()->async([handler] { handler(ORVError(), 0); });
-        return;
-    }
-    submitBatch(std::move(handler), std::move(queue));
+                                  "submitPendingItemsWithCompletionHandler:", kClass, kFile))
+        return answer(handler, ORVError(), 0);
+    if (_submissionDisabledCount.load() != 0)
+        return answer(handler, ORVError(), 0);
+    requestPass(std::move(handler));
 }
 
-void ORVDataCollectionManager::submitBatch(SubmissionHandler handler, std::optional<QJsonArray> queue)
+void ORVDataCollectionManager::requestPass(SubmissionHandler handler)
 {
-    const auto finish = [](const SubmissionHandler &h, const ORVError &error, quint64 count) {
-        if (h)
-            ORVDispatchQueue::mainQueue()->async([h, error, count] { h(error, count); });
-    };
-    if (_submissionDisabledCount.load() != 0)
-        return finish(handler, ORVError(), 0);
+    {
+        std::lock_guard lock(_passLock);
+        if (_passRunning) {
+            _passRequested = true;
+            _waitingHandlers.push_back(std::move(handler));
+            return;
+        }
+        _passRunning = true;
+    }
+    std::vector<SubmissionHandler> handlers;
+    handlers.push_back(std::move(handler));
+    runPass(std::move(handlers));
+}
 
+void ORVDataCollectionManager::runPass(std::vector<SubmissionHandler> handlers)
+{
+    auto pass = std::make_shared<Pass>();
+    pass->handlers = std::move(handlers);
+    const QString path = URLForPendingItems().toLocalFile();
+    if (_submissionDisabledCount.load() != 0 || path.isEmpty())
+        return endPass(pass, ORVError(), 0);
+    // Another copy of the application sending from the same file would send
+    // the same reports: its pass goes first, ours leaves them queued.
+    pass->sendingLock = lockQueueByte(path, kSendingByte, false);
+    if (pass->sendingLock < 0 && errno == EAGAIN)
+        return endPass(pass, ORVError(), 0);
+    sendBatch(pass);
+}
+
+void ORVDataCollectionManager::sendBatch(std::shared_ptr<Pass> pass)
+{
+    const QString path = URLForPendingItems().toLocalFile();
     const QDateTime now = QDateTime::currentDateTimeUtc();
     QJsonArray batch;
-    QList<ORVDataCollectionItem> sent;
+    QList<QJsonObject> sent;
     bool more = false;
-    if (!queue) {
-        std::lock_guard lock(_fileLock);
-        queue = readArrayLocked(nullptr);
-    }
-    for (const QJsonValue &element : *queue) {
+    for (const QJsonValue &element : readArray(path, nullptr)) {
         if (!element.isObject())
             continue;
         // Only a due element is read whole.
         const QJsonObject object = element.toObject();
         const auto date = ORVDataCollectionItem::dateOf(object);
-        const bool due = date && now.msecsTo(*date) < 0;
-        if (!due)
+        if (!date || now.msecsTo(*date) >= 0)
             continue;
         if (batch.size() == kBatchSize) {
             // The rest goes with the next batch.
             more = true;
             break;
         }
-        const ORVDataCollectionItem item(object);
-        batch.append(item.JSONDictionaryForSubmission());
-        sent.append(item);
+        batch.append(ORVDataCollectionItem(object).JSONDictionaryForSubmission());
+        sent.append(object);
     }
-    if (batch.isEmpty())
-        return finish(handler, ORVError(), 0);
+    if (batch.isEmpty() || _submissionDisabledCount.load() != 0)
+        return endPass(pass, ORVError(), 0);
 
     ORVURLRequest request(submissionURL());
     request.setCachePolicy(ORVURLRequestReloadIgnoringLocalCacheData);
@@ -314,38 +485,71 @@ void ORVDataCollectionManager::submitBatch(SubmissionHandler handler, std::optio
     request.setValue(QStringLiteral("application/json"), QStringLiteral("Content-Type"));
     request.setHTTPBody(QJsonDocument(batch).toJson(QJsonDocument::Compact));
 
+    auto self = shared_from_this();
     auto task = ORVURLSession::sharedSession()->dataTaskWithRequest(
-        request, [self = shared_from_this(), handler, sent, more, finish](
-                     const QByteArray &, const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
-            ORVDispatchQueue::mainQueue()->async([self, handler, sent, more, finish, response, error] {
-                const int status = response ? response->statusCode() : 0;
-                if (status < 200 || status > 299)
-                    return finish(handler, error, 0);
-                {
-                    // Only now do the sent items leave the queue. The file is
-                    // read again, so items added meanwhile stay, and what is
-                    // not sent stays as it was written.
-                    std::lock_guard lock(self->_fileLock);
-                    bool readable = true;
-                    const QJsonArray array = self->readArrayLocked(&readable);
-                    QList<ORVDataCollectionItem> unmatched = sent;
-                    QJsonArray remaining;
-                    for (const QJsonValue &element : array) {
-                        if (element.isObject() && unmatched.removeOne(ORVDataCollectionItem(element.toObject())))
-                            continue;
-                        remaining.append(element);
+        request, [self, pass, sent, more](const QByteArray &, const std::optional<ORVHTTPURLResponse> &response,
+                                          const ORVError &error) {
+            // The file work stays off the main thread.
+            ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)
+                ->async([self, pass, sent, more, response, error] {
+                    const int status = response ? response->statusCode() : 0;
+                    if (status < 200 || status > 299)
+                        return self->endPass(pass, error, 0);
+                    const quint64 count = static_cast<quint64>(sent.size());
+                    const QString path = self->URLForPendingItems().toLocalFile();
+                    ORVError writeError;
+                    {
+                        // Only now do the sent items leave the queue. The
+                        // file is read again, so items added meanwhile stay,
+                        // and what is not sent stays as it was written.
+                        FileLock lock(self->_fileLock, path);
+                        bool readable = true;
+                        const QJsonArray array = readArray(path, &readable);
+                        QList<QJsonObject> unmatched = sent;
+                        QJsonArray remaining;
+                        for (const QJsonValue &element : array) {
+                            if (element.isObject() && unmatched.removeOne(element.toObject()))
+                                continue;
+                            remaining.append(element);
+                        }
+                        writeError = lock.error().isEmpty() ? writeArray(path, remaining, readable)
+                                                            : writeFailedError(lock.error());
                     }
-                    self->writeArrayLocked(remaining, readable);
-                }
-                if (more)
-                    self->submitBatch(handler, std::nullopt);
-                else
-                    finish(handler, ORVError(), static_cast<quint64>(sent.size()));
-            });
+                    // The server has the reports but the file still holds
+                    // them: say so and stop, rather than send them again.
+                    if (writeError)
+                        return self->endPass(pass, writeError, count);
+                    if (more)
+                        self->sendBatch(pass);
+                    else
+                        self->endPass(pass, ORVError(), count);
+                });
         });
     if (!task)
-        return finish(handler, ORVError(), 0);
+        return endPass(pass, ORVError(), 0);
     task->resume();
+}
+
+void ORVDataCollectionManager::endPass(const std::shared_ptr<Pass> &pass, const ORVError &error, quint64 count)
+{
+    pass->releaseSendingLock();
+    for (const SubmissionHandler &handler : pass->handlers)
+        answer(handler, error, count);
+    pass->handlers.clear();
+    std::vector<SubmissionHandler> next;
+    {
+        std::lock_guard lock(_passLock);
+        if (!_passRequested) {
+            _passRunning = false;
+            return;
+        }
+        // The requests made meanwhile share one more pass.
+        _passRequested = false;
+        next.swap(_waitingHandlers);
+    }
+    auto self = shared_from_this();
+    ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::Background)
+        ->async([self, next = std::move(next)]() mutable { self->runPass(std::move(next)); });
 }
 
 void ORVDataCollectionManager::beginSubmissionDisabled()

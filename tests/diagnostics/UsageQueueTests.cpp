@@ -2,9 +2,21 @@
 
 #include <OrvellaKit/ORVDataCollectionManager.h>
 
+#include <QDir>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QTemporaryDir>
+
+#include <csignal>
+#include <set>
+#include <thread>
+
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char **environ;
 
 using namespace orv::test;
 using orv::server::ScriptedResponse;
@@ -67,11 +79,201 @@ protected:
         file.write(contents);
     }
     size_t posts() const { return server.requestCount("/v1/usage/collect/"); }
+    // Adds a copy of the item.
+    ORVError add(ORVDataCollectionItem item, std::optional<double> delay = {})
+    {
+        return delay ? queue->addItem(item, *delay) : queue->addItem(item);
+    }
 
     std::shared_ptr<ORVDataCollectionManager> queue = std::make_shared<ORVDataCollectionManager>();
 };
 
+// A real child process of the test's own (see UsageQueueChild.cpp), started
+// with posix_spawn: QProcess forks in a way ThreadSanitizer cannot follow.
+class Child {
+public:
+    explicit Child(const QStringList &arguments)
+    {
+        std::vector<QByteArray> storage{QByteArrayLiteral(ORV_USAGE_QUEUE_CHILD_PATH)};
+        for (const QString &argument : arguments)
+            storage.push_back(argument.toLocal8Bit());
+        std::vector<char *> argv;
+        for (QByteArray &argument : storage)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        if (::posix_spawn(&_pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0)
+            _pid = -1;
+    }
+    ~Child()
+    {
+        if (_pid > 0) {
+            ::kill(_pid, SIGKILL);
+            ::waitpid(_pid, nullptr, 0);
+        }
+    }
+    bool started() const { return _pid > 0; }
+    void kill() const { ::kill(_pid, SIGKILL); }
+    // The wait status, or nothing when the child is still running after `timeout`.
+    std::optional<int> wait(std::chrono::milliseconds timeout = 30s)
+    {
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        while (std::chrono::steady_clock::now() < end) {
+            int status = 0;
+            if (::waitpid(_pid, &status, WNOHANG) == _pid) {
+                _pid = -1;
+                return status;
+            }
+            std::this_thread::sleep_for(5ms);
+        }
+        return std::nullopt;
+    }
+
+private:
+    pid_t _pid = -1;
+};
+
+// The texts of the reports in the child's queue file, in file order.
+QStringList childQueueTexts(const TemporaryXdgHome &home)
+{
+    QFile file(home.filePath(".local/share/usage-queue-child/PendingSubmissions.json"));
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    QStringList texts;
+    for (const QJsonValue &element : QJsonDocument::fromJson(file.readAll()).array())
+        texts << element.toObject().value("text").toString();
+    return texts;
+}
+
+QStringList numbered(const QString &label, int count)
+{
+    QStringList texts;
+    for (int i = 0; i < count; ++i)
+        texts << label + ' ' + QString::number(i);
+    return texts;
+}
+
+// The reports the collection endpoint received, scripted answers included.
+QStringList postedTexts(const orv::server::AccountServer &server)
+{
+    QStringList texts;
+    for (const auto &request : server.requests()) {
+        if (request.path != "/v1/usage/collect/")
+            continue;
+        for (const QJsonValue &element : QJsonDocument::fromJson(QByteArray::fromStdString(request.body)).array())
+            texts << element.toObject().value("text").toString();
+    }
+    return texts;
+}
+
 } // namespace
+
+TEST_F(UsageQueueTest, ReportsAreOnDiskWhenAddReturns)
+{
+    // Killed right after the adds.
+    {
+        const QString marker = home.filePath("added");
+        Child child({"kill", "5", "killed", marker});
+        ASSERT_TRUE(child.started());
+        ASSERT_TRUE(waitUntil([&] { return QFile::exists(marker); }, 30s));
+        child.kill();
+        const auto status = child.wait();
+        ASSERT_TRUE(status && WIFSIGNALED(*status));
+        EXPECT_EQ(childQueueTexts(home), numbered("killed", 5));
+    }
+    // Returning from main right after the adds.
+    {
+        Child child({"return", "5", "returned"});
+        const auto status = child.wait();
+        ASSERT_TRUE(status && WIFEXITED(*status));
+        EXPECT_EQ(WEXITSTATUS(*status), 0);
+        EXPECT_EQ(childQueueTexts(home), numbered("killed", 5) + numbered("returned", 5));
+    }
+    // Due reports with a submission still under way at the quit: each one is
+    // either still queued or was received, and the process ends cleanly.
+    {
+        QFile::remove(home.filePath(".local/share/usage-queue-child/PendingSubmissions.json"));
+        Child child({"return", "5", "due", url("/v1/usage/collect/").toString()});
+        const auto status = child.wait();
+        ASSERT_TRUE(status && WIFEXITED(*status));
+        EXPECT_EQ(WEXITSTATUS(*status), 0);
+        const QStringList seen = childQueueTexts(home) + postedTexts(server);
+        for (const QString &text : numbered("due", 5))
+            EXPECT_TRUE(seen.contains(text)) << qPrintable(text);
+    }
+}
+
+TEST_F(UsageQueueTest, TwoProcessesShareTheQueueFile)
+{
+    Child first({"return", "150", "first"});
+    Child second({"return", "150", "second"});
+    for (Child *child : {&first, &second}) {
+        const auto status = child->wait(60s);
+        ASSERT_TRUE(status && WIFEXITED(*status));
+        EXPECT_EQ(WEXITSTATUS(*status), 0);
+    }
+    const QStringList texts = childQueueTexts(home);
+    EXPECT_EQ(texts.size(), 300);
+    // Each process's reports are all there, in the order it added them.
+    for (const QString &label : {QStringLiteral("first"), QStringLiteral("second")}) {
+        QStringList own;
+        for (const QString &text : texts)
+            if (text.startsWith(label + ' '))
+                own << qPrintable(text);
+        EXPECT_EQ(own, numbered(label, 150)) << qPrintable(label);
+    }
+}
+
+TEST_F(UsageQueueTest, OneSubmissionPassAtATime)
+{
+    // Slow answers, so that every add below finds a pass under way.
+    server.script("POST", "/v1/usage/collect/", {ScriptedResponse{200, "{}", "application/json", {}, 300ms}});
+    for (int i = 0; i < 4; ++i)
+        add(makeItem(QString::number(i), {}), -1);
+    ASSERT_TRUE(waitUntil([&] { return postedTexts(server).size() >= 4 && queue->pendingItems().isEmpty(); }, 10s));
+    spinFor(700ms); // a second pass would post again now
+    const QStringList posted = postedTexts(server);
+    EXPECT_EQ(std::set<QString>(posted.begin(), posted.end()).size(), 4u);
+    EXPECT_EQ(posted.size(), 4) << qPrintable(posted.join(", "));
+
+    // Requests made while a pass runs share one more pass; each handler
+    // runs once.
+    server.clearRequests();
+    queue->setPendingItems({makeItem("first", -1)});
+    Submission running, absorbed1, absorbed2;
+    queue->submitPendingItemsWithCompletionHandler(running.handler());
+    ASSERT_TRUE(waitUntil([&] { return posts() == 1; }));
+    add(makeItem("second", {}), -1);
+    queue->submitPendingItemsWithCompletionHandler(absorbed1.handler());
+    queue->submitPendingItemsWithCompletionHandler(absorbed2.handler());
+    ASSERT_TRUE(absorbed1.wait() && absorbed2.wait() && running.wait());
+    EXPECT_EQ(running.count, 1u);
+    EXPECT_EQ(absorbed1.count, 1u);
+    EXPECT_EQ(absorbed2.count, 1u);
+    spinFor(400ms);
+    EXPECT_EQ(running.calls.load() + absorbed1.calls.load() + absorbed2.calls.load(), 3);
+    EXPECT_EQ(postedTexts(server), (QStringList{"first", "second"}));
+}
+
+TEST_F(UsageQueueTest, StoredValuesArePostedAsStored)
+{
+    const QByteArray stored =
+        R"([{"text":5,"category":["a",1],"language":null,"country":"AT","userInfo":"x","scheduledSubmissionDate":1}])";
+    writeFile(stored);
+    // What the queue reads and writes back keeps every value.
+    queue->setPendingItems(queue->pendingItems());
+    EXPECT_EQ(QJsonDocument::fromJson(fileContents()), QJsonDocument::fromJson(stored));
+
+    Submission submission;
+    queue->submitPendingItemsWithCompletionHandler(submission.handler());
+    ASSERT_TRUE(submission.wait());
+    EXPECT_EQ(submission.count, 1u);
+    const auto reports = server.service().collectedReports();
+    ASSERT_EQ(reports.size(), 1u);
+    EXPECT_EQ(QJsonDocument::fromJson(QByteArray::fromStdString(reports[0])).object(),
+              (QJsonObject{{"text", 5}, {"category", QJsonArray{"a", 1}}, {"language", QJsonValue::Null},
+                           {"country", "AT"}, {"userInfo", "x"}}));
+    EXPECT_EQ(fileContents(), "[]");
+}
 
 TEST_F(UsageQueueTest, ItemFormsAndDefaults)
 {
@@ -87,7 +289,7 @@ TEST_F(UsageQueueTest, ItemFormsAndDefaults)
               (QJsonObject{{"text", "crashed"}, {"userInfo", QJsonObject{{"build", 7}}}, {"scheduledSubmissionDate", 1.5}}));
     EXPECT_EQ(item.JSONDictionaryForSubmission(), (QJsonObject{{"text", "crashed"}, {"userInfo", QJsonObject{{"build", 7}}}}));
 
-    // Reading: a date given as text, wrong types as no value.
+    // Reading: a date given as text; a value of another type is kept as it was.
     const ORVDataCollectionItem read(QJsonObject{{"text", 5},
                                                  {"category", "c"},
                                                  {"country", "AT"},
@@ -97,6 +299,9 @@ TEST_F(UsageQueueTest, ItemFormsAndDefaults)
     EXPECT_EQ(read.category, std::optional<QString>("c"));
     EXPECT_EQ(read.country, std::optional<QString>("AT"));
     EXPECT_FALSE(read.userInfo);
+    EXPECT_EQ(read.storedValues, (QJsonObject{{"text", 5}, {"userInfo", "x"}}));
+    EXPECT_EQ(read.JSONDictionaryForSubmission(),
+              (QJsonObject{{"text", 5}, {"category", "c"}, {"country", "AT"}, {"userInfo", "x"}}));
     ASSERT_TRUE(read.scheduledSubmissionDate);
     EXPECT_EQ(*read.scheduledSubmissionDate, kReference.addMSecs(-86400250));
 
@@ -199,26 +404,90 @@ TEST_F(UsageQueueTest, DisabledSubmissionSendsNothing)
 
 TEST_F(UsageQueueTest, AddingItems)
 {
+    // The caller's item learns its date and is in the file at once.
+    ORVDataCollectionItem later = makeItem("later", {});
+    const QDateTime before = QDateTime::currentDateTimeUtc();
+    EXPECT_FALSE(queue->addItem(later));
+    ASSERT_TRUE(later.scheduledSubmissionDate);
+    EXPECT_NEAR(before.secsTo(*later.scheduledSubmissionDate), 604800, 2);
+    EXPECT_EQ(queue->pendingItems(), QList<ORVDataCollectionItem>{later});
+
+    // The same item again is a programming error and is not queued twice.
     {
         RecordAssertions record;
-        queue->addItem(makeItem("dated", 10));
+        const ORVError again = queue->addItem(later);
         EXPECT_EQ(record.descriptions(),
                   QStringList{"Invalid parameter not satisfying: [item scheduledSubmissionDate] == nil"});
+        EXPECT_EQ(again.domain(), ORVDataCollectionManagerErrorDomain);
+        EXPECT_EQ(again.code(), ORVDataCollectionManagerItemAlreadyQueuedErrorCode);
     }
-    std::atomic<int> queued = 0;
-    const QDateTime before = QDateTime::currentDateTimeUtc();
-    queue->addItem(makeItem("later", {}), [&] { ++queued; });
-    ASSERT_TRUE(waitUntil([&] { return queued.load() == 1; }));
-    const auto items = queue->pendingItems();
-    ASSERT_EQ(items.size(), 1);
-    ASSERT_TRUE(items[0].scheduledSubmissionDate);
-    EXPECT_NEAR(before.secsTo(*items[0].scheduledSubmissionDate), 604800, 2);
+    EXPECT_EQ(queue->pendingItems().size(), 1);
 
-    // A due item goes out as part of the add.
-    queue->addItem(makeItem("now", {}), -1, [&] { ++queued; });
+    // Adds from one thread keep their order.
+    QStringList expected{"later"};
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_FALSE(add(makeItem(QString::number(i), {})));
+        expected << QString::number(i);
+    }
+    QStringList texts;
+    for (const auto &item : queue->pendingItems())
+        texts << item.text.value_or("?");
+    EXPECT_EQ(texts, expected);
+
+    // A due item goes out after the add.
+    ORVDataCollectionItem now = makeItem("now", {});
+    EXPECT_FALSE(queue->addItem(now, -1));
     ASSERT_TRUE(waitUntil([&] { return server.service().collectedBatches().size() == 1; }));
-    ASSERT_TRUE(waitUntil([&] { return queue->pendingItems().size() == 1; }));
-    EXPECT_EQ(queue->pendingItems()[0].text, std::optional<QString>("later"));
+    ASSERT_TRUE(waitUntil([&] { return queue->pendingItems().size() == 21; }));
+    EXPECT_EQ(server.service().collectedBatches(), std::vector<int>{1});
+}
+
+TEST_F(UsageQueueTest, AnAddThatCannotBeWrittenSaysSo)
+{
+    // Before the submission URL is set, a report is still queued, and its
+    // due date brings no assertion.
+    {
+        auto early = std::make_shared<ORVDataCollectionManager>();
+        RecordAssertions record;
+        ORVDataCollectionItem item = makeItem("early", {});
+        EXPECT_FALSE(early->addItem(item, -1));
+        spinFor(200ms);
+        EXPECT_TRUE(record.descriptions().isEmpty()) << qPrintable(record.descriptions().join("; "));
+        EXPECT_EQ(early->pendingItems().size(), 1);
+    }
+    // A folder in the file's place: the add fails and says why; the item
+    // can be added once the place is free.
+    const QString path = queue->URLForPendingItems().toLocalFile();
+    ASSERT_TRUE(QFile::remove(path));
+    ASSERT_TRUE(QDir().mkpath(path + "/inside"));
+    ORVDataCollectionItem blocked = makeItem("blocked", {});
+    const ORVError error = queue->addItem(blocked);
+    EXPECT_EQ(error.domain(), ORVDataCollectionManagerErrorDomain);
+    EXPECT_EQ(error.code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    EXPECT_FALSE(error.localizedDescription().isEmpty());
+    EXPECT_FALSE(blocked.scheduledSubmissionDate);
+    EXPECT_EQ(queue->setPendingItems({}).code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    ASSERT_TRUE(QDir(path).removeRecursively());
+    EXPECT_FALSE(queue->addItem(blocked));
+    EXPECT_EQ(queue->pendingItems().size(), 1);
+
+    // No data folder can be made (a plain file where it would go): nothing
+    // is written anywhere else, the working folder included.
+    QTemporaryDir work;
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(work.path()));
+    QFile blocker(home.filePath("blocker"));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    qputenv("XDG_DATA_HOME", home.filePath("blocker/share").toUtf8());
+    ORVDataCollectionItem homeless = makeItem("homeless", {});
+    const ORVError noFolder = queue->addItem(homeless);
+    EXPECT_EQ(noFolder.code(), ORVDataCollectionManagerNoQueueFolderErrorCode);
+    EXPECT_TRUE(queue->URLForPendingItems().isEmpty());
+    EXPECT_TRUE(queue->pendingItems().isEmpty());
+    EXPECT_EQ(queue->setPendingItems({}).code(), ORVDataCollectionManagerNoQueueFolderErrorCode);
+    EXPECT_TRUE(QDir(work.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+    QDir::setCurrent(previous);
 }
 
 TEST_F(UsageQueueTest, ItemsAddedDuringASubmissionStay)
@@ -228,10 +497,8 @@ TEST_F(UsageQueueTest, ItemsAddedDuringASubmissionStay)
     Submission submission;
     queue->submitPendingItemsWithCompletionHandler(submission.handler());
     ASSERT_TRUE(waitUntil([&] { return posts() == 1; }));
-    std::atomic<bool> queued = false;
-    queue->addItem(makeItem("added meanwhile", {}), [&] { queued = true; });
+    EXPECT_FALSE(add(makeItem("added meanwhile", {})));
     ASSERT_TRUE(submission.wait());
-    ASSERT_TRUE(waitUntil([&] { return queued.load(); }));
     const auto items = queue->pendingItems();
     ASSERT_EQ(items.size(), 1);
     EXPECT_EQ(items[0].text, std::optional<QString>("added meanwhile"));
@@ -256,9 +523,7 @@ TEST_F(UsageQueueTest, BadFilesReadAsDocumentedAndAreKeptAside)
         writeFile(c.contents);
         QFile::remove(queue->URLForPendingItems().toLocalFile() + ".unreadable");
         EXPECT_EQ(queue->pendingItems().size(), c.items) << c.name;
-        std::atomic<bool> queued = false;
-        queue->addItem(makeItem("new", {}), [&] { queued = true; });
-        ASSERT_TRUE(waitUntil([&] { return queued.load(); })) << c.name;
+        EXPECT_FALSE(add(makeItem("new", {}))) << c.name;
         EXPECT_EQ(queue->pendingItems().size(), c.items + 1) << c.name;
         QFile aside(queue->URLForPendingItems().toLocalFile() + ".unreadable");
         EXPECT_EQ(aside.exists(), c.keptAside) << c.name;
