@@ -9,6 +9,7 @@
 // setLogLevel() changes all of them at once, and groups the files into
 // categories.
 
+#include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVLogLevel.h>
 
 #include <QMap>
@@ -58,7 +59,20 @@ public:
     QUrl logsDirectoryURL() const;
 
     // Installs the sinks and writes the launch banner. Call once, early.
-    void setupLogging();
+    // When the logs folder cannot be made, the system log still gets the
+    // errors, nothing is written anywhere else, and the error says why.
+    ORVError setupLogging();
+
+    // Qt's own messages (qDebug, qInfo, qWarning, qCritical, qFatal and
+    // their QLoggingCategory forms) go to the framework's sinks as well:
+    // debug, info, warning, error and error, with the category "Qt: "
+    // followed by the Qt category's name. They pass the level like every
+    // registered file's messages (the bridge registers as "Qt messages" in
+    // the category "Qt"); the message handler installed before keeps
+    // receiving them. Off until asked for; false puts the earlier handler
+    // back.
+    void setForwardsQtMessages(bool forwards);
+    bool forwardsQtMessages() const;
 
     // The tail of the log files, oldest to newest, at most 10240 characters
     // (see the implementation for the exact cut).

@@ -20,8 +20,13 @@
 // Each statement tests the file's level against its flag before anything is
 // formatted; a statement whose flag is off costs a relaxed load, an AND and a
 // branch. The format is ORVStringWithFormat's. File, function and line travel
-// with the message. Errors are written synchronously, everything else
-// through the asynchronous logger.
+// with the message, and the file's category shows on its line:
+//
+//     2026/11/23 09:41:07:512  [error] [Orvella Networking] Request ... failed
+//
+// Everything goes through one queue, so a file reads in the order things
+// were logged. An error call returns once the error, and everything logged
+// before it, is written; the other levels return at once.
 
 #include <OrvellaKit/ORVLogLevel.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
@@ -33,8 +38,9 @@
 class ORVDebug;
 
 namespace orv::detail {
-// Hands a formatted message to the sinks.
-void logMessage(ORVLogFlag flag, const char *file, const char *function, int line, const QString &message);
+// Hands a formatted message to the sinks; a null category is "No category".
+void logMessage(ORVLogFlag flag, const char *category, const char *file, const char *function, int line,
+                const QString &message);
 // Registers a file's level variable with the shared ORVDebug.
 void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, const char *category);
 } // namespace orv::detail
@@ -43,6 +49,7 @@ void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, con
     namespace {                                                                                                        \
     /* Errors are on until the file is registered. */                                                                  \
     std::atomic<ORVLogLevel> orvFileLogLevel{ORVLogLevelError};                                                        \
+    [[maybe_unused]] constexpr const char *orvFileLogCategory = (category);                                            \
     [[maybe_unused]] void orvRegisterFileLogLevel()                                                                    \
     {                                                                                                                  \
         [[maybe_unused]] static const bool registered =                                                                \
@@ -50,16 +57,19 @@ void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, con
     }                                                                                                                  \
     }
 
-// Logs with an explicit level variable (a std::atomic<ORVLogLevel>).
-#define ORVLogWithLevel(levelVariable, flag, ...)                                                                     \
+// Logs with an explicit level variable (a std::atomic<ORVLogLevel>) and
+// category (a C string, or nullptr for "No category").
+#define ORVLogWithLevelInCategory(levelVariable, category, flag, ...)                                                 \
     do {                                                                                                               \
         if ((levelVariable).load(std::memory_order_relaxed) & (flag)) [[unlikely]]                                     \
-            ::orv::detail::logMessage((flag), __FILE__, static_cast<const char *>(__func__), __LINE__,                \
+            ::orv::detail::logMessage((flag), (category), __FILE__, static_cast<const char *>(__func__), __LINE__,    \
                                       ORVStringWithFormat(__VA_ARGS__));                                               \
     } while (0)
+#define ORVLogWithLevel(levelVariable, flag, ...) ORVLogWithLevelInCategory(levelVariable, nullptr, flag, __VA_ARGS__)
 
-#define ORVLogError(...) ORVLogWithLevel(orvFileLogLevel, ORVLogFlagError, __VA_ARGS__)
-#define ORVLogWarn(...) ORVLogWithLevel(orvFileLogLevel, ORVLogFlagWarning, __VA_ARGS__)
-#define ORVLogInfo(...) ORVLogWithLevel(orvFileLogLevel, ORVLogFlagInfo, __VA_ARGS__)
-#define ORVLogDebug(...) ORVLogWithLevel(orvFileLogLevel, ORVLogFlagDebug, __VA_ARGS__)
-#define ORVLogVerbose(...) ORVLogWithLevel(orvFileLogLevel, ORVLogFlagVerbose, __VA_ARGS__)
+#define ORVLogError(...) ORVLogWithLevelInCategory(orvFileLogLevel, orvFileLogCategory, ORVLogFlagError, __VA_ARGS__)
+#define ORVLogWarn(...) ORVLogWithLevelInCategory(orvFileLogLevel, orvFileLogCategory, ORVLogFlagWarning, __VA_ARGS__)
+#define ORVLogInfo(...) ORVLogWithLevelInCategory(orvFileLogLevel, orvFileLogCategory, ORVLogFlagInfo, __VA_ARGS__)
+#define ORVLogDebug(...) ORVLogWithLevelInCategory(orvFileLogLevel, orvFileLogCategory, ORVLogFlagDebug, __VA_ARGS__)
+#define ORVLogVerbose(...)                                                                                             \
+    ORVLogWithLevelInCategory(orvFileLogLevel, orvFileLogCategory, ORVLogFlagVerbose, __VA_ARGS__)

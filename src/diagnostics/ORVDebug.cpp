@@ -5,6 +5,7 @@
 #include <OrvellaKit/ORVCoordinator.h>
 #include <OrvellaKit/ORVDebug.h>
 #include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVLocalization.h>
 #include <OrvellaKit/ORVLogging.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 
@@ -34,7 +35,48 @@ constexpr const char *kDebugFile = "ORVDebug";
 const QString kNoCategory = QStringLiteral("No category");
 constexpr qsizetype kRecentLogLength = 10240;
 
-#define ORVDebugLog(flag, ...) ORVLogWithLevel(debugFileLogLevel, flag, __VA_ARGS__)
+#define ORVDebugLog(flag, ...) ORVLogWithLevelInCategory(debugFileLogLevel, "Debug", flag, __VA_ARGS__)
+
+// The bridge for Qt's own messages: its level, as a registered file's, and
+// the handler it passes every message on to.
+std::atomic<ORVLogLevel> qtMessagesLogLevel{ORVLogLevelError};
+std::atomic<QtMessageHandler> handlerBeforeBridge{nullptr};
+std::atomic<bool> bridgeOpen{false};
+std::mutex bridgeLock;
+// Set while this thread hands a Qt message to the sinks: a message Qt
+// emits meanwhile goes only to the earlier handler.
+thread_local bool insideBridge = false;
+
+ORVLogFlag flagForQtMessage(QtMsgType type)
+{
+    switch (type) {
+    case QtDebugMsg:
+        return ORVLogFlagDebug;
+    case QtInfoMsg:
+        return ORVLogFlagInfo;
+    case QtWarningMsg:
+        return ORVLogFlagWarning;
+    default: // critical and fatal
+        return ORVLogFlagError;
+    }
+}
+
+void forwardQtMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    if (bridgeOpen.load(std::memory_order_acquire) && !insideBridge) {
+        const ORVLogFlag flag = flagForQtMessage(type);
+        if (qtMessagesLogLevel.load(std::memory_order_relaxed) & flag) {
+            insideBridge = true;
+            const QByteArray category =
+                QByteArrayLiteral("Qt: ") + (context.category ? context.category : "default");
+            orv::detail::logMessage(flag, category.constData(), context.file, context.function, context.line,
+                                    message);
+            insideBridge = false;
+        }
+    }
+    if (const QtMessageHandler previous = handlerBeforeBridge.load(std::memory_order_acquire))
+        previous(type, context, message);
+}
 
 QString lastPathComponent(const char *file)
 {
@@ -52,7 +94,8 @@ QString timeZoneDescription(const QTimeZone &zone)
 }
 
 // The file's text: a byte-order mark picks UTF-16 or UTF-32, otherwise it
-// must be valid UTF-8. Anything else is unreadable and gives nothing.
+// is UTF-8. Bytes that do not decode become replacement characters, so one
+// damaged line costs that line, not the whole file.
 QString readLogText(const QString &path)
 {
     QFile file(path);
@@ -61,10 +104,14 @@ QString readLogText(const QString &path)
     const QByteArray bytes = file.readAll();
     auto encoding = QStringConverter::encodingForData(bytes);
     QStringDecoder decoder(encoding.value_or(QStringConverter::Utf8), QStringConverter::Flag::Stateless);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return {};
-    return text;
+    return decoder.decode(bytes);
+}
+
+ORVError logsFolderError(const QString &path)
+{
+    return ORVError(ORVCocoaErrorDomain, 512, // NSFileWriteUnknownError
+                    {{ORVLocalizedDescriptionKey, ORVLocalizedString("The logs folder cannot be created.")},
+                     {QStringLiteral("NSFilePath"), path}});
 }
 
 } // namespace
@@ -118,17 +165,54 @@ void ORVDebug::registerLogLevel(std::atomic<ORVLogLevel> *logLevel, const char *
 QUrl ORVDebug::sharedLogsDirectoryURL() const
 {
     const QString group = ORVCoordinator::platformCoordinator()->appGroupIdentifier();
-    const QString library = group.isEmpty() ? ORVUserLibraryDirectory(true)
-                                            : ORVGroupContainerDirectory(group) + QStringLiteral("/Library");
+    QString library = group.isEmpty() ? ORVUserLibraryDirectory(true) : ORVGroupContainerDirectory(group);
+    // A folder that cannot be made gives no URL, never one at the root.
+    if (library.isEmpty())
+        return {};
+    if (!group.isEmpty())
+        library += QStringLiteral("/Library");
     return QUrl::fromLocalFile(library + QStringLiteral("/Logs/"));
 }
 
 QUrl ORVDebug::logsDirectoryURL() const
 {
-    return sharedLogsDirectoryURL().resolved(QUrl(ORVApplicationFolderName() + QLatin1Char('/')));
+    const QUrl shared = sharedLogsDirectoryURL();
+    if (shared.isEmpty())
+        return {};
+    // The identifier is a folder name, never parsed as a URL: "app:x" and
+    // "kalendro#beta" are folders of those names.
+    return QUrl::fromLocalFile(shared.toLocalFile() + ORVApplicationFolderName() + QLatin1Char('/'));
 }
 
-void ORVDebug::setupLogging()
+bool ORVDebug::forwardsQtMessages() const
+{
+    return bridgeOpen.load(std::memory_order_acquire);
+}
+
+void ORVDebug::setForwardsQtMessages(bool forwards)
+{
+    std::lock_guard lock(bridgeLock);
+    if (forwards == bridgeOpen.load(std::memory_order_acquire))
+        return;
+    if (forwards) {
+        registerLogLevel(&qtMessagesLogLevel, "Qt messages", QStringLiteral("Qt"));
+        bridgeOpen.store(true, std::memory_order_release);
+        const QtMessageHandler previous = qInstallMessageHandler(forwardQtMessage);
+        // Installed before (and not taken out by someone else since): the
+        // earlier handler is still the one to pass messages on to.
+        if (previous != forwardQtMessage)
+            handlerBeforeBridge.store(previous, std::memory_order_release);
+        return;
+    }
+    bridgeOpen.store(false, std::memory_order_release);
+    // Put the earlier handler back unless someone installed theirs after
+    // ours; then ours stays in their chain and only passes messages on.
+    const QtMessageHandler current = qInstallMessageHandler(handlerBeforeBridge.load(std::memory_order_acquire));
+    if (current != forwardQtMessage)
+        qInstallMessageHandler(current);
+}
+
+ORVError ORVDebug::setupLogging()
 {
     // The system log receives errors only.
     // A second call replaces the sinks of the first instead of doubling them.
@@ -144,7 +228,8 @@ void ORVDebug::setupLogging()
     }
     orv::detail::addLogSink(systemLog);
 
-    // The rolling file logger, without a level of its own.
+    // The rolling file logger, without a level of its own. Without a folder
+    // it writes nothing (the system log still gets the errors).
     const QString logsDirectory = logsDirectoryURL().toLocalFile();
     auto fileLogger = std::make_shared<ORVFileLogger>(logsDirectory, ORVApplicationFolderName());
     fileLogger->setMaximumNumberOfLogFiles(10);
@@ -178,11 +263,22 @@ void ORVDebug::setupLogging()
     ORVDebugLog(ORVLogFlagError, "Default time zone: %@",
                 timeZoneDescription(QDateTime::currentDateTime().timeZone()));
 
+    if (logsDirectory.isEmpty()) {
+        const QString library = ORVUserLibraryDirectory(false);
+        ORVDebugLog(ORVLogFlagError, "No logs folder: %@ cannot be created; logging to the system log only",
+                    library);
+        return logsFolderError(library);
+    }
     // The file logger makes its files lazily; the folder is made here.
     if (!QFileInfo(logsDirectory).isDir()) {
         ORVDebugLog(ORVLogFlagInfo, "Creating Logs directory");
-        QDir().mkpath(logsDirectory); // a failure is not reported
+        if (!QDir().mkpath(logsDirectory)) {
+            ORVDebugLog(ORVLogFlagError, "The logs folder %@ cannot be created; logging to the system log only",
+                        logsDirectory);
+            return logsFolderError(logsDirectory);
+        }
     }
+    return {};
 }
 
 QString ORVDebug::recentLogContent() const

@@ -11,9 +11,12 @@
 #include <spdlog/sinks/dist_sink.h>
 #include <spdlog/spdlog.h>
 
+#include <QStringEncoder>
+
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 
 namespace orv::detail {
@@ -21,6 +24,32 @@ namespace orv::detail {
 namespace {
 
 constexpr size_t kQueueSize = 8192;
+
+// Set on the pool's worker thread once it writes its first message: an
+// error logged from there (by a sink, or by Qt while a sink runs) cannot
+// wait for the worker, which is itself.
+thread_local bool isLogWorker = false;
+
+// What the asynchronous loggers write into: it marks the worker thread,
+// then hands the message to the sinks.
+class WorkerSink final : public spdlog::sinks::sink {
+public:
+    explicit WorkerSink(std::shared_ptr<spdlog::sinks::sink> sinks) : _sinks(std::move(sinks)) {}
+    void log(const spdlog::details::log_msg &msg) override
+    {
+        isLogWorker = true;
+        _sinks->log(msg);
+    }
+    void flush() override { _sinks->flush(); }
+    void set_pattern(const std::string &pattern) override { _sinks->set_pattern(pattern); }
+    void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override
+    {
+        _sinks->set_formatter(std::move(formatter));
+    }
+
+private:
+    std::shared_ptr<spdlog::sinks::sink> _sinks;
+};
 
 // Counts the markers the pool's worker has reached, so that a thread can
 // wait until everything queued before its marker has been written.
@@ -54,7 +83,7 @@ struct LoggingCore {
         : sinks(std::make_shared<spdlog::sinks::dist_sink_mt>()),
           sync(std::make_shared<spdlog::logger>("orvellakit", sinks)),
           pool(std::make_shared<spdlog::details::thread_pool>(kQueueSize, 1)),
-          async(std::make_shared<spdlog::async_logger>("orvellakit-async", sinks, pool,
+          async(std::make_shared<spdlog::async_logger>("orvellakit-async", std::make_shared<WorkerSink>(sinks), pool,
                                                         spdlog::async_overflow_policy::block))
     {
         // Lives as long as the process: the pool's worker drops its
@@ -79,6 +108,21 @@ struct LoggingCore {
     {
         static LoggingCore *core = new LoggingCore;
         return *core;
+    }
+
+    // Waits until the worker has written everything queued so far.
+    void waitForWorker()
+    {
+        // The pool has one worker that takes messages in order: once it
+        // reaches a marker sent after everything logged so far, all of that
+        // has been written.
+        quint64 marker = 0;
+        {
+            std::lock_guard lock(markerMutex);
+            marker = ++markersSent;
+            markerLogger->log(spdlog::level::info, "flush");
+        }
+        markers->waitFor(marker, std::chrono::seconds(5));
     }
 
     void shutDown()
@@ -120,17 +164,37 @@ spdlog::level::level_enum levelFor(ORVLogFlag flag)
 
 } // namespace
 
-void logMessage(ORVLogFlag flag, const char *file, const char *function, int line, const QString &message)
+void logMessage(ORVLogFlag flag, const char *category, const char *file, const char *function, int line,
+                const QString &message)
 {
     LoggingCore &core = LoggingCore::instance();
-    const QByteArray text = message.toUtf8();
-    const spdlog::source_loc location{file, line, function};
-    const spdlog::string_view_t view(text.constData(), static_cast<size_t>(text.size()));
-    // Errors are written before the call returns; after shut-down everything is.
-    if (flag == ORVLogFlagError || core.closed.load(std::memory_order_acquire))
+    // "[category] message", encoded straight into a buffer that lives on
+    // the stack for all but long messages.
+    const char *name = category ? category : "No category";
+    const size_t nameLength = std::strlen(name);
+    QStringEncoder encoder(QStringConverter::Utf8);
+    spdlog::memory_buf_t text;
+    text.resize(nameLength + 3 + static_cast<size_t>(encoder.requiredSpace(message.size())));
+    char *out = text.data();
+    *out++ = '[';
+    std::memcpy(out, name, nameLength);
+    out += nameLength;
+    *out++ = ']';
+    *out++ = ' ';
+    out = encoder.appendToBuffer(out, message);
+    const spdlog::source_loc location{file ? file : "", line, function ? function : ""};
+    const spdlog::string_view_t view(text.data(), static_cast<size_t>(out - text.data()));
+    // After shut-down everything is written at once.
+    if (core.closed.load(std::memory_order_acquire)) {
         core.sync->log(location, levelFor(flag), view);
-    else
-        core.async->log(location, levelFor(flag), view);
+        return;
+    }
+    // One queue for every level keeps the file in the order things were
+    // logged; an error waits until it, and so everything before it, is
+    // written (the file sink flushes errors and warnings at once).
+    core.async->log(location, levelFor(flag), view);
+    if (flag == ORVLogFlagError && !isLogWorker)
+        core.waitForWorker();
 }
 
 void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, const char *category)
@@ -151,18 +215,8 @@ void removeLogSink(const std::shared_ptr<spdlog::sinks::sink> &sink)
 void flushLogs()
 {
     LoggingCore &core = LoggingCore::instance();
-    if (!core.closed.load(std::memory_order_acquire)) {
-        // The pool has one worker that takes messages in order: once it
-        // reaches a marker sent after everything logged so far, all of that
-        // has been written.
-        quint64 marker = 0;
-        {
-            std::lock_guard lock(core.markerMutex);
-            marker = ++core.markersSent;
-            core.markerLogger->log(spdlog::level::info, "flush");
-        }
-        core.markers->waitFor(marker, std::chrono::seconds(5));
-    }
+    if (!core.closed.load(std::memory_order_acquire) && !isLogWorker)
+        core.waitForWorker();
     core.sinks->flush();
 }
 

@@ -43,14 +43,47 @@ bool parseStamp(const std::string &stamp, std::chrono::system_clock::time_point 
     return true;
 }
 
+// The framework's names of the levels, so that a line can be found by its
+// level with grep: "[error]", "[warning]", "[info]", "[debug]", "[verbose]".
+class LevelName final : public spdlog::custom_flag_formatter {
+public:
+    void format(const spdlog::details::log_msg &msg, const std::tm &, spdlog::memory_buf_t &dest) override
+    {
+        std::string_view name;
+        switch (msg.level) {
+        case spdlog::level::critical:
+        case spdlog::level::err:
+            name = "error";
+            break;
+        case spdlog::level::warn:
+            name = "warning";
+            break;
+        case spdlog::level::info:
+            name = "info";
+            break;
+        case spdlog::level::debug:
+            name = "debug";
+            break;
+        default:
+            name = "verbose";
+            break;
+        }
+        dest.append(name.data(), name.data() + name.size());
+    }
+    std::unique_ptr<custom_flag_formatter> clone() const override { return std::make_unique<LevelName>(); }
+};
+
 } // namespace
 
 RollingFileSink::RollingFileSink(std::filesystem::path directory, std::string baseName)
     : _directory(std::move(directory)), _baseName(std::move(baseName))
 {
-    // The file format of the platform's logging framework:
-    // "2024/03/01 12:00:00:123  message".
-    set_formatter_(std::make_unique<spdlog::pattern_formatter>("%Y/%m/%d %H:%M:%S:%e  %v"));
+    // The time stamp of the platform's logging framework, then the level;
+    // the message brings its category:
+    // "2024/03/01 12:00:00:123  [error] [Token Manager] message".
+    auto formatter = std::make_unique<spdlog::pattern_formatter>();
+    formatter->add_flag<LevelName>('*').set_pattern("%Y/%m/%d %H:%M:%S:%e  [%*] %v");
+    set_formatter_(std::move(formatter));
 }
 
 RollingFileSink::~RollingFileSink()
@@ -63,6 +96,8 @@ std::vector<RollingFileSink::Entry> RollingFileSink::listFiles() const
     // "<base> <stamp>.log" or "<base> <stamp>-<n>.log"; other files in the
     // directory are not ours and are left alone.
     std::vector<Entry> entries;
+    if (!_directory.is_absolute())
+        return entries;
     std::error_code error;
     std::filesystem::directory_iterator it(_directory, error);
     if (error)
@@ -222,6 +257,10 @@ void RollingFileSink::deleteOldFiles()
 
 void RollingFileSink::sink_it_(const spdlog::details::log_msg &msg)
 {
+    // Without a folder of its own the sink writes nothing: a relative path
+    // would put log files in whatever the working folder is.
+    if (!_directory.is_absolute())
+        return;
     spdlog::memory_buf_t text;
     formatter_->format(msg, text);
     // The message's own time stamp saves two clock reads per message.

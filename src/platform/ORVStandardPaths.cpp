@@ -9,31 +9,67 @@
 
 #include <cerrno>
 
+#include <vector>
+
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
 
-// $VARIABLE when it holds an absolute path (the XDG rule), else HOME/fallback.
+// $HOME when it is an absolute path, else the home folder of the user's
+// passwd entry; never the file-system root that QDir::homePath() falls back
+// to (a service started without HOME would write its files there).
+QString homeFolder()
+{
+    const QString home = qEnvironmentVariable("HOME");
+    if (!home.isEmpty() && QDir::isAbsolutePath(home))
+        return QDir::cleanPath(home);
+    long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+    std::vector<char> buffer(static_cast<size_t>(size > 0 ? size : 16384));
+    struct passwd entry {};
+    struct passwd *found = nullptr;
+    if (::getpwuid_r(::geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found && found->pw_dir) {
+        const QString directory = QFile::decodeName(found->pw_dir);
+        if (QDir::isAbsolutePath(directory) && QDir::cleanPath(directory) != QLatin1String("/"))
+            return QDir::cleanPath(directory);
+    }
+    return {};
+}
+
+// $VARIABLE when it holds an absolute path (the XDG rule), else
+// home/fallback; a null string when there is no home either.
 QString xdgBase(const char *variable, const char *fallback)
 {
     const QString value = qEnvironmentVariable(variable);
     if (!value.isEmpty() && QDir::isAbsolutePath(value))
         return QDir::cleanPath(value);
-    return QDir::cleanPath(QDir::homePath() + QLatin1Char('/') + QLatin1String(fallback));
+    const QString home = homeFolder();
+    if (home.isEmpty())
+        return {};
+    return QDir::cleanPath(home + QLatin1Char('/') + QLatin1String(fallback));
 }
 
 QString ensure(const QString &path, bool create)
 {
-    if (create && !QDir().mkpath(path))
+    if (path.isEmpty() || (create && !QDir().mkpath(path)))
         return {};
     return path;
 }
 
-// A group or bundle identifier becomes one path component.
+// Joins a base folder and one component; null when the base is.
+QString below(const QString &base, const QString &component)
+{
+    return base.isEmpty() ? QString() : base + QLatin1Char('/') + component;
+}
+
+// A group or bundle identifier becomes one path component, taken literally
+// (":", "#", "?" and "%" stay as they are); only "/" and NUL, which cannot
+// be part of a file name, are replaced.
 QString component(QString name)
 {
     name.replace(QLatin1Char('/'), QLatin1Char('_'));
+    name.replace(QChar(u'\0'), QLatin1Char('_'));
     if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String(".."))
         name = QStringLiteral("_");
     return name;
@@ -58,18 +94,18 @@ QString ORVUserLibraryDirectory(bool create)
 
 QString ORVApplicationSupportDirectory(bool create)
 {
-    return ensure(xdgBase("XDG_DATA_HOME", ".local/share") + QLatin1Char('/') + ORVApplicationFolderName(), create);
+    return ensure(below(xdgBase("XDG_DATA_HOME", ".local/share"), ORVApplicationFolderName()), create);
 }
 
 QString ORVCachesDirectory(bool create)
 {
-    return ensure(xdgBase("XDG_CACHE_HOME", ".cache") + QLatin1Char('/') + ORVApplicationFolderName(), create);
+    return ensure(below(xdgBase("XDG_CACHE_HOME", ".cache"), ORVApplicationFolderName()), create);
 }
 
 QString ORVGroupContainerDirectory(const QString &groupIdentifier, bool create)
 {
-    return ensure(xdgBase("XDG_DATA_HOME", ".local/share") + QStringLiteral("/group-containers/") +
-                      component(groupIdentifier),
+    return ensure(below(below(xdgBase("XDG_DATA_HOME", ".local/share"), QStringLiteral("group-containers")),
+                        component(groupIdentifier)),
                   create);
 }
 

@@ -105,8 +105,15 @@ std::optional<qint64> ORVUbiquitousKeyValueStore::longLongForKey(const QString &
 
 ORVLocalKeyValueStore::ORVLocalKeyValueStore(QString filePath) : _filePath(std::move(filePath))
 {
+    if (_filePath.isEmpty()) {
+        const QString folder = ORVApplicationSupportDirectory();
+        if (!folder.isEmpty())
+            _filePath = QDir(folder).filePath(QStringLiteral("UbiquitousKeyValueStore.json"));
+    }
+    // Without a data folder the values live in memory only, never in a
+    // file relative to the working folder.
     if (_filePath.isEmpty())
-        _filePath = QDir(ORVApplicationSupportDirectory()).filePath(QStringLiteral("UbiquitousKeyValueStore.json"));
+        return;
     QFile file(_filePath);
     if (!file.exists())
         return;
@@ -155,6 +162,8 @@ bool ORVLocalKeyValueStore::synchronize()
 
 bool ORVLocalKeyValueStore::writeLocked()
 {
+    if (_filePath.isEmpty())
+        return false;
     QDir().mkpath(QFileInfo(_filePath).absolutePath());
     if (_unreadable) {
         const QString aside = _filePath + QStringLiteral(".unreadable");

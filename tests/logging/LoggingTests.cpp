@@ -7,9 +7,15 @@
 #include <OrvellaKit/ORVLogging.h>
 #include <OrvellaKit/ORVStandardPaths.h>
 
+#include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVError.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLoggingCategory>
+#include <QRegularExpression>
+#include <QTemporaryDir>
 
 #include <thread>
 
@@ -110,11 +116,11 @@ TEST_F(LoggingTest, RegistrationBeforeAndAfterSetup)
     debug->fileLogger()->flush();
     const QString log = readAll(debug->fileLogger()->currentLogFilePath());
     EXPECT_TRUE(log.contains(QStringLiteral(" launching\n")));
-    EXPECT_TRUE(log.contains(QStringLiteral("  System version: ")));
-    EXPECT_TRUE(log.contains(QStringLiteral("  Changing log level: 7\n")));
-    EXPECT_TRUE(log.contains(QStringLiteral("  Default log level: 7\n")));
-    EXPECT_TRUE(log.contains(QStringLiteral("  System time zone: ")));
-    EXPECT_TRUE(log.contains(QStringLiteral("  Default time zone: ")));
+    EXPECT_TRUE(log.contains(QStringLiteral("] System version: ")));
+    EXPECT_TRUE(log.contains(QStringLiteral("] Changing log level: 7\n")));
+    EXPECT_TRUE(log.contains(QStringLiteral("] Default log level: 7\n")));
+    EXPECT_TRUE(log.contains(QStringLiteral("] System time zone: ")));
+    EXPECT_TRUE(log.contains(QStringLiteral("] Default time zone: ")));
     // The banner's errors made the file, and with it the folder, before the
     // last step looks for the folder.
     EXPECT_FALSE(log.contains(QStringLiteral("Creating Logs directory")));
@@ -177,7 +183,8 @@ TEST_F(LoggingTest, RollsAtFourMebibytesAndKeepsTen)
     // Newest first: each file's first message comes after the next file's.
     auto firstNumber = [&](const QString &path) {
         const QString text = readAll(path);
-        const qsizetype start = text.indexOf(QStringLiteral("  ")) + 2;
+        const QString category = QStringLiteral("[Logging Tests] ");
+        const qsizetype start = text.indexOf(category) + category.size();
         return text.mid(start, text.indexOf(u' ', start) - start).toInt();
     };
     for (qsizetype i = 0; i + 1 < files.size(); ++i)
@@ -214,19 +221,19 @@ TEST_F(LoggingTest, RecentLogContentReadsOlderFilesOldestFirst)
     logger->flush();
     const QString dir = logger->logsDirectory();
     const QString base = ORVApplicationFolderName();
-    // An older file from an earlier run, and a non-UTF-8 one that cannot be read.
+    // An older file from an earlier run, and one with bytes that are not UTF-8.
     QFile older(dir + "/" + base + " 2000-01-01--00-00-00-000.log");
     ASSERT_TRUE(older.open(QIODevice::WriteOnly));
     older.write("older run\n");
     older.close();
     QFile binary(dir + "/" + base + " 2000-01-02--00-00-00-000.log");
     ASSERT_TRUE(binary.open(QIODevice::WriteOnly));
-    binary.write("\xff\xfe\xfd not text \xc3\x28");
+    binary.write("cut \xc3\x28 short \xff\n");
     binary.close();
 
     const QString recent = debug->recentLogContent();
     EXPECT_TRUE(recent.startsWith("older run\n")) << qPrintable(recent.left(80));
-    EXPECT_FALSE(recent.contains("not text"));
+    EXPECT_TRUE(recent.contains(QStringLiteral("older run\ncut \uFFFD( short \uFFFD\n"))) << qPrintable(recent.left(80));
     EXPECT_TRUE(recent.contains(" launching"));
 }
 
@@ -264,6 +271,145 @@ TEST_F(LoggingTest, DeletedFileAndUnwritableDirectoryDoNotStopLogging)
     ORVLogError("back again");
     logger->flush();
     EXPECT_TRUE(debug->recentLogContent().contains("back again"));
+}
+
+TEST_F(LoggingTest, AnErrorIsWrittenAfterEverythingLoggedBeforeIt)
+{
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    for (int i = 0; i < 5000; ++i)
+        ORVLogInfo("info line %04d", i);
+    ORVLogError("the error after them");
+    // No flush: the error call itself returns once it is written.
+    const QString log = readAll(debug->fileLogger()->currentLogFilePath());
+    const qsizetype error = log.indexOf("the error after them");
+    ASSERT_GE(error, 0);
+    EXPECT_GT(error, log.indexOf("info line 4999"));
+    EXPECT_GE(log.indexOf("info line 4999"), 0);
+}
+
+TEST_F(LoggingTest, LinesShowTheirLevelAndCategory)
+{
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    debug->setLogLevel(ORVLogLevelVerbose);
+    ORVLogError("an error");
+    ORVLogWarn("a warning");
+    ORVLogInfo("some info");
+    ORVLogDebug("a debug line");
+    ORVLogVerbose("a verbose line");
+    std::atomic<ORVLogLevel> uncategorisedLevel{ORVLogLevelVerbose};
+    ORVLogWithLevel(uncategorisedLevel, ORVLogFlagWarning, "from no category");
+    debug->fileLogger()->flush();
+    const QStringList lines = readAll(debug->fileLogger()->currentLogFilePath()).split(u'\n');
+    const auto line = [&](const QString &text) {
+        for (const QString &l : lines)
+            if (l.endsWith(text))
+                return l;
+        return QString();
+    };
+    const QString stamp = QStringLiteral(R"(^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d:\d{3}  )");
+    const std::pair<QString, QString> expected[] = {
+        {"an error", R"(\[error\] \[Logging Tests\] )"},
+        {"a warning", R"(\[warning\] \[Logging Tests\] )"},
+        {"some info", R"(\[info\] \[Logging Tests\] )"},
+        {"a debug line", R"(\[debug\] \[Logging Tests\] )"},
+        {"a verbose line", R"(\[verbose\] \[Logging Tests\] )"},
+        {"from no category", R"(\[warning\] \[No category\] )"},
+        {"Changing log level: 31", R"(\[error\] \[Debug\] )"},
+    };
+    for (const auto &[text, prefix] : expected) {
+        const QRegularExpression pattern(stamp + prefix + QRegularExpression::escape(text) + "$");
+        EXPECT_TRUE(pattern.match(line(text)).hasMatch()) << qPrintable(line(text));
+    }
+}
+
+Q_LOGGING_CATEGORY(kalendroTests, "kalendro.tests")
+
+TEST_F(LoggingTest, QtMessagesReachTheLogOnlyWhenAsked)
+{
+    debug->setupLogging();
+    debug->setLogLevel(ORVLogLevelVerbose);
+    EXPECT_FALSE(debug->forwardsQtMessages());
+    qWarning("not asked for");
+
+    debug->setForwardsQtMessages(true);
+    EXPECT_TRUE(debug->forwardsQtMessages());
+    qCWarning(kalendroTests) << "a bridged warning";
+    qCritical("a bridged critical %d", 2);
+    qInfo("a bridged info");
+    qCDebug(kalendroTests, "a bridged debug line");
+    std::thread([] { qWarning("from another thread"); }).join();
+    // The bridge's level follows the others.
+    debug->setLogLevel(ORVLogLevelError);
+    qWarning("below the level");
+    qCritical("still an error");
+    debug->setForwardsQtMessages(false);
+    qCritical("after the bridge was closed");
+
+    debug->fileLogger()->flush();
+    const QString log = readAll(debug->fileLogger()->currentLogFilePath());
+    EXPECT_FALSE(log.contains("not asked for"));
+    EXPECT_TRUE(log.contains("  [warning] [Qt: kalendro.tests] a bridged warning\n")) << qPrintable(log.right(600));
+    EXPECT_TRUE(log.contains("  [error] [Qt: default] a bridged critical 2\n"));
+    EXPECT_TRUE(log.contains("  [info] [Qt: default] a bridged info\n"));
+    EXPECT_TRUE(log.contains("  [debug] [Qt: kalendro.tests] a bridged debug line\n"));
+    EXPECT_TRUE(log.contains("  [warning] [Qt: default] from another thread\n"));
+    EXPECT_FALSE(log.contains("below the level"));
+    EXPECT_TRUE(log.contains("  [error] [Qt: default] still an error\n"));
+    EXPECT_FALSE(log.contains("after the bridge was closed"));
+}
+
+TEST_F(LoggingTest, NoFolderMeansNoLogFileElsewhere)
+{
+    // The state folder cannot be made: a plain file stands where it would go.
+    QFile blocker(home.filePath("blocker"));
+    ASSERT_TRUE(blocker.open(QIODevice::WriteOnly));
+    blocker.close();
+    qputenv("XDG_STATE_HOME", home.filePath("blocker/state").toUtf8());
+    QTemporaryDir work;
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(work.path()));
+    const QString rootLogs = "/Logs/" + ORVApplicationFolderName();
+    const bool rootLogsExisted = QFileInfo::exists(rootLogs);
+
+    EXPECT_TRUE(debug->sharedLogsDirectoryURL().isEmpty());
+    EXPECT_TRUE(debug->logsDirectoryURL().isEmpty());
+    const ORVError error = debug->setupLogging();
+    EXPECT_TRUE(error);
+    orvRegisterFileLogLevel();
+    ORVLogError("goes to no file");
+    debug->fileLogger()->flush();
+    EXPECT_TRUE(debug->fileLogger()->sortedLogFilePaths().isEmpty());
+    EXPECT_EQ(debug->recentLogContent(), "");
+    EXPECT_TRUE(QDir(work.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+    if (!rootLogsExisted) {
+        EXPECT_FALSE(QFileInfo::exists(rootLogs));
+        QDir(rootLogs).removeRecursively();
+        QDir().rmdir(QStringLiteral("/Logs")); // only when empty
+    }
+    QDir::setCurrent(previous);
+}
+
+TEST_F(LoggingTest, ABundleIdentifierIsOneLiteralFolder)
+{
+    const QString logs = home.filePath(".local/state/Logs/");
+    const QVariantMap saved = ORVBundle::mainBundle().infoDictionary();
+    for (const QString &identifier : {QStringLiteral("app:x"), QStringLiteral("kalendro#beta"),
+                                      QStringLiteral("a?b c%20d"), QStringLiteral("../../escape")}) {
+        ORVBundle::mainBundle().setInfoDictionary({{"CFBundleIdentifier", identifier}});
+        const QString folder = logsDirectory();
+        EXPECT_EQ(QFileInfo(QDir::cleanPath(folder)).dir().absolutePath() + "/", logs) << qPrintable(folder);
+        if (!identifier.contains(u'/'))
+            EXPECT_EQ(folder, logs + identifier + "/");
+        debug->setupLogging();
+        orvRegisterFileLogLevel();
+        ORVLogError("logged under %@", identifier);
+        const QString file = debug->fileLogger()->currentLogFilePath();
+        EXPECT_TRUE(file.startsWith(folder)) << qPrintable(file);
+        EXPECT_TRUE(readAll(file).contains("logged under " + identifier)) << qPrintable(file);
+    }
+    ORVBundle::mainBundle().setInfoDictionary(saved);
 }
 
 TEST(DebuggerAttached, ReadsTracerPid)
