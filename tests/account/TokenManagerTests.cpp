@@ -78,27 +78,31 @@ TEST_F(TokenManagerTest, StoredTokensNeedMoreThanAMinute)
 {
     const auto account = ORVFetchOrvellaAccount();
     struct Case {
-        QString stored;
+        qint64 secondsLeft;
+        int parts;
         bool adopted;
     };
     const std::vector<Case> cases = {
-        {makeToken(60), false},
+        {60, 3, false},
         // "exp" is in whole seconds: made at the end of a second, a token
         // of 61 has a little over 60 left and can fall below by the check.
-        {makeToken(62), true},
-        {makeToken(3600, 2), false}, // no readable expiry
-        {makeToken(-5), false},
+        // Each token is made just before its request, so that a slow fetch
+        // in the case before cannot age it.
+        {62, 3, true},
+        {3600, 2, false}, // no readable expiry
+        {-5, 3, false},
     };
     size_t expectedFetches = 0;
     for (const Case &c : cases) {
         auto fresh = makeManager();
-        fresh->stored = c.stored;
+        const QString stored = makeToken(c.secondsLeft, c.parts);
+        fresh->stored = stored;
         Replies replies;
         fresh->requestTokenForAccount(account, replies.handler(0));
         ASSERT_TRUE(replies.waitFor(1));
         expectedFetches += c.adopted ? 0 : 1;
-        EXPECT_EQ(fetches(), expectedFetches) << qPrintable(c.stored);
-        EXPECT_EQ(replies.received[0].first == c.stored, c.adopted) << qPrintable(c.stored);
+        EXPECT_EQ(fetches(), expectedFetches) << qPrintable(stored);
+        EXPECT_EQ(replies.received[0].first == stored, c.adopted) << qPrintable(stored);
         // Each fetch rotated the device token; the next manager starts from it.
         if (const auto credential = fresh->currentCredential())
             firstDeviceToken = credential->password;
