@@ -1,6 +1,8 @@
 // Logging: a million info messages through the framework's path into the
 // rolling file sink, against a raw spdlog async logger with a plain file
-// sink; and the cost of a statement whose flag is off.
+// sink; the cost of a statement whose flag is off; and one error line, which
+// returns once it and everything before it is written and flushed, against
+// a synchronous spdlog logger writing and flushing a plain file.
 
 #include "BenchRatios.h"
 
@@ -78,6 +80,25 @@ void BM_LoggingSpdlog(benchmark::State &state)
     state.SetItemsProcessed(state.iterations() * kMessages);
 }
 
+void BM_LogErrorOurs(benchmark::State &state)
+{
+    setUpFrameworkLogging();
+    int i = 0;
+    for (auto _ : state)
+        ORVLogError("Error %d of %@", ++i, QStringLiteral("benchmark"));
+}
+
+void BM_LogErrorSpdlogSync(benchmark::State &state)
+{
+    const std::string path = scratch().filePath("raw-errors.log").toStdString();
+    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
+    spdlog::logger logger("raw-errors", sink);
+    logger.flush_on(spdlog::level::err);
+    int i = 0;
+    for (auto _ : state)
+        logger.error("Error {} of {}", ++i, "benchmark");
+}
+
 void BM_LogStatementOff(benchmark::State &state)
 {
     setUpFrameworkLogging();
@@ -92,7 +113,11 @@ void BM_LogStatementOff(benchmark::State &state)
 
 BENCHMARK(BM_LoggingOurs)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(false);
 BENCHMARK(BM_LoggingSpdlog)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(false);
+BENCHMARK(BM_LogErrorOurs)->UseRealTime();
+BENCHMARK(BM_LogErrorSpdlogSync)->UseRealTime();
 BENCHMARK(BM_LogStatementOff);
 
 static orv::bench::RegisterComparison logging("logging_vs_spdlog", "BM_LoggingOurs", "BM_LoggingSpdlog");
 static orv::bench::RegisterReport loggingOff("log_statement_off", "BM_LogStatementOff");
+static orv::bench::RegisterComparison errorLine("log_error_line_vs_spdlog_sync", "BM_LogErrorOurs", "BM_LogErrorSpdlogSync");
+static orv::bench::RegisterReport errorLineOurs("log_error_line", "BM_LogErrorOurs");

@@ -229,6 +229,10 @@ int main(int argc, char **argv)
     // 2. The account server: the embedded one keeps its state in the data
     // folder, so a second run finds the account and this device again.
     const QString dataFolder = ORVApplicationSupportDirectory(true);
+    if (dataFolder.isEmpty()) {
+        say("the data folder cannot be created (is HOME or XDG_DATA_HOME usable?); stopping");
+        return 1;
+    }
     std::unique_ptr<orv::server::AccountServer> embedded;
     QUrl serverURL(parser.value(serverOption));
     if (!parser.isSet(serverOption)) {

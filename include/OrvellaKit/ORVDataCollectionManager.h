@@ -41,6 +41,8 @@ constexpr qint64 ORVDataCollectionManagerNoQueueFolderErrorCode = 1;
 constexpr qint64 ORVDataCollectionManagerWriteFailedErrorCode = 2;
 // The item was queued before (it has a date); it is not queued again.
 constexpr qint64 ORVDataCollectionManagerItemAlreadyQueuedErrorCode = 3;
+// The delay is not a finite number of seconds within a few thousand years.
+constexpr qint64 ORVDataCollectionManagerInvalidDelayErrorCode = 4;
 
 // One report. A field without a value is left out of both JSON forms.
 class ORVDataCollectionItem {
@@ -162,7 +164,9 @@ private:
     sharedManagerMadeBy(const std::function<std::shared_ptr<ORVDataCollectionManager>()> &make);
     // The queue as read; `readable` false when the file exists but is not a
     // queue (it is then moved aside before the next write).
-    static QJsonArray readArray(const QString &path, bool *readable);
+    // `failure` receives why a file that is there cannot be read (then it
+    // must not be replaced).
+    static QJsonArray readArray(const QString &path, bool *readable, QString *failure = nullptr);
     static QList<ORVDataCollectionItem> itemsOfArray(const QJsonArray &array);
     // `replacesReadableFile` false moves the present file aside first.
     static ORVError writeArray(const QString &path, const QJsonArray &array, bool replacesReadableFile);

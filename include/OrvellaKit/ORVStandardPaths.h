@@ -13,10 +13,14 @@
 //                           (else $XDG_RUNTIME_DIR/<bundle id>)
 //
 // Functions that say "created" make the folder (and its parents) when it is
-// missing; they return a null string when that fails.
+// missing; they return a null string when that fails. Without $HOME (or with
+// HOME=/) the home folder is the one of the user's passwd entry; with none
+// there either, every folder under it is a null string, never one at "/".
 
 #include <QString>
 
+// The user's configuration folder: $XDG_CONFIG_HOME, else ~/.config.
+QString ORVUserConfigDirectory(bool create = false);
 // Every application of the family shares the Library folder, as on the
 // platform the framework comes from; files inside are named per application.
 QString ORVUserLibraryDirectory(bool create = true);

@@ -9,17 +9,21 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QSaveFile>
 #include <QThread>
 #include <QTimer>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 const QString ORVDataCollectionManagerErrorDomain = QStringLiteral("com.orvella.orvellakit.datacollection.error");
@@ -59,34 +63,63 @@ ORVError writeFailedError(const QString &reason)
 constexpr off_t kQueueByte = 0;   // held for each read-modify-write of the file
 constexpr off_t kSendingByte = 1; // held for a whole submission pass
 
-// Locks one byte of the lock file beside the queue and returns the
-// descriptor that holds it (closing it unlocks), or -1 with errno set
-// (EAGAIN: someone else holds it and `wait` was false). These are open file
-// description locks: they belong to the descriptor, not to the process, so
-// a second descriptor in this process is kept out as well as another
-// process, and the kernel drops them when the holder dies.
-int lockQueueByte(const QString &queuePath, off_t byte, bool wait)
+// How long an add waits for another process's read-modify-write (which
+// takes milliseconds) before it gives up: a stopped process holding the
+// lock must not freeze the caller, often the GUI thread, for good.
+constexpr auto kLockWait = std::chrono::seconds(5);
+
+enum class LockResult {
+    Held,        // the descriptor holds the lock
+    Busy,        // someone else held it for the whole wait
+    Unsupported, // the file system has no such locks: go on without
+    Failed,      // the lock file cannot be opened
+};
+
+// Locks one byte of the lock file beside the queue; on Held, `*fd` holds
+// it (closing it unlocks). These are open file description locks: they
+// belong to the descriptor, not to the process, so a second descriptor in
+// this process is kept out as well as another process, and the kernel
+// drops them when the holder dies.
+LockResult lockQueueByte(const QString &queuePath, off_t byte, std::chrono::milliseconds wait, int *fd,
+                         QString *failure)
 {
+    *fd = -1;
     const QByteArray path = QFile::encodeName(queuePath + QStringLiteral(".lock"));
-    const int fd = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-    if (fd < 0)
-        return -1;
+    const int opened = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (opened < 0) {
+        *failure = ORVStringWithFormat("%@: %@", QFile::decodeName(path), QString::fromLocal8Bit(std::strerror(errno)));
+        return LockResult::Failed;
+    }
     struct flock lock {};
     lock.l_type = F_WRLCK;
     lock.l_whence = SEEK_SET;
     lock.l_start = byte;
     lock.l_len = 1;
-    int result = 0;
-    do
-        result = ::fcntl(fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &lock);
-    while (result != 0 && errno == EINTR);
-    if (result != 0) {
-        const int saved = errno == EACCES ? EAGAIN : errno;
-        ::close(fd);
-        errno = saved;
-        return -1;
+    const auto end = std::chrono::steady_clock::now() + wait;
+    auto pause = std::chrono::milliseconds(1);
+    for (;;) {
+        if (::fcntl(opened, F_OFD_SETLK, &lock) == 0) {
+            *fd = opened;
+            return LockResult::Held;
+        }
+        const int error = errno;
+        if (error == EINTR)
+            continue;
+        if (error != EAGAIN && error != EACCES) {
+            ::close(opened);
+            if (error == ENOLCK || error == EINVAL || error == EOPNOTSUPP || error == ENOSYS)
+                return LockResult::Unsupported;
+            *failure = ORVStringWithFormat("%@: %@", QFile::decodeName(path), QString::fromLocal8Bit(std::strerror(error)));
+            return LockResult::Failed;
+        }
+        if (std::chrono::steady_clock::now() >= end) {
+            ::close(opened);
+            *failure = ORVStringWithFormat("%@ is held by another process", QFile::decodeName(path));
+            return LockResult::Busy;
+        }
+        std::this_thread::sleep_for(pause);
+        pause = std::min(pause * 2, std::chrono::milliseconds(20));
     }
-    return fd;
 }
 
 } // namespace
@@ -97,9 +130,9 @@ class ORVDataCollectionManager::FileLock {
 public:
     FileLock(std::mutex &mutex, const QString &queuePath) : _guard(mutex)
     {
-        _fd = lockQueueByte(queuePath, kQueueByte, true);
-        if (_fd < 0)
-            _error = QString::fromLocal8Bit(std::strerror(errno));
+        const LockResult result = lockQueueByte(queuePath, kQueueByte, kLockWait, &_fd, &_error);
+        if (result == LockResult::Held || result == LockResult::Unsupported)
+            _error.clear();
     }
     ~FileLock()
     {
@@ -108,7 +141,7 @@ public:
     }
     FileLock(const FileLock &) = delete;
     FileLock &operator=(const FileLock &) = delete;
-    // A null string once held, else why not.
+    // A null string once held (or when the file system has no locks), else why not.
     const QString &error() const { return _error; }
 
 private:
@@ -122,6 +155,8 @@ private:
 struct ORVDataCollectionManager::Pass {
     std::vector<SubmissionHandler> handlers;
     int sendingLock = -1;
+    // The count of the last batch the server accepted, for the handlers.
+    quint64 lastBatchCount = 0;
     void releaseSendingLock()
     {
         if (sendingLock >= 0)
@@ -265,6 +300,11 @@ ORVError ORVDataCollectionManager::addItem(ORVDataCollectionItem &item, double d
                                   "addItem:submissionDelay:", kClass, kFile))
         return queueError(ORVDataCollectionManagerItemAlreadyQueuedErrorCode,
                           ORVLocalizedString("The usage report was queued before."));
+    // Beyond a few thousand years the date is no date (and a NaN would be
+    // read back as due at once).
+    if (!std::isfinite(delay) || std::abs(delay) > 1e11)
+        return queueError(ORVDataCollectionManagerInvalidDelayErrorCode,
+                          ORVLocalizedString("The submission delay is not a usable number of seconds."));
     item.scheduledSubmissionDate = QDateTime::currentDateTimeUtc().addMSecs(qRound64(delay * 1000.0));
 
     const QString path = URLForPendingItems().toLocalFile();
@@ -281,11 +321,14 @@ ORVError ORVDataCollectionManager::addItem(ORVDataCollectionItem &item, double d
         // Written before the call returns, so a quit or a crash right after
         // it loses nothing; the file's other elements stay as they are.
         FileLock lock(_fileLock, path);
-        if (!lock.error().isEmpty()) {
-            error = writeFailedError(lock.error());
+        bool readable = true;
+        QString failure = lock.error();
+        QJsonArray array;
+        if (failure.isEmpty())
+            array = readArray(path, &readable, &failure);
+        if (!failure.isEmpty()) {
+            error = writeFailedError(failure);
         } else {
-            bool readable = true;
-            QJsonArray array = readArray(path, &readable);
             array.append(item.JSONDictionaryForStorage());
             error = writeArray(path, array, readable);
             const QDateTime now = QDateTime::currentDateTimeUtc();
@@ -323,13 +366,28 @@ QList<ORVDataCollectionItem> ORVDataCollectionManager::pendingItems() const
     return path.isEmpty() ? QList<ORVDataCollectionItem>() : itemsOfArray(readArray(path, nullptr));
 }
 
-QJsonArray ORVDataCollectionManager::readArray(const QString &path, bool *readable)
+QJsonArray ORVDataCollectionManager::readArray(const QString &path, bool *readable, QString *failure)
 {
     if (readable)
         *readable = true;
+    const auto fail = [&](const QString &why) {
+        qWarning("Cannot read the pending submissions file %s: %s", qPrintable(path), qPrintable(why));
+        if (failure)
+            *failure = ORVStringWithFormat("%@: %@", path, why);
+        return QJsonArray();
+    };
+    // Only a missing file is an empty queue. One that is there but cannot
+    // be read must not be replaced by a queue without its reports, and a
+    // link would lead the writes out of the application's folder.
+    struct stat info {};
+    const QByteArray native = QFile::encodeName(path);
+    if (::lstat(native.constData(), &info) != 0)
+        return errno == ENOENT ? QJsonArray() : fail(QString::fromLocal8Bit(std::strerror(errno)));
+    if (!S_ISREG(info.st_mode))
+        return fail(QStringLiteral("not a regular file"));
     QFile file(path);
     if (!file.open(QIODevice::ReadOnly))
-        return {};
+        return fail(file.errorString());
     QJsonParseError parseError;
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parseError);
     if (parseError.error != QJsonParseError::NoError) {
@@ -371,10 +429,12 @@ ORVError ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollection
     for (const ORVDataCollectionItem &item : items)
         array.append(item.JSONDictionaryForStorage());
     FileLock lock(_fileLock, path);
-    if (!lock.error().isEmpty())
-        return writeFailedError(lock.error());
+    QString failure = lock.error();
     bool readable = true;
-    readArray(path, &readable);
+    if (failure.isEmpty())
+        readArray(path, &readable, &failure);
+    if (!failure.isEmpty())
+        return writeFailedError(failure);
     return writeArray(path, array, readable);
 }
 
@@ -383,9 +443,12 @@ ORVError ORVDataCollectionManager::writeArray(const QString &path, const QJsonAr
     // A file that is not a queue may still be worth something to someone:
     // it is kept beside the new one rather than overwritten.
     if (!replacesReadableFile && QFile::exists(path)) {
-        const QString aside = path + QStringLiteral(".unreadable");
-        QFile::remove(aside);
-        if (!QFile::rename(path, aside)) {
+        // An earlier copy set aside stays too: the first free name of
+        // ".unreadable", ".unreadable.1", ... ".unreadable.99".
+        QString aside = path + QStringLiteral(".unreadable");
+        for (int n = 1; QFileInfo::exists(aside) && n < 100; ++n)
+            aside = path + QStringLiteral(".unreadable.") + QString::number(n);
+        if (QFileInfo::exists(aside) || !QFile::rename(path, aside)) {
             qWarning("Pending submissions file %s is unreadable and cannot be moved aside; not replacing it",
                      qPrintable(path));
             return writeFailedError(ORVStringWithFormat("%@ cannot be moved aside", path));
@@ -446,9 +509,18 @@ void ORVDataCollectionManager::runPass(std::vector<SubmissionHandler> handlers)
         return endPass(pass, ORVError(), 0);
     // Another copy of the application sending from the same file would send
     // the same reports: its pass goes first, ours leaves them queued.
-    pass->sendingLock = lockQueueByte(path, kSendingByte, false);
-    if (pass->sendingLock < 0 && errno == EAGAIN)
+    QString failure;
+    switch (lockQueueByte(path, kSendingByte, std::chrono::milliseconds(0), &pass->sendingLock, &failure)) {
+    case LockResult::Busy:
         return endPass(pass, ORVError(), 0);
+    case LockResult::Failed:
+        // Without the lock file the sent reports could not leave the file
+        // either: they would go out again with every pass.
+        return endPass(pass, writeFailedError(failure), 0);
+    case LockResult::Held:
+    case LockResult::Unsupported:
+        break;
+    }
     sendBatch(pass);
 }
 
@@ -476,7 +548,7 @@ void ORVDataCollectionManager::sendBatch(std::shared_ptr<Pass> pass)
         sent.append(object);
     }
     if (batch.isEmpty() || _submissionDisabledCount.load() != 0)
-        return endPass(pass, ORVError(), 0);
+        return endPass(pass, ORVError(), pass->lastBatchCount);
 
     ORVURLRequest request(submissionURL());
     request.setCachePolicy(ORVURLRequestReloadIgnoringLocalCacheData);
@@ -504,7 +576,8 @@ void ORVDataCollectionManager::sendBatch(std::shared_ptr<Pass> pass)
                         // and what is not sent stays as it was written.
                         FileLock lock(self->_fileLock, path);
                         bool readable = true;
-                        const QJsonArray array = readArray(path, &readable);
+                        QString failure = lock.error();
+                        const QJsonArray array = failure.isEmpty() ? readArray(path, &readable, &failure) : QJsonArray();
                         QList<QJsonObject> unmatched = sent;
                         QJsonArray remaining;
                         for (const QJsonValue &element : array) {
@@ -512,13 +585,14 @@ void ORVDataCollectionManager::sendBatch(std::shared_ptr<Pass> pass)
                                 continue;
                             remaining.append(element);
                         }
-                        writeError = lock.error().isEmpty() ? writeArray(path, remaining, readable)
-                                                            : writeFailedError(lock.error());
+                        writeError = failure.isEmpty() ? writeArray(path, remaining, readable)
+                                                       : writeFailedError(failure);
                     }
                     // The server has the reports but the file still holds
                     // them: say so and stop, rather than send them again.
                     if (writeError)
                         return self->endPass(pass, writeError, count);
+                    pass->lastBatchCount = count;
                     if (more)
                         self->sendBatch(pass);
                     else

@@ -43,9 +43,15 @@ std::atomic<ORVLogLevel> qtMessagesLogLevel{ORVLogLevelError};
 std::atomic<QtMessageHandler> handlerBeforeBridge{nullptr};
 std::atomic<bool> bridgeOpen{false};
 std::mutex bridgeLock;
-// Set while this thread hands a Qt message to the sinks: a message Qt
-// emits meanwhile goes only to the earlier handler.
-thread_local bool insideBridge = false;
+// Whether forwardQtMessage is still part of a handler chain that someone
+// installed on top of it (so it cannot be taken out, and must not be put in
+// a second time).
+bool bridgeStillChained = false;
+// What this thread is doing inside forwardQtMessage: a message Qt emits
+// while the bridge logs goes only to the earlier handler, and a handler
+// chain that leads back to the bridge ends there instead of looping.
+enum class BridgeStep { None, Logging, PassingOn };
+thread_local BridgeStep bridgeStep = BridgeStep::None;
 
 ORVLogFlag flagForQtMessage(QtMsgType type)
 {
@@ -63,19 +69,23 @@ ORVLogFlag flagForQtMessage(QtMsgType type)
 
 void forwardQtMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (bridgeOpen.load(std::memory_order_acquire) && !insideBridge) {
+    if (bridgeStep == BridgeStep::PassingOn)
+        return;
+    const BridgeStep entered = bridgeStep;
+    if (entered == BridgeStep::None && bridgeOpen.load(std::memory_order_acquire)) {
         const ORVLogFlag flag = flagForQtMessage(type);
         if (qtMessagesLogLevel.load(std::memory_order_relaxed) & flag) {
-            insideBridge = true;
+            bridgeStep = BridgeStep::Logging;
             const QByteArray category =
                 QByteArrayLiteral("Qt: ") + (context.category ? context.category : "default");
             orv::detail::logMessage(flag, category.constData(), context.file, context.function, context.line,
                                     message);
-            insideBridge = false;
         }
     }
+    bridgeStep = BridgeStep::PassingOn;
     if (const QtMessageHandler previous = handlerBeforeBridge.load(std::memory_order_acquire))
         previous(type, context, message);
+    bridgeStep = entered;
 }
 
 QString lastPathComponent(const char *file)
@@ -195,21 +205,25 @@ void ORVDebug::setForwardsQtMessages(bool forwards)
     if (forwards == bridgeOpen.load(std::memory_order_acquire))
         return;
     if (forwards) {
-        registerLogLevel(&qtMessagesLogLevel, "Qt messages", QStringLiteral("Qt"));
+        static std::once_flag registered;
+        std::call_once(registered,
+                       [this] { registerLogLevel(&qtMessagesLogLevel, "Qt messages", QStringLiteral("Qt")); });
         bridgeOpen.store(true, std::memory_order_release);
-        const QtMessageHandler previous = qInstallMessageHandler(forwardQtMessage);
-        // Installed before (and not taken out by someone else since): the
-        // earlier handler is still the one to pass messages on to.
-        if (previous != forwardQtMessage)
-            handlerBeforeBridge.store(previous, std::memory_order_release);
+        // Still in a chain someone installed on top of it: it hears the
+        // messages already.
+        if (bridgeStillChained)
+            return;
+        handlerBeforeBridge.store(qInstallMessageHandler(forwardQtMessage), std::memory_order_release);
         return;
     }
     bridgeOpen.store(false, std::memory_order_release);
     // Put the earlier handler back unless someone installed theirs after
     // ours; then ours stays in their chain and only passes messages on.
     const QtMessageHandler current = qInstallMessageHandler(handlerBeforeBridge.load(std::memory_order_acquire));
-    if (current != forwardQtMessage)
+    if (current != forwardQtMessage) {
         qInstallMessageHandler(current);
+        bridgeStillChained = true;
+    }
 }
 
 ORVError ORVDebug::setupLogging()
@@ -264,7 +278,13 @@ ORVError ORVDebug::setupLogging()
                 timeZoneDescription(QDateTime::currentDateTime().timeZone()));
 
     if (logsDirectory.isEmpty()) {
-        const QString library = ORVUserLibraryDirectory(false);
+        // The folder that was tried, as far as there is one.
+        const QString group = ORVCoordinator::platformCoordinator()->appGroupIdentifier();
+        QString library = group.isEmpty() ? ORVUserLibraryDirectory(false) : ORVGroupContainerDirectory(group, false);
+        if (library.isEmpty())
+            library = QStringLiteral("(no home folder)");
+        else if (!group.isEmpty())
+            library += QStringLiteral("/Library");
         ORVDebugLog(ORVLogFlagError, "No logs folder: %@ cannot be created; logging to the system log only",
                     library);
         return logsFolderError(library);

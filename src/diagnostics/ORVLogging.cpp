@@ -58,7 +58,14 @@ public:
     bool waitFor(quint64 marker, std::chrono::milliseconds timeout)
     {
         std::unique_lock lock(_countMutex);
-        return _written.wait_for(lock, timeout, [&] { return _reached >= marker; });
+        return _written.wait_for(lock, timeout, [&] { return _reached >= marker || _abandoned; });
+    }
+    // The pool is gone: a marker that did not make it will never come.
+    void abandon()
+    {
+        std::lock_guard lock(_countMutex);
+        _abandoned = true;
+        _written.notify_all();
     }
 
 protected:
@@ -74,6 +81,7 @@ private:
     std::mutex _countMutex;
     std::condition_variable _written;
     quint64 _reached = 0;
+    bool _abandoned = false;
 };
 
 // Created on first use and never destroyed, so that logging from other
@@ -131,6 +139,7 @@ struct LoggingCore {
         flusher.reset();
         // The pool's destructor lets its thread write out what is queued.
         pool.reset();
+        markers->abandon();
         sync->flush();
     }
 

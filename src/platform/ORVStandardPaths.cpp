@@ -17,14 +17,15 @@
 
 namespace {
 
-// $HOME when it is an absolute path, else the home folder of the user's
-// passwd entry; never the file-system root that QDir::homePath() falls back
-// to (a service started without HOME would write its files there).
+// $HOME when it is an absolute path other than "/", else the home folder of
+// the user's passwd entry; never the file-system root that QDir::homePath()
+// falls back to (a service started without HOME, or a container's HOME=/,
+// would write its files there).
 QString homeFolder()
 {
-    const QString home = qEnvironmentVariable("HOME");
-    if (!home.isEmpty() && QDir::isAbsolutePath(home))
-        return QDir::cleanPath(home);
+    const QString home = QDir::cleanPath(qEnvironmentVariable("HOME"));
+    if (!home.isEmpty() && QDir::isAbsolutePath(home) && home != QLatin1String("/"))
+        return home;
     long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
     std::vector<char> buffer(static_cast<size_t>(size > 0 ? size : 16384));
     struct passwd entry {};
@@ -85,6 +86,11 @@ QString ORVApplicationFolderName()
     if (name.isEmpty())
         name = QFileInfo(ORVLaunchExecutablePath()).fileName();
     return component(name);
+}
+
+QString ORVUserConfigDirectory(bool create)
+{
+    return ensure(xdgBase("XDG_CONFIG_HOME", ".config"), create);
 }
 
 QString ORVUserLibraryDirectory(bool create)

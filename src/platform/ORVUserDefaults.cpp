@@ -19,9 +19,12 @@ std::map<QString, std::weak_ptr<ORVUserDefaults>> &registry()
     return stores;
 }
 
+// The framework's own rule for the home folder (never "/"); Qt's only when
+// there is no home at all, so that the store always has a place.
 QString configFolder()
 {
-    return QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation);
+    const QString folder = ORVUserConfigDirectory();
+    return folder.isEmpty() ? QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) : folder;
 }
 
 QVariantMap readAll(QSettings &settings)

@@ -471,6 +471,45 @@ TEST_F(UsageQueueTest, AnAddThatCannotBeWrittenSaysSo)
     EXPECT_FALSE(queue->addItem(blocked));
     EXPECT_EQ(queue->pendingItems().size(), 1);
 
+    // A delay that is no number of seconds is refused; the file is untouched.
+    const QByteArray before = fileContents();
+    for (const double delay : {qQNaN(), qInf(), -qInf(), 1e300}) {
+        ORVDataCollectionItem odd = makeItem("odd delay", {});
+        EXPECT_EQ(queue->addItem(odd, delay).code(), ORVDataCollectionManagerInvalidDelayErrorCode) << delay;
+        EXPECT_FALSE(odd.scheduledSubmissionDate);
+    }
+    EXPECT_EQ(fileContents(), before);
+
+    // A link in the file's place is neither followed nor replaced: the
+    // reports it leads to stay as they are.
+    QFile outside(home.filePath("outside.json"));
+    ASSERT_TRUE(outside.open(QIODevice::WriteOnly));
+    outside.write(R"([{"text":"elsewhere"}])");
+    outside.close();
+    ASSERT_TRUE(QFile::remove(path));
+    ASSERT_TRUE(QFile::link(outside.fileName(), path));
+    ORVDataCollectionItem linked = makeItem("linked", {});
+    EXPECT_EQ(queue->addItem(linked).code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    ASSERT_TRUE(outside.open(QIODevice::ReadOnly));
+    EXPECT_EQ(outside.readAll(), R"([{"text":"elsewhere"}])");
+    outside.close();
+    ASSERT_TRUE(QFile::remove(path));
+
+    // A lock file that cannot be opened (a dangling link) stops adds and
+    // submissions alike, rather than sending the same reports again and again.
+    ASSERT_TRUE(queue->setPendingItems({makeItem("due", -60)}).isNull());
+    QFile::remove(path + ".lock");
+    ASSERT_TRUE(QFile::link(home.filePath("nowhere"), path + ".lock"));
+    ORVDataCollectionItem unlocked = makeItem("unlocked", {});
+    EXPECT_EQ(queue->addItem(unlocked).code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    Submission refused;
+    queue->submitPendingItemsWithCompletionHandler(refused.handler());
+    ASSERT_TRUE(refused.wait());
+    EXPECT_EQ(refused.error.code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    EXPECT_EQ(posts(), 0u);
+    ASSERT_TRUE(QFile::remove(path + ".lock"));
+    EXPECT_EQ(queue->pendingItems().size(), 1);
+
     // No data folder can be made (a plain file where it would go): nothing
     // is written anywhere else, the working folder included.
     QTemporaryDir work;
@@ -521,7 +560,9 @@ TEST_F(UsageQueueTest, BadFilesReadAsDocumentedAndAreKeptAside)
     };
     for (const Case &c : cases) {
         writeFile(c.contents);
-        QFile::remove(queue->URLForPendingItems().toLocalFile() + ".unreadable");
+        const QString path = queue->URLForPendingItems().toLocalFile();
+        QFile::remove(path + ".unreadable");
+        QFile::remove(path + ".unreadable.1");
         EXPECT_EQ(queue->pendingItems().size(), c.items) << c.name;
         EXPECT_FALSE(add(makeItem("new", {}))) << c.name;
         EXPECT_EQ(queue->pendingItems().size(), c.items + 1) << c.name;
@@ -533,6 +574,14 @@ TEST_F(UsageQueueTest, BadFilesReadAsDocumentedAndAreKeptAside)
         }
         if (c.keptAside) {
             ASSERT_TRUE(aside.open(QIODevice::ReadOnly));
+            EXPECT_EQ(aside.readAll(), c.contents) << c.name;
+            // A second damaged file is set aside beside the first.
+            writeFile("second damage");
+            EXPECT_FALSE(add(makeItem("newer", {}))) << c.name;
+            QFile second(path + ".unreadable.1");
+            ASSERT_TRUE(second.open(QIODevice::ReadOnly)) << c.name;
+            EXPECT_EQ(second.readAll(), "second damage");
+            aside.seek(0);
             EXPECT_EQ(aside.readAll(), c.contents) << c.name;
         }
     }

@@ -360,6 +360,40 @@ TEST_F(LoggingTest, QtMessagesReachTheLogOnlyWhenAsked)
     EXPECT_FALSE(log.contains("after the bridge was closed"));
 }
 
+// A handler that someone installs on top of the bridge and that passes
+// every message on, as handlers usually do.
+QtMessageHandler handlerBelowTheirs = nullptr;
+std::atomic<int> theirCalls = 0;
+void theirHandler(QtMsgType type, const QMessageLogContext &context, const QString &message)
+{
+    ++theirCalls;
+    if (handlerBelowTheirs)
+        handlerBelowTheirs(type, context, message);
+}
+
+TEST_F(LoggingTest, TheQtBridgeSharesTheHandlerChain)
+{
+    debug->setupLogging();
+    debug->setLogLevel(ORVLogLevelVerbose);
+    debug->setForwardsQtMessages(true);
+    debug->setForwardsQtMessages(true);
+    handlerBelowTheirs = qInstallMessageHandler(theirHandler);
+    // Closing the bridge cannot take it out of their chain; opening it again
+    // must not put it in a second time (a loop through both handlers).
+    debug->setForwardsQtMessages(false);
+    qWarning("while closed");
+    debug->setForwardsQtMessages(true);
+    qWarning("opened again");
+    EXPECT_EQ(theirCalls.load(), 2);
+    qInstallMessageHandler(nullptr);
+
+    debug->fileLogger()->flush();
+    const QString log = readAll(debug->fileLogger()->currentLogFilePath());
+    EXPECT_FALSE(log.contains("while closed"));
+    EXPECT_EQ(log.count("opened again"), 1);
+    EXPECT_EQ(debug->logCategories().value("Qt"), QStringList{"Qt messages"});
+}
+
 TEST_F(LoggingTest, NoFolderMeansNoLogFileElsewhere)
 {
     // The state folder cannot be made: a plain file stands where it would go.
