@@ -127,6 +127,26 @@
         <source>Don't Relaunch</source>
         <translation>Nicht neu starten</translation>
     </message>
+    <message>
+        <source>The usage reports could not be saved.</source>
+        <translation>Die Nutzungsberichte konnten nicht gespeichert werden.</translation>
+    </message>
+    <message>
+        <source>The usage report was queued before.</source>
+        <translation>Der Nutzungsbericht wurde bereits eingereiht.</translation>
+    </message>
+    <message>
+        <source>The folder for usage reports cannot be created.</source>
+        <translation>Der Ordner für Nutzungsberichte kann nicht angelegt werden.</translation>
+    </message>
+    <message>
+        <source>The submission delay is not a usable number of seconds.</source>
+        <translation>Die Wartezeit bis zum Senden ist keine brauchbare Anzahl Sekunden.</translation>
+    </message>
+    <message>
+        <source>The logs folder cannot be created.</source>
+        <translation>Der Ordner für die Protokolle kann nicht angelegt werden.</translation>
+    </message>
 </context>
 <context>
     <name>ORVCrashReportWindowController</name>
