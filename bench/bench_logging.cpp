@@ -2,7 +2,9 @@
 // rolling file sink, against a raw spdlog async logger with a plain file
 // sink; the cost of a statement whose flag is off; and one error line, which
 // returns once it and everything before it is written and flushed, against
-// a synchronous spdlog logger writing and flushing a plain file.
+// what errors cost before they kept their order: a synchronous spdlog logger
+// writing and flushing a plain file and the system log (both alone, and
+// right behind an info line, which an error now waits for).
 
 #include "BenchRatios.h"
 
@@ -18,6 +20,9 @@
 #include <spdlog/async_logger.h>
 #include <spdlog/details/thread_pool.h>
 #include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/syslog_sink.h>
+
+#include <syslog.h>
 
 ORV_LOG_FILE("Benchmark")
 
@@ -88,15 +93,50 @@ void BM_LogErrorOurs(benchmark::State &state)
         ORVLogError("Error %d of %@", ++i, QStringLiteral("benchmark"));
 }
 
+// The peer of the error lines: the file and the system log, written on the
+// calling thread; info lines go through an asynchronous logger of their own.
+struct SyncErrorPeer {
+    std::shared_ptr<spdlog::sinks::basic_file_sink_mt> file =
+        std::make_shared<spdlog::sinks::basic_file_sink_mt>(scratch().filePath("raw-errors.log").toStdString(), true);
+    std::shared_ptr<spdlog::sinks::syslog_sink_mt> system =
+        std::make_shared<spdlog::sinks::syslog_sink_mt>("bench", LOG_PID, LOG_USER, false);
+    std::shared_ptr<spdlog::details::thread_pool> pool = std::make_shared<spdlog::details::thread_pool>(8192, 1);
+    spdlog::logger errors{"raw-errors", {file, system}};
+    std::shared_ptr<spdlog::async_logger> infos =
+        std::make_shared<spdlog::async_logger>("raw-infos", file, pool, spdlog::async_overflow_policy::block);
+    SyncErrorPeer()
+    {
+        system->set_level(spdlog::level::err);
+        errors.flush_on(spdlog::level::err);
+    }
+};
+
 void BM_LogErrorSpdlogSync(benchmark::State &state)
 {
-    const std::string path = scratch().filePath("raw-errors.log").toStdString();
-    auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
-    spdlog::logger logger("raw-errors", sink);
-    logger.flush_on(spdlog::level::err);
+    SyncErrorPeer peer;
     int i = 0;
     for (auto _ : state)
-        logger.error("Error {} of {}", ++i, "benchmark");
+        peer.errors.error("Error {} of {}", ++i, "benchmark");
+}
+
+void BM_LogErrorBehindInfoOurs(benchmark::State &state)
+{
+    setUpFrameworkLogging();
+    int i = 0;
+    for (auto _ : state) {
+        ORVLogInfo("Info %d of %@", ++i, QStringLiteral("benchmark"));
+        ORVLogError("Error %d of %@", i, QStringLiteral("benchmark"));
+    }
+}
+
+void BM_LogErrorBehindInfoSpdlog(benchmark::State &state)
+{
+    SyncErrorPeer peer;
+    int i = 0;
+    for (auto _ : state) {
+        peer.infos->info("Info {} of {}", ++i, "benchmark");
+        peer.errors.error("Error {} of {}", i, "benchmark");
+    }
 }
 
 void BM_LogStatementOff(benchmark::State &state)
@@ -115,9 +155,13 @@ BENCHMARK(BM_LoggingOurs)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetit
 BENCHMARK(BM_LoggingSpdlog)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)->ReportAggregatesOnly(false);
 BENCHMARK(BM_LogErrorOurs)->UseRealTime();
 BENCHMARK(BM_LogErrorSpdlogSync)->UseRealTime();
+BENCHMARK(BM_LogErrorBehindInfoOurs)->UseRealTime();
+BENCHMARK(BM_LogErrorBehindInfoSpdlog)->UseRealTime();
 BENCHMARK(BM_LogStatementOff);
 
 static orv::bench::RegisterComparison logging("logging_vs_spdlog", "BM_LoggingOurs", "BM_LoggingSpdlog");
 static orv::bench::RegisterReport loggingOff("log_statement_off", "BM_LogStatementOff");
 static orv::bench::RegisterComparison errorLine("log_error_line_vs_spdlog_sync", "BM_LogErrorOurs", "BM_LogErrorSpdlogSync");
+static orv::bench::RegisterComparison errorBehindInfo("log_error_behind_info_vs_spdlog_sync", "BM_LogErrorBehindInfoOurs",
+                                                      "BM_LogErrorBehindInfoSpdlog");
 static orv::bench::RegisterReport errorLineOurs("log_error_line", "BM_LogErrorOurs");

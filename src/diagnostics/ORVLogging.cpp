@@ -30,15 +30,19 @@ constexpr size_t kQueueSize = 8192;
 // wait for the worker, which is itself.
 thread_local bool isLogWorker = false;
 
-// What the asynchronous loggers write into: it marks the worker thread,
-// then hands the message to the sinks.
+// What the asynchronous logger writes into: it marks the worker thread,
+// hands the message to the sinks and counts it as written.
 class WorkerSink final : public spdlog::sinks::sink {
 public:
-    explicit WorkerSink(std::shared_ptr<spdlog::sinks::sink> sinks) : _sinks(std::move(sinks)) {}
+    WorkerSink(std::shared_ptr<spdlog::sinks::sink> sinks, std::atomic<quint64> *written)
+        : _sinks(std::move(sinks)), _written(written)
+    {
+    }
     void log(const spdlog::details::log_msg &msg) override
     {
         isLogWorker = true;
         _sinks->log(msg);
+        _written->fetch_add(1, std::memory_order_release);
     }
     void flush() override { _sinks->flush(); }
     void set_pattern(const std::string &pattern) override { _sinks->set_pattern(pattern); }
@@ -49,6 +53,7 @@ public:
 
 private:
     std::shared_ptr<spdlog::sinks::sink> _sinks;
+    std::atomic<quint64> *_written;
 };
 
 // Counts the markers the pool's worker has reached, so that a thread can
@@ -91,8 +96,8 @@ struct LoggingCore {
         : sinks(std::make_shared<spdlog::sinks::dist_sink_mt>()),
           sync(std::make_shared<spdlog::logger>("orvellakit", sinks)),
           pool(std::make_shared<spdlog::details::thread_pool>(kQueueSize, 1)),
-          async(std::make_shared<spdlog::async_logger>("orvellakit-async", std::make_shared<WorkerSink>(sinks), pool,
-                                                        spdlog::async_overflow_policy::block))
+          async(std::make_shared<spdlog::async_logger>("orvellakit-async", std::make_shared<WorkerSink>(sinks, &written),
+                                                        pool, spdlog::async_overflow_policy::block))
     {
         // Lives as long as the process: the pool's worker drops its
         // references to it inside the uninstrumented spdlog library, which
@@ -143,6 +148,11 @@ struct LoggingCore {
         sync->flush();
     }
 
+    // Messages handed to the queue, and messages the worker has written
+    // (declared first: the asynchronous logger's sink counts into it).
+    // When the two are equal, nothing logged before is still on its way.
+    std::atomic<quint64> queued = 0;
+    std::atomic<quint64> written = 0;
     std::shared_ptr<spdlog::sinks::dist_sink_mt> sinks;
     std::shared_ptr<spdlog::logger> sync;
     std::shared_ptr<spdlog::details::thread_pool> pool;
@@ -199,11 +209,22 @@ void logMessage(ORVLogFlag flag, const char *category, const char *file, const c
         return;
     }
     // One queue for every level keeps the file in the order things were
-    // logged; an error waits until it, and so everything before it, is
-    // written (the file sink flushes errors and warnings at once).
-    core.async->log(location, levelFor(flag), view);
-    if (flag == ORVLogFlagError && !isLogWorker)
+    // logged. An error returns once it, and so everything before it, is
+    // written (the file sink flushes errors and warnings at once): when
+    // nothing is on its way it is written here and now, else it joins the
+    // queue and waits for the worker to reach it.
+    if (flag == ORVLogFlagError && !isLogWorker) {
+        if (core.written.load(std::memory_order_acquire) == core.queued.load(std::memory_order_acquire)) {
+            core.sync->log(location, levelFor(flag), view);
+            return;
+        }
+        core.queued.fetch_add(1, std::memory_order_relaxed);
+        core.async->log(location, levelFor(flag), view);
         core.waitForWorker();
+        return;
+    }
+    core.queued.fetch_add(1, std::memory_order_relaxed);
+    core.async->log(location, levelFor(flag), view);
 }
 
 void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, const char *category)
