@@ -14,6 +14,11 @@
 //   changed.
 // - Values reach the file on the next pass of the main event loop, or at
 //   synchronize().
+// - Without a configuration folder (no home folder, and XDG_CONFIG_HOME
+//   unset or relative) the standard and named stores keep their values in
+//   memory for the life of the process: nothing is written to "/" or to the
+//   working folder. Such a store has an empty filePath(), synchronize()
+//   answers false, and a warning says so once per store.
 //
 // The object is thread-safe.
 
@@ -47,6 +52,7 @@ public:
 
     ~ORVUserDefaults() override;
 
+    // Empty for a store kept in memory.
     QString filePath() const { return _filePath; }
 
     // The value set for the key, else the registered default, else invalid.
@@ -82,16 +88,19 @@ protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
-    explicit ORVUserDefaults(QString filePath);
+    ORVUserDefaults(QString filePath, QString registryKey);
+    static std::shared_ptr<ORVUserDefaults> defaultsInMemory(const QString &name);
     void fileMayHaveChanged();
     void notify(const QStringList &keys);
 
     QString _filePath;
+    QString _registryKey;
     mutable std::mutex _lock;
     QSettings *_settings = nullptr;
     QFileSystemWatcher *_watcher = nullptr;
     QVariantMap _snapshot;   // what the file held at the last look, plus our sets
     QVariantMap _registered; // registered defaults
+    QVariantMap _values;     // the values of a store without a file
     mutable std::mutex _observersLock;
     std::map<QString, std::map<const void *, std::shared_ptr<ChangeHandler>>> _observers;
 };

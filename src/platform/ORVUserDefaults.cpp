@@ -7,7 +7,6 @@
 #include <QFileInfo>
 #include <QFileSystemWatcher>
 #include <QSettings>
-#include <QStandardPaths>
 #include <QThread>
 
 namespace {
@@ -19,12 +18,19 @@ std::map<QString, std::weak_ptr<ORVUserDefaults>> &registry()
     return stores;
 }
 
-// The framework's own rule for the home folder (never "/"); Qt's only when
-// there is no home at all, so that the store always has a place.
+// The framework's own rule for the home folder: never "/", never relative
+// to the working folder. Null when there is no home at all; the stores are
+// then kept in memory rather than written where they do not belong.
 QString configFolder()
 {
-    const QString folder = ORVUserConfigDirectory();
-    return folder.isEmpty() ? QStandardPaths::writableLocation(QStandardPaths::GenericConfigLocation) : folder;
+    return ORVUserConfigDirectory();
+}
+
+// Registry keys of stores without a file: never an absolute path, so never
+// the key of a file's store.
+QString memoryKey(const QString &name)
+{
+    return QStringLiteral("memory:") + name;
 }
 
 QVariantMap readAll(QSettings &settings)
@@ -46,7 +52,25 @@ std::shared_ptr<ORVUserDefaults> ORVUserDefaults::defaultsWithSuiteName(const QS
 {
     if (name.isEmpty() || name.contains(QLatin1Char('/')))
         return nullptr;
-    return defaultsWithPath(QDir(configFolder()).filePath(name + QStringLiteral(".conf")));
+    const QString folder = configFolder();
+    if (folder.isEmpty())
+        return defaultsInMemory(name);
+    return defaultsWithPath(QDir(folder).filePath(name + QStringLiteral(".conf")));
+}
+
+std::shared_ptr<ORVUserDefaults> ORVUserDefaults::defaultsInMemory(const QString &name)
+{
+    const QString key = memoryKey(name);
+    std::lock_guard lock(registryLock);
+    auto &slot = registry()[key];
+    if (auto existing = slot.lock())
+        return existing;
+    qWarning("No configuration folder (no home folder and no absolute XDG_CONFIG_HOME): "
+             "the settings \"%s\" are kept in memory only",
+             qPrintable(name));
+    std::shared_ptr<ORVUserDefaults> store(new ORVUserDefaults(QString(), key));
+    slot = store;
+    return store;
 }
 
 std::shared_ptr<ORVUserDefaults> ORVUserDefaults::defaultsWithPath(const QString &filePath)
@@ -56,13 +80,19 @@ std::shared_ptr<ORVUserDefaults> ORVUserDefaults::defaultsWithPath(const QString
     auto &slot = registry()[path];
     if (auto existing = slot.lock())
         return existing;
-    std::shared_ptr<ORVUserDefaults> store(new ORVUserDefaults(path));
+    std::shared_ptr<ORVUserDefaults> store(new ORVUserDefaults(path, path));
     slot = store;
     return store;
 }
 
-ORVUserDefaults::ORVUserDefaults(QString filePath) : _filePath(std::move(filePath))
+ORVUserDefaults::ORVUserDefaults(QString filePath, QString registryKey)
+    : _filePath(std::move(filePath)), _registryKey(std::move(registryKey))
 {
+    if (_filePath.isEmpty()) {
+        if (QCoreApplication *app = QCoreApplication::instance(); app && thread() != app->thread())
+            moveToThread(app->thread());
+        return;
+    }
     QDir().mkpath(QFileInfo(_filePath).absolutePath());
     _settings = new QSettings(_filePath, QSettings::IniFormat, this);
     // QSettings writes on a later pass of the event loop; that write takes
@@ -83,13 +113,13 @@ ORVUserDefaults::ORVUserDefaults(QString filePath) : _filePath(std::move(filePat
 
 ORVUserDefaults::~ORVUserDefaults()
 {
-    {
+    if (_settings) {
         std::lock_guard lock(_lock);
         _settings->removeEventFilter(this);
         _settings->sync();
     }
     std::lock_guard lock(registryLock);
-    auto it = registry().find(_filePath);
+    auto it = registry().find(_registryKey);
     if (it != registry().end() && it->second.expired())
         registry().erase(it);
 }
@@ -107,7 +137,7 @@ bool ORVUserDefaults::eventFilter(QObject *watched, QEvent *event)
 QVariant ORVUserDefaults::objectForKey(const QString &key) const
 {
     std::lock_guard lock(_lock);
-    const QVariant value = _settings->value(key);
+    const QVariant value = _settings ? _settings->value(key) : _values.value(key);
     return value.isValid() ? value : _registered.value(key);
 }
 
@@ -155,7 +185,7 @@ bool ORVUserDefaults::boolForKey(const QString &key) const
 QStringList ORVUserDefaults::dictionaryRepresentationKeys() const
 {
     std::lock_guard lock(_lock);
-    QStringList keys = _settings->allKeys();
+    QStringList keys = _settings ? _settings->allKeys() : _values.keys();
     for (auto it = _registered.begin(); it != _registered.end(); ++it) {
         if (!keys.contains(it.key()))
             keys << it.key();
@@ -169,7 +199,12 @@ void ORVUserDefaults::setObject(const QVariant &value, const QString &key)
         return;
     {
         std::lock_guard lock(_lock);
-        if (value.isValid()) {
+        if (!_settings) {
+            if (value.isValid())
+                _values.insert(key, value);
+            else
+                _values.remove(key);
+        } else if (value.isValid()) {
             _settings->setValue(key, value);
             // What the file will say once read back: INI keeps text, and
             // for whole numbers, booleans and text that is the value's own
@@ -204,6 +239,9 @@ void ORVUserDefaults::registerDefaults(const QVariantMap &defaults)
 bool ORVUserDefaults::synchronize()
 {
     std::lock_guard lock(_lock);
+    // A store in memory has nowhere to write to.
+    if (!_settings)
+        return false;
     _settings->sync();
     return _settings->status() == QSettings::NoError;
 }

@@ -2,10 +2,17 @@
 
 #include <OrvellaKit/ORVUserDefaults.h>
 
+#include <OrvellaKit/ORVStandardPaths.h>
+
 #include <QDir>
 #include <QProcess>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QThread>
+
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 using namespace orv::test;
 
@@ -124,4 +131,58 @@ TEST_F(UserDefaultsTest, WritesOfAnotherProcessAreReportedOnce)
     ASSERT_TRUE(again.waitForFinished(10000));
     ASSERT_TRUE(waitUntil([&] { return heard.count() > 1; }, 10s));
     EXPECT_EQ(store->stringForKey("Color"), std::optional<QString>("navy"));
+}
+
+TEST_F(UserDefaultsTest, WithoutAHomeTheStoresStayInMemory)
+{
+    // A service account without a passwd entry, started without HOME and
+    // with a relative XDG_CONFIG_HOME (which the XDG rules ignore): there is
+    // no configuration folder, and the settings must not land in the
+    // working folder or at the file-system root instead.
+    if (::geteuid() != 0)
+        GTEST_SKIP() << "acting as a user without a passwd entry needs root";
+    uid_t uid = 54321;
+    while (::getpwuid(uid))
+        ++uid;
+    QTemporaryDir work;
+    ASSERT_TRUE(work.isValid());
+    ASSERT_EQ(::chmod(QFile::encodeName(work.path()).constData(), 0777), 0);
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(work.path()));
+    qunsetenv("HOME");
+    qputenv("XDG_CONFIG_HOME", "relative/config");
+    const QString rootConf = "/.config/" + ORVApplicationFolderName() + ".conf";
+    const bool rootConfExisted = QFileInfo::exists(rootConf);
+    ASSERT_EQ(::seteuid(uid), 0);
+
+    {
+        auto store = ORVUserDefaults::standardUserDefaults();
+        ASSERT_TRUE(store);
+        EXPECT_TRUE(store->filePath().isEmpty()) << qPrintable(store->filePath());
+        EXPECT_EQ(ORVUserDefaults::standardUserDefaults(), store);
+        auto other = ORVUserDefaults::defaultsWithSuiteName("other");
+        ASSERT_TRUE(other);
+        EXPECT_NE(other, store);
+
+        Heard heard;
+        store->addObserver(&heard, "View", heard.handler());
+        store->setString("Week", "View");
+        store->setInteger(7, "Days");
+        other->setString("elsewhere", "View");
+        EXPECT_EQ(store->stringForKey("View"), std::optional<QString>("Week"));
+        EXPECT_EQ(store->integerForKey("Days"), 7);
+        EXPECT_EQ(other->stringForKey("View"), std::optional<QString>("elsewhere"));
+        EXPECT_EQ(heard.count(), 1);
+        store->removeObjectForKey("Days");
+        EXPECT_EQ(store->dictionaryRepresentationKeys(), QStringList{"View"});
+        EXPECT_FALSE(store->synchronize()); // nowhere to write to
+        spinFor(50ms);                      // a pending write would happen now
+    }
+
+    ASSERT_EQ(::seteuid(0), 0);
+    QDir::setCurrent(previous);
+    EXPECT_TRUE(QDir(work.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
+    if (!rootConfExisted) {
+        EXPECT_FALSE(QFileInfo::exists(rootConf));
+    }
 }
