@@ -41,8 +41,13 @@ public:
     void log(const spdlog::details::log_msg &msg) override
     {
         isLogWorker = true;
+        // Counted even when a sink throws: a message the worker has dealt
+        // with must not leave the queue looking busy for good.
+        struct Counted {
+            std::atomic<quint64> *written;
+            ~Counted() { written->fetch_add(1, std::memory_order_release); }
+        } counted{_written};
         _sinks->log(msg);
-        _written->fetch_add(1, std::memory_order_release);
     }
     void flush() override { _sinks->flush(); }
     void set_pattern(const std::string &pattern) override { _sinks->set_pattern(pattern); }
@@ -132,14 +137,41 @@ struct LoggingCore {
         quint64 marker = 0;
         {
             std::lock_guard lock(markerMutex);
+            try {
+                markerLogger->log(spdlog::level::info, "flush");
+            } catch (const std::exception &) {
+                // The pool has shut down (the process is exiting): it
+                // writes out what it holds as it goes; there is no worker
+                // left to wait for.
+                return;
+            }
             marker = ++markersSent;
-            markerLogger->log(spdlog::level::info, "flush");
         }
         markers->waitFor(marker, std::chrono::seconds(5));
     }
 
+    // Hands a message to the worker. A thread that saw the logger open may
+    // get here after the exit handler shut the pool down, and spdlog then
+    // throws: the message is written on this thread instead.
+    void enqueue(const spdlog::source_loc &location, spdlog::level::level_enum level, spdlog::string_view_t text)
+    {
+        queued.fetch_add(1, std::memory_order_relaxed);
+        try {
+            async->log(location, level, text);
+        } catch (const std::exception &) {
+            queued.fetch_sub(1, std::memory_order_relaxed);
+            sync->log(location, level, text);
+            sync->flush();
+        }
+    }
+
     void shutDown()
     {
+        // What is queued is written first, so the last lines of an exiting
+        // process stay in the order they were logged; only then do the
+        // remaining messages go straight to the sinks.
+        if (!isLogWorker)
+            waitForWorker();
         closed.store(true, std::memory_order_release);
         flusher.reset();
         // The pool's destructor lets its thread write out what is queued.
@@ -203,9 +235,11 @@ void logMessage(ORVLogFlag flag, const char *category, const char *file, const c
     out = encoder.appendToBuffer(out, message);
     const spdlog::source_loc location{file ? file : "", line, function ? function : ""};
     const spdlog::string_view_t view(text.data(), static_cast<size_t>(out - text.data()));
-    // After shut-down everything is written at once.
+    // After shut-down everything is written at once, and flushed: the
+    // process is on its way out.
     if (core.closed.load(std::memory_order_acquire)) {
         core.sync->log(location, levelFor(flag), view);
+        core.sync->flush();
         return;
     }
     // One queue for every level keeps the file in the order things were
@@ -218,13 +252,11 @@ void logMessage(ORVLogFlag flag, const char *category, const char *file, const c
             core.sync->log(location, levelFor(flag), view);
             return;
         }
-        core.queued.fetch_add(1, std::memory_order_relaxed);
-        core.async->log(location, levelFor(flag), view);
+        core.enqueue(location, levelFor(flag), view);
         core.waitForWorker();
         return;
     }
-    core.queued.fetch_add(1, std::memory_order_relaxed);
-    core.async->log(location, levelFor(flag), view);
+    core.enqueue(location, levelFor(flag), view);
 }
 
 void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, const char *category)

@@ -19,6 +19,11 @@
 
 #include <thread>
 
+#include <spawn.h>
+#include <sys/wait.h>
+
+extern char **environ;
+
 using namespace orv::test;
 
 ORV_LOG_FILE("Logging Tests")
@@ -444,6 +449,38 @@ TEST_F(LoggingTest, ABundleIdentifierIsOneLiteralFolder)
         EXPECT_TRUE(readAll(file).contains("logged under " + identifier)) << qPrintable(file);
     }
     ORVBundle::mainBundle().setInfoDictionary(saved);
+}
+
+TEST_F(LoggingTest, ThreadsStillLoggingWhenTheProcessExitsDoNotCrashIt)
+{
+    // The exit handler shuts the logger's worker down while other threads
+    // are handing it a line (see LoggingExitChild.cpp, which stops them at
+    // that point). The process ends normally, and the lines they were
+    // logging are in the file. Started with posix_spawn for
+    // ThreadSanitizer's sake.
+    for (int run = 0; run < 2; ++run) {
+        const QString held = home.filePath(QStringLiteral("held-%1.txt").arg(run));
+        QByteArray path = ORV_LOGGING_EXIT_CHILD_PATH;
+        QByteArray threads = "4";
+        QByteArray heldArgument = QFile::encodeName(held);
+        char *argv[] = {path.data(), threads.data(), heldArgument.data(), nullptr};
+        pid_t pid = -1;
+        ASSERT_EQ(::posix_spawn(&pid, path.constData(), nullptr, nullptr, argv, environ), 0);
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        EXPECT_TRUE(WIFEXITED(status)) << "signal " << (WIFSIGNALED(status) ? WTERMSIG(status) : 0);
+        EXPECT_EQ(WIFEXITED(status) ? WEXITSTATUS(status) : -1, 0);
+
+        QString log;
+        const QDir logs(home.filePath(".local/state/Logs/logging-exit-child"));
+        for (const QString &file : logs.entryList({"*.log"}, QDir::Files, QDir::Name))
+            log += readAll(logs.filePath(file));
+        EXPECT_TRUE(log.endsWith(u'\n'));
+        const QStringList heldLines = readAll(held).split(u'\n', Qt::SkipEmptyParts);
+        EXPECT_EQ(heldLines.size(), 4);
+        for (const QString &line : heldLines)
+            EXPECT_TRUE(log.contains("] [Exit Child] " + line + "\n")) << qPrintable(line);
+    }
 }
 
 TEST(DebuggerAttached, ReadsTracerPid)
