@@ -38,19 +38,24 @@ constexpr qsizetype kRecentLogLength = 10240;
 #define ORVDebugLog(flag, ...) ORVLogWithLevelInCategory(debugFileLogLevel, "Debug", flag, __VA_ARGS__)
 
 // The bridge for Qt's own messages: its level, as a registered file's, and
-// the handler it passes every message on to.
+// the handlers it passes every message on to.
 std::atomic<ORVLogLevel> qtMessagesLogLevel{ORVLogLevelError};
-std::atomic<QtMessageHandler> handlerBeforeBridge{nullptr};
 std::atomic<bool> bridgeOpen{false};
 std::mutex bridgeLock;
-// Whether forwardQtMessage is still part of a handler chain that someone
-// installed on top of it (so it cannot be taken out, and must not be put in
-// a second time).
-bool bridgeStillChained = false;
-// What this thread is doing inside forwardQtMessage: a message Qt emits
-// while the bridge logs goes only to the earlier handler, and a handler
-// chain that leads back to the bridge ends there instead of looping.
-enum class BridgeStep { None, Logging, PassingOn };
+// The handler the bridge was put in front of when it entered the handler
+// chain, and the one its latest installation on top passes on to. They
+// differ only when the bridge went back on top of a chain that already
+// holds it (someone chained a handler onto it while it was on, and it was
+// turned off and on again): a message then reaches the bridge twice, first
+// at the top, then from inside that chain, where it goes on to the first.
+std::atomic<QtMessageHandler> handlerBelowBridge{nullptr};
+std::atomic<QtMessageHandler> handlerBelowTop{nullptr};
+// Whether a handler chained onto the bridge may still call it.
+bool bridgeInAChain = false;
+// What this thread is doing inside forwardQtMessage. A message Qt emits
+// while the bridge logs goes only on down the chain, and each handler of a
+// chain that leads back to the bridge is called once, never in a loop.
+enum class BridgeStep { None, Logging, PassingOn, PassingOnBelow };
 thread_local BridgeStep bridgeStep = BridgeStep::None;
 
 ORVLogFlag flagForQtMessage(QtMsgType type)
@@ -69,22 +74,31 @@ ORVLogFlag flagForQtMessage(QtMsgType type)
 
 void forwardQtMessage(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (bridgeStep == BridgeStep::PassingOn)
-        return;
     const BridgeStep entered = bridgeStep;
-    if (entered == BridgeStep::None && bridgeOpen.load(std::memory_order_acquire)) {
-        const ORVLogFlag flag = flagForQtMessage(type);
-        if (qtMessagesLogLevel.load(std::memory_order_relaxed) & flag) {
-            bridgeStep = BridgeStep::Logging;
-            const QByteArray category =
-                QByteArrayLiteral("Qt: ") + (context.category ? context.category : "default");
-            orv::detail::logMessage(flag, category.constData(), context.file, context.function, context.line,
-                                    message);
+    if (entered == BridgeStep::PassingOnBelow)
+        return;
+    QtMessageHandler next = nullptr;
+    if (entered == BridgeStep::None) {
+        if (bridgeOpen.load(std::memory_order_acquire)) {
+            const ORVLogFlag flag = flagForQtMessage(type);
+            if (qtMessagesLogLevel.load(std::memory_order_relaxed) & flag) {
+                bridgeStep = BridgeStep::Logging;
+                const QByteArray category =
+                    QByteArrayLiteral("Qt: ") + (context.category ? context.category : "default");
+                orv::detail::logMessage(flag, category.constData(), context.file, context.function, context.line,
+                                        message);
+            }
         }
+        bridgeStep = BridgeStep::PassingOn;
+        next = handlerBelowTop.load(std::memory_order_acquire);
+    } else {
+        // Back from the chain below the top, or a message of the logging
+        // itself: on to the handler below the bridge's first place.
+        bridgeStep = BridgeStep::PassingOnBelow;
+        next = handlerBelowBridge.load(std::memory_order_acquire);
     }
-    bridgeStep = BridgeStep::PassingOn;
-    if (const QtMessageHandler previous = handlerBeforeBridge.load(std::memory_order_acquire))
-        previous(type, context, message);
+    if (next)
+        next(type, context, message);
     bridgeStep = entered;
 }
 
@@ -208,22 +222,28 @@ void ORVDebug::setForwardsQtMessages(bool forwards)
         static std::once_flag registered;
         std::call_once(registered,
                        [this] { registerLogLevel(&qtMessagesLogLevel, "Qt messages", QStringLiteral("Qt")); });
+        // Always on top, so that it hears every message whatever became of
+        // a chain it was part of.
+        const QtMessageHandler below = qInstallMessageHandler(forwardQtMessage);
+        if (below != forwardQtMessage) {
+            if (!bridgeInAChain)
+                handlerBelowBridge.store(below, std::memory_order_release);
+            handlerBelowTop.store(below, std::memory_order_release);
+        }
         bridgeOpen.store(true, std::memory_order_release);
-        // Still in a chain someone installed on top of it: it hears the
-        // messages already.
-        if (bridgeStillChained)
-            return;
-        handlerBeforeBridge.store(qInstallMessageHandler(forwardQtMessage), std::memory_order_release);
         return;
     }
     bridgeOpen.store(false, std::memory_order_release);
-    // Put the earlier handler back unless someone installed theirs after
-    // ours; then ours stays in their chain and only passes messages on.
-    const QtMessageHandler current = qInstallMessageHandler(handlerBeforeBridge.load(std::memory_order_acquire));
-    if (current != forwardQtMessage) {
-        qInstallMessageHandler(current);
-        bridgeStillChained = true;
+    // Put back what was below it, unless someone installed a handler on
+    // top of it: then it stays in their chain and only passes messages on.
+    const QtMessageHandler top = qInstallMessageHandler(handlerBelowTop.load(std::memory_order_acquire));
+    if (top != forwardQtMessage) {
+        qInstallMessageHandler(top);
+        bridgeInAChain = true;
+        return;
     }
+    // Any chain that still calls it was built on its first place.
+    handlerBelowTop.store(handlerBelowBridge.load(std::memory_order_acquire), std::memory_order_release);
 }
 
 ORVError ORVDebug::setupLogging()

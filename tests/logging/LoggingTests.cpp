@@ -390,12 +390,25 @@ TEST_F(LoggingTest, TheQtBridgeSharesTheHandlerChain)
     debug->setForwardsQtMessages(true);
     qWarning("opened again");
     EXPECT_EQ(theirCalls.load(), 2);
+    // Closed again with their handler below it: theirs hears each message once.
+    debug->setForwardsQtMessages(false);
+    qWarning("closed over theirs");
+    EXPECT_EQ(theirCalls.load(), 3);
+    // Their handler leaves, and the chain with it: opening the bridge again
+    // must put it back where messages arrive.
+    qInstallMessageHandler(nullptr);
+    debug->setForwardsQtMessages(true);
+    qWarning("after theirs left");
+    EXPECT_EQ(theirCalls.load(), 3);
+    debug->setForwardsQtMessages(false);
     qInstallMessageHandler(nullptr);
 
     debug->fileLogger()->flush();
     const QString log = readAll(debug->fileLogger()->currentLogFilePath());
     EXPECT_FALSE(log.contains("while closed"));
     EXPECT_EQ(log.count("opened again"), 1);
+    EXPECT_FALSE(log.contains("closed over theirs"));
+    EXPECT_EQ(log.count("after theirs left"), 1);
     EXPECT_EQ(debug->logCategories().value("Qt"), QStringList{"Qt messages"});
 }
 
