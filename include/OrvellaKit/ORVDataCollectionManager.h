@@ -119,6 +119,12 @@ public:
     // item that has a date already fails "[item scheduledSubmissionDate] ==
     // nil" and is not queued twice. When the queue holds a due report and a
     // submission URL is set, a submission follows on a background queue.
+    //
+    // The call blocks for one read-modify-write of the file (a millisecond
+    // or so for a queue of a few hundred reports). When another copy of the
+    // application, or this process's submission pass as it removes a sent
+    // batch, holds the file's lock, it waits for it, at most 5 seconds;
+    // then it fails with ORVDataCollectionManagerWriteFailedErrorCode.
     ORVError addItem(ORVDataCollectionItem &item);
     ORVError addItem(ORVDataCollectionItem &item, double submissionDelay);
 
@@ -137,7 +143,9 @@ public:
     // While a pass is under way, the request waits for it and is served by
     // the one pass that follows (its handler gets that pass's result). While
     // another process sends from the same file, a pass sends nothing and
-    // answers (null, 0): the reports stay queued for the next one.
+    // answers (null, 0): the reports stay queued for the next one. A queue
+    // file that is there but cannot be read (a link, a folder, no access)
+    // ends the pass with ORVDataCollectionManagerWriteFailedErrorCode.
     void submitPendingItemsWithCompletionHandler(SubmissionHandler handler = {});
 
     // A nesting counter: submissions send nothing while it is above 0.

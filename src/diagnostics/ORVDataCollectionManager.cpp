@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 #include <thread>
 
@@ -122,17 +123,54 @@ LockResult lockQueueByte(const QString &queuePath, off_t byte, std::chrono::mill
     }
 }
 
+// Whether anything at all is at the path, a link (dangling or not) included.
+bool nameTaken(const QString &path)
+{
+    struct stat info {};
+    const QByteArray native = QFile::encodeName(path);
+    return ::lstat(native.constData(), &info) == 0 || errno != ENOENT;
+}
+
+enum class MoveResult { Moved, TargetTaken, Failed };
+
+// Renames `from` to `to` unless something is at `to`, in one step: a name
+// taken between a check and a rename would be replaced, and a copy made in
+// place of a rename would follow a link there.
+MoveResult moveWithoutReplacing(const QString &from, const QString &to)
+{
+    const QByteArray source = QFile::encodeName(from);
+    const QByteArray target = QFile::encodeName(to);
+    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) == 0)
+        return MoveResult::Moved;
+    if (errno == EEXIST)
+        return MoveResult::TargetTaken;
+    if (errno != EINVAL && errno != ENOSYS)
+        return MoveResult::Failed;
+    // A file system without the flag: a new hard link fails on any name
+    // that is taken, and the old name goes once the new one holds the file.
+    if (::link(source.constData(), target.constData()) != 0)
+        return errno == EEXIST ? MoveResult::TargetTaken : MoveResult::Failed;
+    ::unlink(source.constData());
+    return MoveResult::Moved;
+}
+
 } // namespace
 
-// The file's lock for one read-modify-write: the manager's mutex, then the
-// lock file's first byte.
+// The file's lock for one read-modify-write: the lock file's first byte,
+// then the manager's mutex. The byte keeps out other processes and, being
+// an open file description lock, this process's other threads too; the
+// mutex does so where the file system has no such locks. Taking the byte
+// first means no thread sits on the mutex while it waits for another
+// process, so an add on the GUI thread waits at most the bounded wait.
 class ORVDataCollectionManager::FileLock {
 public:
-    FileLock(std::mutex &mutex, const QString &queuePath) : _guard(mutex)
+    FileLock(std::mutex &mutex, const QString &queuePath)
     {
         const LockResult result = lockQueueByte(queuePath, kQueueByte, kLockWait, &_fd, &_error);
-        if (result == LockResult::Held || result == LockResult::Unsupported)
-            _error.clear();
+        if (result != LockResult::Held && result != LockResult::Unsupported)
+            return;
+        _error.clear();
+        _guard = std::unique_lock(mutex);
     }
     ~FileLock()
     {
@@ -145,8 +183,8 @@ public:
     const QString &error() const { return _error; }
 
 private:
-    std::lock_guard<std::mutex> _guard;
     int _fd = -1;
+    std::unique_lock<std::mutex> _guard;
     QString _error;
 };
 
@@ -442,13 +480,22 @@ ORVError ORVDataCollectionManager::writeArray(const QString &path, const QJsonAr
 {
     // A file that is not a queue may still be worth something to someone:
     // it is kept beside the new one rather than overwritten.
-    if (!replacesReadableFile && QFile::exists(path)) {
+    if (!replacesReadableFile && nameTaken(path)) {
         // An earlier copy set aside stays too: the first free name of
-        // ".unreadable", ".unreadable.1", ... ".unreadable.99".
-        QString aside = path + QStringLiteral(".unreadable");
-        for (int n = 1; QFileInfo::exists(aside) && n < 100; ++n)
-            aside = path + QStringLiteral(".unreadable.") + QString::number(n);
-        if (QFileInfo::exists(aside) || !QFile::rename(path, aside)) {
+        // ".unreadable", ".unreadable.1", ... ".unreadable.99". A name is
+        // taken by anything there, a link included (dangling or not), and
+        // the move never replaces or follows what it finds.
+        bool moved = false;
+        for (int n = 0; n < 100 && !moved; ++n) {
+            const QString aside = path + QStringLiteral(".unreadable") +
+                                  (n == 0 ? QString() : QStringLiteral(".") + QString::number(n));
+            const MoveResult result = moveWithoutReplacing(path, aside);
+            if (result == MoveResult::TargetTaken)
+                continue;
+            moved = result == MoveResult::Moved;
+            break;
+        }
+        if (!moved) {
             qWarning("Pending submissions file %s is unreadable and cannot be moved aside; not replacing it",
                      qPrintable(path));
             return writeFailedError(ORVStringWithFormat("%@ cannot be moved aside", path));
@@ -531,7 +578,13 @@ void ORVDataCollectionManager::sendBatch(std::shared_ptr<Pass> pass)
     QJsonArray batch;
     QList<QJsonObject> sent;
     bool more = false;
-    for (const QJsonValue &element : readArray(path, nullptr)) {
+    // A file that is there but cannot be read is no empty queue: the pass
+    // says so.
+    QString failure;
+    const QJsonArray array = readArray(path, nullptr, &failure);
+    if (!failure.isEmpty())
+        return endPass(pass, writeFailedError(failure), pass->lastBatchCount);
+    for (const QJsonValue &element : array) {
         if (!element.isObject())
             continue;
         // Only a due element is read whole.

@@ -490,6 +490,13 @@ TEST_F(UsageQueueTest, AnAddThatCannotBeWrittenSaysSo)
     ASSERT_TRUE(QFile::link(outside.fileName(), path));
     ORVDataCollectionItem linked = makeItem("linked", {});
     EXPECT_EQ(queue->addItem(linked).code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    // A submission cannot read it either, and says so rather than take it
+    // for an empty queue.
+    Submission unreadable;
+    queue->submitPendingItemsWithCompletionHandler(unreadable.handler());
+    ASSERT_TRUE(unreadable.wait());
+    EXPECT_EQ(unreadable.error.code(), ORVDataCollectionManagerWriteFailedErrorCode);
+    EXPECT_EQ(posts(), 0u);
     ASSERT_TRUE(outside.open(QIODevice::ReadOnly));
     EXPECT_EQ(outside.readAll(), R"([{"text":"elsewhere"}])");
     outside.close();
@@ -585,6 +592,22 @@ TEST_F(UsageQueueTest, BadFilesReadAsDocumentedAndAreKeptAside)
             EXPECT_EQ(aside.readAll(), c.contents) << c.name;
         }
     }
+
+    // A link where the copy would be set aside takes that name, dangling or
+    // not: it is neither replaced nor followed.
+    const QString path = queue->URLForPendingItems().toLocalFile();
+    QFile::remove(path + ".unreadable");
+    QFile::remove(path + ".unreadable.1");
+    const QString nowhere = home.filePath("nowhere-aside");
+    ASSERT_TRUE(QFile::link(nowhere, path + ".unreadable"));
+    writeFile("damaged beside a link");
+    EXPECT_FALSE(add(makeItem("after the link", {})));
+    EXPECT_EQ(QFileInfo(path + ".unreadable").symLinkTarget(), nowhere);
+    EXPECT_FALSE(QFileInfo::exists(nowhere));
+    QFile moved(path + ".unreadable.1");
+    ASSERT_TRUE(moved.open(QIODevice::ReadOnly));
+    EXPECT_EQ(moved.readAll(), "damaged beside a link");
+    EXPECT_EQ(queue->pendingItems().size(), 1);
 }
 
 TEST_F(UsageQueueTest, SubmissionTimer)
