@@ -37,7 +37,8 @@ class QTimer;
 extern const QString ORVDataCollectionManagerErrorDomain; // "com.orvella.orvellakit.datacollection.error"
 // The application's data folder cannot be made, so there is no queue file.
 constexpr qint64 ORVDataCollectionManagerNoQueueFolderErrorCode = 1;
-// The queue file cannot be locked, read back or written; nothing was changed.
+// The queue file cannot be locked, read back or written; nothing was changed,
+// except that a damaged file may have been set aside as ".unreadable".
 constexpr qint64 ORVDataCollectionManagerWriteFailedErrorCode = 2;
 // The item was queued before (it has a date); it is not queued again.
 constexpr qint64 ORVDataCollectionManagerItemAlreadyQueuedErrorCode = 3;
@@ -145,7 +146,8 @@ public:
     // another process sends from the same file, a pass sends nothing and
     // answers (null, 0): the reports stay queued for the next one. A queue
     // file that is there but cannot be read (a link, a folder, no access)
-    // ends the pass with ORVDataCollectionManagerWriteFailedErrorCode.
+    // ends the pass with ORVDataCollectionManagerWriteFailedErrorCode, no
+    // data folder with ORVDataCollectionManagerNoQueueFolderErrorCode.
     void submitPendingItemsWithCompletionHandler(SubmissionHandler handler = {});
 
     // A nesting counter: submissions send nothing while it is above 0.
@@ -154,7 +156,9 @@ public:
     void endSubmissionDisabled();
 
     // Submits every 8 hours (600 seconds tolerance) on the calling thread's
-    // event loop; start and stop on the same thread.
+    // event loop; a firing before a submission URL is set sends nothing.
+    // Stopping on another thread (or destroying the manager there) cuts the
+    // timer off at once; its own thread's event loop deletes it.
     void startSubmissionTimer();
     void stopSubmissionTimer();
     bool isSubmissionTimerActive() const;
@@ -162,7 +166,7 @@ public:
     static constexpr double submissionTimerTolerance = 600.0;
 
 protected:
-    // Called by the timer; submits with no handler.
+    // Called by the timer; submits with no handler once a URL is set.
     virtual void submissionTimerFired();
 
 private:

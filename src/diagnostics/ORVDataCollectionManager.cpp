@@ -22,6 +22,7 @@
 #include <cstdio>
 #include <cstring>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -58,6 +59,13 @@ ORVError writeFailedError(const QString &reason)
 {
     return queueError(ORVDataCollectionManagerWriteFailedErrorCode,
                       ORVLocalizedString("The usage reports could not be saved."), reason);
+}
+
+ORVError noQueueFolderError()
+{
+    return queueError(ORVDataCollectionManagerNoQueueFolderErrorCode,
+                      ORVLocalizedString("The folder for usage reports cannot be created."),
+                      ORVApplicationSupportDirectory(false));
 }
 
 // The bytes of "PendingSubmissions.json.lock" that stand for the two locks.
@@ -277,12 +285,7 @@ ORVDataCollectionManager::ORVDataCollectionManager() = default;
 
 ORVDataCollectionManager::~ORVDataCollectionManager()
 {
-    if (_submissionTimer) {
-        if (_submissionTimer->thread() == QThread::currentThread())
-            delete _submissionTimer;
-        else
-            _submissionTimer->deleteLater();
-    }
+    stopSubmissionTimer();
 }
 
 std::shared_ptr<ORVDataCollectionManager>
@@ -349,9 +352,7 @@ ORVError ORVDataCollectionManager::addItem(ORVDataCollectionItem &item, double d
     if (path.isEmpty()) {
         item.scheduledSubmissionDate.reset();
         qWarning("No folder for the pending submissions file; the usage report is not queued");
-        return queueError(ORVDataCollectionManagerNoQueueFolderErrorCode,
-                          ORVLocalizedString("The folder for usage reports cannot be created."),
-                          ORVApplicationSupportDirectory(false));
+        return noQueueFolderError();
     }
     bool anythingDue = false;
     ORVError error;
@@ -460,9 +461,7 @@ ORVError ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollection
 {
     const QString path = URLForPendingItems().toLocalFile();
     if (path.isEmpty())
-        return queueError(ORVDataCollectionManagerNoQueueFolderErrorCode,
-                          ORVLocalizedString("The folder for usage reports cannot be created."),
-                          ORVApplicationSupportDirectory(false));
+        return noQueueFolderError();
     QJsonArray array;
     for (const ORVDataCollectionItem &item : items)
         array.append(item.JSONDictionaryForStorage());
@@ -510,6 +509,15 @@ ORVError ORVDataCollectionManager::writeArray(const QString &path, const QJsonAr
         qWarning("Cannot write the pending submissions file %s: %s", qPrintable(path), qPrintable(file.errorString()));
         return writeFailedError(ORVStringWithFormat("%@: %@", path, file.errorString()));
     }
+    // The new file is only there for good once its folder, which holds the
+    // rename, is on disk too; until then a power cut could bring back the
+    // queue without the report just added.
+    const QByteArray folder = QFile::encodeName(QFileInfo(path).absolutePath());
+    const int folderFd = ::open(folder.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (folderFd < 0 || ::fsync(folderFd) != 0)
+        qWarning("Cannot sync the folder of %s: %s", qPrintable(path), std::strerror(errno));
+    if (folderFd >= 0)
+        ::close(folderFd);
     return {};
 }
 
@@ -552,8 +560,10 @@ void ORVDataCollectionManager::runPass(std::vector<SubmissionHandler> handlers)
     auto pass = std::make_shared<Pass>();
     pass->handlers = std::move(handlers);
     const QString path = URLForPendingItems().toLocalFile();
-    if (_submissionDisabledCount.load() != 0 || path.isEmpty())
+    if (_submissionDisabledCount.load() != 0)
         return endPass(pass, ORVError(), 0);
+    if (path.isEmpty())
+        return endPass(pass, noQueueFolderError(), 0);
     // Another copy of the application sending from the same file would send
     // the same reports: its pass goes first, ours leaves them queued.
     QString failure;
@@ -707,8 +717,18 @@ void ORVDataCollectionManager::startSubmissionTimer()
 
 void ORVDataCollectionManager::stopSubmissionTimer()
 {
-    delete _submissionTimer;
-    _submissionTimer = nullptr;
+    QTimer *timer = std::exchange(_submissionTimer, nullptr);
+    if (!timer)
+        return;
+    // A timer can only be stopped on its own thread. From any other, it is
+    // cut off from the manager at once (a firing under way may still
+    // finish) and taken down by its thread's event loop.
+    if (timer->thread() == QThread::currentThread()) {
+        delete timer;
+        return;
+    }
+    QObject::disconnect(timer, nullptr, nullptr, nullptr);
+    timer->deleteLater();
 }
 
 bool ORVDataCollectionManager::isSubmissionTimerActive() const
@@ -718,5 +738,13 @@ bool ORVDataCollectionManager::isSubmissionTimerActive() const
 
 void ORVDataCollectionManager::submissionTimerFired()
 {
+    // The timer may be started before the application knows where to send
+    // (and the reports are queued all the same): a firing without a URL
+    // waits for the next one, since the missing-URL assertion would be
+    // thrown out of the timer's slot and end the application.
+    if (submissionURL().isEmpty()) {
+        qInfo("The submission timer fired before a submission URL was set; the usage reports stay queued");
+        return;
+    }
     submitPendingItemsWithCompletionHandler();
 }

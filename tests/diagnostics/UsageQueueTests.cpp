@@ -532,6 +532,11 @@ TEST_F(UsageQueueTest, AnAddThatCannotBeWrittenSaysSo)
     EXPECT_TRUE(queue->URLForPendingItems().isEmpty());
     EXPECT_TRUE(queue->pendingItems().isEmpty());
     EXPECT_EQ(queue->setPendingItems({}).code(), ORVDataCollectionManagerNoQueueFolderErrorCode);
+    Submission homelessPass;
+    queue->submitPendingItemsWithCompletionHandler(homelessPass.handler());
+    ASSERT_TRUE(homelessPass.wait());
+    EXPECT_EQ(homelessPass.error.code(), ORVDataCollectionManagerNoQueueFolderErrorCode);
+    EXPECT_EQ(homelessPass.calls.load(), 1);
     EXPECT_TRUE(QDir(work.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden).isEmpty());
     QDir::setCurrent(previous);
 }
@@ -619,4 +624,32 @@ TEST_F(UsageQueueTest, SubmissionTimer)
     EXPECT_TRUE(queue->isSubmissionTimerActive());
     queue->stopSubmissionTimer();
     EXPECT_FALSE(queue->isSubmissionTimerActive());
+
+    // The timer may run before the application has a submission URL: a
+    // firing then leaves the reports queued. An assertion thrown from the
+    // timer's slot would end the application.
+    struct Timed : ORVDataCollectionManager {
+        using ORVDataCollectionManager::submissionTimerFired;
+    } early;
+    ORVDataCollectionItem report = makeItem("early", {});
+    ASSERT_FALSE(early.addItem(report, -60));
+    EXPECT_NO_THROW(early.submissionTimerFired());
+    spinFor(100ms);
+    EXPECT_EQ(early.pendingItems().size(), 1);
+    EXPECT_EQ(posts(), 0u);
+
+    // A timer stopped, or its manager destroyed, on another thread than the
+    // one it runs on is taken down on its own thread.
+    static QStringList complaints;
+    const QtMessageHandler previous = qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &text) {
+        complaints.append(text);
+    });
+    queue->startSubmissionTimer();
+    std::thread([&] { queue->stopSubmissionTimer(); }).join();
+    EXPECT_FALSE(queue->isSubmissionTimerActive());
+    queue->startSubmissionTimer();
+    std::thread([&] { queue.reset(); }).join();
+    spinFor(50ms);
+    qInstallMessageHandler(previous);
+    EXPECT_TRUE(complaints.filter("thread").isEmpty()) << qPrintable(complaints.join('\n'));
 }
