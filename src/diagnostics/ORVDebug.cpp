@@ -18,7 +18,12 @@
 #include <QSysInfo>
 #include <QTimeZone>
 
-#include <spdlog/sinks/syslog_sink.h>
+#include <spdlog/sinks/base_sink.h>
+
+#include <algorithm>
+#include <climits>
+#include <list>
+#include <mutex>
 
 #include <syslog.h>
 
@@ -34,6 +39,51 @@ std::atomic<ORVLogLevel> debugFileLogLevel{ORVLogLevelError};
 constexpr const char *kDebugFile = "ORVDebug";
 const QString kNoCategory = QStringLiteral("No category");
 constexpr qsizetype kRecentLogLength = 10240;
+
+// The system log under the application's name. A sink that closed the log
+// when it went (as spdlog's does) would take the name of the sink that
+// replaced it along, and errors would arrive under the executable's name:
+// this one opens the log and leaves it open. openlog() keeps the pointer it
+// is given, so every name it was given stays alive with the process.
+class SystemLogSink final : public spdlog::sinks::base_sink<std::mutex> {
+public:
+    explicit SystemLogSink(const std::string &name)
+    {
+        static std::mutex namesLock;
+        static std::list<std::string> names;
+        std::lock_guard lock(namesLock);
+        auto kept = std::find(names.begin(), names.end(), name);
+        if (kept == names.end())
+            kept = names.insert(names.end(), name);
+        ::openlog(kept->empty() ? nullptr : kept->c_str(), LOG_PID, LOG_USER);
+    }
+
+protected:
+    void sink_it_(const spdlog::details::log_msg &message) override
+    {
+        ::syslog(priority(message.level), "%.*s", static_cast<int>(std::min<size_t>(message.payload.size(), INT_MAX)),
+                 message.payload.data());
+    }
+    void flush_() override {}
+
+private:
+    static int priority(spdlog::level::level_enum level)
+    {
+        switch (level) {
+        case spdlog::level::trace:
+        case spdlog::level::debug:
+            return LOG_DEBUG;
+        case spdlog::level::warn:
+            return LOG_WARNING;
+        case spdlog::level::err:
+            return LOG_ERR;
+        case spdlog::level::critical:
+            return LOG_CRIT;
+        default:
+            return LOG_INFO;
+        }
+    }
+};
 
 #define ORVDebugLog(flag, ...) ORVLogWithLevelInCategory(debugFileLogLevel, "Debug", flag, __VA_ARGS__)
 
@@ -251,8 +301,7 @@ ORVError ORVDebug::setupLogging()
     // The system log receives errors only.
     // A second call replaces the sinks of the first instead of doubling them.
     static std::shared_ptr<spdlog::sinks::sink> installedSystemLog;
-    auto systemLog = std::make_shared<spdlog::sinks::syslog_sink_mt>(ORVApplicationFolderName().toStdString(),
-                                                                     LOG_PID, LOG_USER, false);
+    auto systemLog = std::make_shared<SystemLogSink>(ORVApplicationFolderName().toStdString());
     systemLog->set_level(spdlog::level::err);
     {
         std::lock_guard lock(_registrationQueue);

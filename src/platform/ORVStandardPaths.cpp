@@ -38,13 +38,14 @@ QString homeFolder()
     return {};
 }
 
-// $VARIABLE when it holds an absolute path (the XDG rule), else
+// $VARIABLE when it holds an absolute path (the XDG rule) other than the
+// root, which is nobody's folder of their own (as with HOME), else
 // home/fallback; a null string when there is no home either.
 QString xdgBase(const char *variable, const char *fallback)
 {
-    const QString value = qEnvironmentVariable(variable);
-    if (!value.isEmpty() && QDir::isAbsolutePath(value))
-        return QDir::cleanPath(value);
+    const QString value = QDir::cleanPath(qEnvironmentVariable(variable));
+    if (!value.isEmpty() && QDir::isAbsolutePath(value) && value != QLatin1String("/"))
+        return value;
     const QString home = homeFolder();
     if (home.isEmpty())
         return {};

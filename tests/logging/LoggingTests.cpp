@@ -441,6 +441,13 @@ TEST_F(LoggingTest, NoFolderMeansNoLogFileElsewhere)
         QDir().rmdir(QStringLiteral("/Logs")); // only when empty
     }
     QDir::setCurrent(previous);
+
+    // A state folder of "/" is no folder of the user's: the logs go below
+    // the home folder, as with no setting at all.
+    qputenv("XDG_STATE_HOME", "/");
+    EXPECT_EQ(logsDirectory(), home.filePath(".local/state/Logs/" + ORVApplicationFolderName() + "/"));
+    qputenv("XDG_STATE_HOME", "//");
+    EXPECT_EQ(logsDirectory(), home.filePath(".local/state/Logs/" + ORVApplicationFolderName() + "/"));
 }
 
 TEST_F(LoggingTest, ABundleIdentifierIsOneLiteralFolder)
@@ -494,6 +501,28 @@ TEST_F(LoggingTest, ThreadsStillLoggingWhenTheProcessExitsDoNotCrashIt)
         for (const QString &line : heldLines)
             EXPECT_TRUE(log.contains("] [Exit Child] " + line + "\n")) << qPrintable(line);
     }
+}
+
+TEST_F(LoggingTest, ErrorsReachTheSystemLogUnderTheApplicationsName)
+{
+    // Set up twice, the system log still knows the application's name (see
+    // SystemLogChild.cpp, which listens at /dev/log of a mount table of its
+    // own).
+    const QString received = home.filePath(QStringLiteral("received.txt"));
+    QByteArray path = ORV_SYSTEM_LOG_CHILD_PATH;
+    QByteArray receivedArgument = QFile::encodeName(received);
+    char *argv[] = {path.data(), receivedArgument.data(), nullptr};
+    pid_t pid = -1;
+    ASSERT_EQ(::posix_spawn(&pid, path.constData(), nullptr, nullptr, argv, environ), 0);
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    if (WEXITSTATUS(status) == 77)
+        GTEST_SKIP() << "no mount namespace may be made here";
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    const QString datagrams = readAll(received);
+    EXPECT_TRUE(datagrams.contains(QStringLiteral(" system-log-child[%1]: [System Log Child] to the system log\n").arg(pid)))
+        << qPrintable(datagrams);
 }
 
 TEST(DebuggerAttached, ReadsTracerPid)
