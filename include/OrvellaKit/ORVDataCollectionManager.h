@@ -135,6 +135,15 @@ public:
     // A null error once written.
     ORVError setPendingItems(const QList<ORVDataCollectionItem> &items);
     QUrl URLForPendingItems() const;
+    // Removes the reports `removed` and makes the reports `dueNow` due at
+    // `due`, in one read-modify-write under the file's lock: reports queued
+    // meanwhile, by this process or another, and those sent meanwhile are
+    // left as the file has them. A report is found by its storage form as
+    // pendingItems() returned it (each given report stands for one element
+    // of the file); one no longer queued is passed over. A null error once
+    // written (or when there was nothing to change).
+    ORVError updatePendingItems(const QList<ORVDataCollectionItem> &removed,
+                                const QList<ORVDataCollectionItem> &dueNow, const QDateTime &due);
 
     // Posts the due items, 50 at a time, until none is due or a batch fails;
     // the handler (if any) runs once on the main thread: with the last

@@ -6,11 +6,14 @@
 // a report that is due). The user can copy the selected reports' texts,
 // delete reports, or ask for all of them to be sent now.
 //
-// While the view is on screen the queue sends nothing (one
+// While the view is open the queue sends nothing (one
 // beginSubmissionDisabled() when it appears, one endSubmissionDisabled()
-// when it disappears). The user's changes are applied when it disappears:
-// the queue is rewritten when rows were deleted or rescheduled, and
-// "Submit All Now" then sends every report.
+// when it is hidden or closed, minimised or not; minimising alone keeps
+// it open). The user's changes are applied when it disappears, and only
+// they: the deleted reports leave the queue and, after "Submit All Now",
+// the reports the view showed become due and go out; reports queued while
+// it was open stay as they are (one locked read-modify-write of the
+// queue). Each time it appears it lists the queue anew.
 
 #include <OrvellaKit/ORVDataCollectionManager.h>
 
@@ -84,6 +87,7 @@ protected:
 private:
     class Model;
     void viewDidLoad();
+    void loadRows();
     void viewWillAppear();
     void viewDidDisappear();
     void tableViewSelectionDidChange();
@@ -100,4 +104,10 @@ private:
     QAction *_copyAction = nullptr;
     int _clickedRow = -1;
     bool _appeared = false;
+    bool _shownBefore = false;
+    // The rows as read from the queue (dates unchanged by "Submit All
+    // Now"), in _rows' order, and those the user deleted: how the queue
+    // finds them when the changes go back.
+    QList<ORVDataCollectionItem> _shownItems;
+    QList<ORVDataCollectionItem> _deletedItems;
 };

@@ -475,6 +475,60 @@ ORVError ORVDataCollectionManager::setPendingItems(const QList<ORVDataCollection
     return writeArray(path, array, readable);
 }
 
+ORVError ORVDataCollectionManager::updatePendingItems(const QList<ORVDataCollectionItem> &removed,
+                                                      const QList<ORVDataCollectionItem> &dueNow, const QDateTime &due)
+{
+    if (removed.isEmpty() && dueNow.isEmpty())
+        return {};
+    const QString path = URLForPendingItems().toLocalFile();
+    if (path.isEmpty())
+        return noQueueFolderError();
+    // Each given report accounts for one element: the same report queued
+    // twice and deleted once leaves one copy.
+    QList<QJsonObject> toRemove;
+    for (const ORVDataCollectionItem &item : removed)
+        toRemove.append(item.JSONDictionaryForStorage());
+    QList<QJsonObject> toReschedule;
+    for (const ORVDataCollectionItem &item : dueNow)
+        toReschedule.append(item.JSONDictionaryForStorage());
+    const double dueSeconds = referenceDate().msecsTo(due.toUTC()) / 1000.0;
+
+    FileLock lock(_fileLock, path);
+    QString failure = lock.error();
+    bool readable = true;
+    QJsonArray array;
+    if (failure.isEmpty())
+        array = readArray(path, &readable, &failure);
+    if (!failure.isEmpty())
+        return writeFailedError(failure);
+    if (!readable)
+        return {}; // nothing in it was shown, so nothing to change
+    QJsonArray updated;
+    bool changed = false;
+    for (const QJsonValue &element : std::as_const(array)) {
+        if (!element.isObject()) {
+            updated.append(element);
+            continue;
+        }
+        // Compared in the form the view was given, so a date stored as a
+        // string still matches; the element itself is kept as stored.
+        QJsonObject object = element.toObject();
+        const QJsonObject form = ORVDataCollectionItem(object).JSONDictionaryForStorage();
+        if (const qsizetype at = toRemove.indexOf(form); at >= 0) {
+            toRemove.removeAt(at);
+            changed = true;
+            continue;
+        }
+        if (const qsizetype at = toReschedule.indexOf(form); at >= 0) {
+            toReschedule.removeAt(at);
+            object.insert(kDateKey, dueSeconds);
+            changed = true;
+        }
+        updated.append(object);
+    }
+    return changed ? writeArray(path, updated, true) : ORVError();
+}
+
 ORVError ORVDataCollectionManager::writeArray(const QString &path, const QJsonArray &array, bool replacesReadableFile)
 {
     // A file that is not a queue may still be worth something to someone:

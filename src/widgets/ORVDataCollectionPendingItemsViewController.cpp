@@ -8,6 +8,7 @@
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QHeaderView>
+#include <QHideEvent>
 #include <QItemSelectionModel>
 #include <QLocale>
 #include <QMenu>
@@ -65,6 +66,12 @@ public:
         beginResetModel();
         endResetModel();
     }
+    // The dates changed; the rows, and so the selection, stay.
+    void datesChanged()
+    {
+        if (!_controller->_rows.isEmpty())
+            emit dataChanged(index(0, 1), index(rowCount() - 1, 1));
+    }
     void removeRowAt(int row, const std::function<void()> &remove)
     {
         beginRemoveRows({}, row, row);
@@ -96,6 +103,9 @@ ORVDataCollectionPendingItemsViewController::ORVDataCollectionPendingItemsViewCo
 
     connect(_ui->_deleteButton, &QPushButton::clicked, this, &ORVDataCollectionPendingItemsViewController::deleteItems);
     connect(_ui->_tableView->selectionModel(), &QItemSelectionModel::selectionChanged, this,
+            &ORVDataCollectionPendingItemsViewController::tableViewSelectionDidChange);
+    // A reset drops the selection without a selectionChanged signal.
+    connect(_model, &QAbstractItemModel::modelReset, this,
             &ORVDataCollectionPendingItemsViewController::tableViewSelectionDidChange);
     connect(_ui->_tableView, &QWidget::customContextMenuRequested, this, [this](const QPoint &position) {
         const QModelIndex index = _ui->_tableView->indexAt(position);
@@ -130,7 +140,17 @@ QLabel *ORVDataCollectionPendingItemsViewController::submitNowTextField() const
 
 void ORVDataCollectionPendingItemsViewController::viewDidLoad()
 {
+    loadRows();
+}
+
+void ORVDataCollectionPendingItemsViewController::loadRows()
+{
     _rows = _manager->pendingItems();
+    _shownItems = _rows;
+    _deletedItems.clear();
+    _didModifyItems = false;
+    _shouldSubmitItems = false;
+    _ui->_submitNowTextField->hide();
     _model->reset();
 }
 
@@ -144,22 +164,36 @@ void ORVDataCollectionPendingItemsViewController::showEvent(QShowEvent *event)
 void ORVDataCollectionPendingItemsViewController::hideEvent(QHideEvent *event)
 {
     QWidget::hideEvent(event);
-    // A minimised window hides its widgets too; the view has not gone then.
-    if (_appeared && !(window()->windowState() & Qt::WindowMinimized))
+    // Minimising hides the window's widgets too, with a hide event from the
+    // window system: the view is still open then. Closing or hiding it,
+    // minimised or not, comes from the application.
+    if (_appeared && !event->spontaneous())
         viewDidDisappear();
 }
 
 void ORVDataCollectionPendingItemsViewController::viewWillAppear()
 {
     _appeared = true;
+    // What the view showed last time may have been sent, deleted or joined
+    // by new reports since.
+    if (_shownBefore)
+        loadRows();
+    _shownBefore = true;
     _manager->beginSubmissionDisabled();
 }
 
 void ORVDataCollectionPendingItemsViewController::viewDidDisappear()
 {
     _appeared = false;
-    if (std::exchange(_didModifyItems, false))
-        _manager->setPendingItems(_rows);
+    // Only the user's changes go back to the queue, under its lock: reports
+    // queued while the view was open (by this process or another) and
+    // those it never showed stay as the file has them.
+    if (std::exchange(_didModifyItems, false)) {
+        const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
+        _manager->updatePendingItems(_deletedItems, _shouldSubmitItems ? _shownItems : QList<ORVDataCollectionItem>(),
+                                     due);
+        _deletedItems.clear();
+    }
     _manager->endSubmissionDisabled();
     if (std::exchange(_shouldSubmitItems, false)) {
         _manager->submitPendingItemsWithCompletionHandler();
@@ -237,7 +271,10 @@ void ORVDataCollectionPendingItemsViewController::deleteItemsAtIndexes(QList<int
         const int row = *it;
         if (row < 0 || row >= _rows.size())
             continue;
-        _model->removeRowAt(row, [this, row] { _rows.removeAt(row); });
+        _model->removeRowAt(row, [this, row] {
+            _rows.removeAt(row);
+            _deletedItems.append(_shownItems.takeAt(row));
+        });
         removed = true;
     }
     if (removed)
@@ -264,7 +301,7 @@ void ORVDataCollectionPendingItemsViewController::submitAllPendingItems()
     const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
     for (ORVDataCollectionItem &item : _rows)
         item.scheduledSubmissionDate = due;
-    _model->reset();
+    _model->datesChanged();
     _ui->_submitNowTextField->show();
 }
 

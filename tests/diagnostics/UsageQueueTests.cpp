@@ -541,6 +541,31 @@ TEST_F(UsageQueueTest, AnAddThatCannotBeWrittenSaysSo)
     QDir::setCurrent(previous);
 }
 
+TEST_F(UsageQueueTest, UpdatesTouchOnlyTheReportsNamed)
+{
+    // Two copies of one report, one with its date stored as a string, and
+    // an element that is no report.
+    writeFile(R"([{"text":"twice","scheduledSubmissionDate":"900000000"},)"
+              R"({"text":"twice","scheduledSubmissionDate":900000000},)"
+              R"({"text":"later","scheduledSubmissionDate":900000000,"extra":[1]},7])");
+    const QList<ORVDataCollectionItem> shown = queue->pendingItems();
+    ASSERT_EQ(shown.size(), 3);
+    // Queued after the list was read: not named, so untouched.
+    ASSERT_FALSE(add(makeItem("new", {}), 3600));
+    ORVDataCollectionItem gone;
+    gone.text = QStringLiteral("not queued");
+
+    const QDateTime due = kReference.addSecs(1000);
+    ASSERT_FALSE(queue->updatePendingItems({shown.at(0), gone}, {shown.at(2)}, due));
+    const QJsonArray array = QJsonDocument::fromJson(fileContents()).array();
+    ASSERT_EQ(array.size(), 4) << fileContents().constData();
+    EXPECT_EQ(array.at(0).toObject().value("text"), "twice");
+    EXPECT_EQ(array.at(1).toObject().value("scheduledSubmissionDate").toDouble(), 1000.0);
+    EXPECT_EQ(array.at(1).toObject().value("extra"), QJsonArray{1});
+    EXPECT_EQ(array.at(2), QJsonValue(7));
+    EXPECT_EQ(array.at(3).toObject().value("text"), "new");
+}
+
 TEST_F(UsageQueueTest, ItemsAddedDuringASubmissionStay)
 {
     queue->setPendingItems({makeItem("due", -1)});

@@ -133,6 +133,86 @@ TEST_F(PendingItemsTest, DeletingRowsThenClosingRewritesTheQueue)
     EXPECT_TRUE(server.service().collectedReports().empty());
 }
 
+TEST_F(PendingItemsTest, OnlyTheUsersChangesAreWrittenBackAndEachShowReloads)
+{
+    const auto queueLater = [&](const QString &text) {
+        ORVDataCollectionItem item;
+        item.text = text;
+        ASSERT_FALSE(queue->addItem(item, 3600));
+    };
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+
+    // A report queued while the view is open survives the user's delete.
+    queueLater("Queued while open");
+    select(view, {0});
+    QTest::mouseClick(view.deleteButton(), Qt::LeftButton);
+    view.hide();
+    const QStringList afterDelete{"Imported a calendar\nwith 12 events", "Changed the theme", "Queued while open"};
+    EXPECT_EQ(texts(queue->pendingItems()), afterDelete);
+
+    // Shown again, the view lists what is queued now.
+    view.show();
+    EXPECT_EQ(texts(view.rows()), afterDelete);
+
+    // "Submit All Now" sends the reports it showed; one queued after it
+    // stays queued with its own date.
+    view.submitAllPendingItems();
+    queueLater("Queued after Submit All");
+    view.hide();
+    ASSERT_TRUE(waitUntil([&] { return server.service().collectedReports().size() == 3; }, 10s));
+    ASSERT_TRUE(waitUntil([&] { return queue->pendingItems().size() == 1; }, 10s));
+    EXPECT_EQ(texts(queue->pendingItems()), QStringList{"Queued after Submit All"});
+
+    // Shown and closed again without a change: nothing sent comes back.
+    view.show();
+    EXPECT_EQ(texts(view.rows()), QStringList{"Queued after Submit All"});
+    view.hide();
+    spinFor(200ms);
+    EXPECT_EQ(server.service().collectedReports().size(), 3u);
+    EXPECT_EQ(texts(queue->pendingItems()), QStringList{"Queued after Submit All"});
+}
+
+TEST_F(PendingItemsTest, ClosingTheViewWhileMinimisedLetsTheQueueSendAgain)
+{
+    queue->setPendingItems({report("Due already", -10)});
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    view.setWindowState(Qt::WindowMinimized);
+    view.close();
+    std::atomic<int> handled = 0;
+    std::atomic<quint64> sent = 0;
+    queue->submitPendingItemsWithCompletionHandler([&](const ORVError &, quint64 count) {
+        sent = count;
+        ++handled;
+    });
+    ASSERT_TRUE(waitUntil([&] { return handled.load() == 1; }, 10s));
+    EXPECT_EQ(sent.load(), 1u);
+}
+
+TEST_F(PendingItemsTest, DeleteAndCopyFollowTheSelectionAfterSubmitAllNow)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    select(view, {1});
+    ASSERT_TRUE(view.deleteButton()->isEnabled());
+    view.submitAllPendingItems();
+    const bool selected = view.tableView()->selectionModel()->hasSelection();
+    EXPECT_EQ(view.deleteButton()->isEnabled(), selected);
+    EXPECT_EQ(view.copyAction()->isEnabled(), selected);
+    // Whatever the button offers is what it deletes.
+    if (view.deleteButton()->isEnabled()) {
+        QTest::mouseClick(view.deleteButton(), Qt::LeftButton);
+        EXPECT_EQ(view.rows().size(), 2);
+    }
+    view.tableView()->selectionModel()->clearSelection();
+    EXPECT_FALSE(view.deleteButton()->isEnabled());
+    EXPECT_FALSE(view.copyAction()->isEnabled());
+}
+
 TEST_F(PendingItemsTest, TheMenusDeleteTakesTheSelectionOnlyWhenTheClickedRowIsInIt)
 {
     ORVDataCollectionPendingItemsViewController view(queue);
