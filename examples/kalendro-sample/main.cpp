@@ -307,8 +307,10 @@ int main(int argc, char **argv)
     if (const auto other = ORVFindDuplicateProcess(bundle.bundleIdentifier())) {
         say(ORVStringWithFormat("another copy of the sample is running (process %ld)",
                                 static_cast<long>(other->processIdentifier)));
-        if (windowed)
-            duplicates->quitDuplicates(false, false, QImage());
+        if (windowed && duplicates->quitDuplicates(false, false, QImage())) {
+            say(QStringLiteral("this copy quits; the other one stays"));
+            return 0;
+        }
     } else {
         say(listening ? QStringLiteral("no other copy is running; a later copy can ask this one to quit")
                       : QStringLiteral("no other copy is running (no session bus to hear from later copies)"));

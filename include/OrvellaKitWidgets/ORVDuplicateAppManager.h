@@ -3,22 +3,28 @@
 // Launch-time safeguards: another running copy of the application, and an
 // application whose folder was moved while it runs.
 //
-// A copy is another process whose executable lies in a bundle folder (an
-// Info.json beside it, see ORVBundle) with this application's
-// "CFBundleIdentifier", while that folder still exists. Copies tell each
+// A copy is another process of the same user in the same login session
+// (the same session bus and, when both have one, the same XDG_SESSION_ID)
+// whose executable lies in a bundle folder (an Info.json beside it, see
+// ORVBundle) with this application's "CFBundleIdentifier", while that
+// folder still exists; for an application without an Info.json (its
+// dictionary set with setInfoDictionary()), a process of the same
+// executable file. Copies tell each
 // other to quit with the distributed notification
 // "ORVDuplicateAppManagerQuitDuplicatesNotification" (object: the bundle
 // identifier) on the session bus; a copy told so posts
 // "ORVDuplicateAppManagerWillQuitAsDuplicateNotification" on the default
-// ORVNotificationCenter (a last chance to save) and quits.
+// ORVNotificationCenter (a last chance to save) and quits: its event loops
+// end even when a window would refuse to close (an open alert, say).
 //
 //   auto duplicates = ORVDuplicateAppManager::sharedManager();
 //   duplicates->registerApp();                              // early at launch
-//   duplicates->quitDuplicates(false, false, appIcon);      // asks the user
+//   if (duplicates->quitDuplicates(false, false, appIcon))  // asks the user
+//       return app.exec();                                   // this copy ends
 //   ORVCheckIfApplicationMoved(true);                       // e.g. on activation
 //
-// Everything runs on the main thread; sendQuitMessage() blocks it for up to
-// five seconds.
+// Everything runs on the main thread; sendQuitMessage() waits up to five
+// seconds in a local event loop that holds back only user input.
 
 #include <QImage>
 #include <QString>
@@ -69,7 +75,8 @@ public:
     }
     // The class form of quitDuplicates(): the shared manager, asking the
     // user unless `quitWithoutAsking`, copies allowed together, no icon.
-    static void quitDuplicates(bool quitWithoutAsking);
+    // True when this copy is the one ending.
+    static bool quitDuplicates(bool quitWithoutAsking);
 
     // Listens for the quit notification of this application's bundle
     // identifier; false (with a log line) without a session bus or an
@@ -86,15 +93,21 @@ public:
     // sends the quit message. Otherwise asks with an ORVMAlert (texts in the
     // translation context "DuplicateApp"): quit the other copy (then as
     // above), or, when `requireQuit`, quit this one, or else ignore it.
-    void quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon);
+    // True when this copy is the one ending (the user chose "Quit This
+    // Copy"): the caller should stop its start-up and let the event loop
+    // end.
+    bool quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon);
 
     // Posts the quit message, then checks every half second, at most ten
-    // times, whether a copy is still running.
+    // times, whether a copy is still running; meanwhile the event loop runs
+    // (timers, painting, the session bus) but user input waits.
     void sendQuitMessage();
 
 protected:
     ORVDuplicateAppManager();
-    // Ends the application (QCoreApplication::quit()).
+    // Ends the application: QCoreApplication::exit(0), which ends every
+    // running event loop (a modal alert's too) and cannot be refused by a
+    // window; queued until the event loop runs when it has not started.
     virtual void terminate();
 
 private:

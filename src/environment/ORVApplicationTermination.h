@@ -2,7 +2,10 @@
 
 // Ends the application from wherever it is: inside the event loop (nested
 // loops such as a modal alert's included) at once, before the loop has
-// started as soon as it does.
+// started as soon as it does. It exits the loops rather than asking the
+// windows to close (QCoreApplication::quit()), since a window that refuses,
+// such as an alert without an Escape button, would keep the application
+// running after it was told to end.
 
 #include <QCoreApplication>
 #include <QMetaObject>
@@ -16,9 +19,9 @@ inline void terminateApplication()
     if (!app)
         return;
     if (QThread::currentThread()->loopLevel() > 0)
-        QCoreApplication::quit();
+        QCoreApplication::exit(0);
     else
-        QMetaObject::invokeMethod(app, &QCoreApplication::quit, Qt::QueuedConnection);
+        QMetaObject::invokeMethod(app, [] { QCoreApplication::exit(0); }, Qt::QueuedConnection);
 }
 
 } // namespace orv::detail

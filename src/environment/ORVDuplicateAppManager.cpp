@@ -13,7 +13,9 @@
 #include <QFileInfo>
 #include <QPixmap>
 #include <QPushButton>
+#include <QEventLoop>
 #include <QThread>
+#include <QTimer>
 
 #include <mutex>
 
@@ -45,6 +47,53 @@ QString executableOfProcess(const QString &procRoot, const QString &pid)
     if (length <= 0)
         return {};
     return QFile::decodeName(QByteArray(target, static_cast<int>(length)));
+}
+
+// The effective user of a process, from its status file; none when it
+// cannot be read.
+std::optional<uint> userOfProcess(const QString &procRoot, const QString &pid)
+{
+    QFile status(procRoot + QLatin1Char('/') + pid + QStringLiteral("/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    for (const QByteArray &line : status.readAll().split('\n')) {
+        if (!line.startsWith("Uid:"))
+            continue;
+        const QList<QByteArray> ids = line.mid(4).simplified().split(' ');
+        bool ok = false;
+        const uint effective = ids.value(1).toUInt(&ok);
+        return ok ? std::optional<uint>(effective) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
+// The variables that place a process in a login session: its session bus
+// (where the quit message goes) and its logind session. Read from the
+// environment it started with; none when that cannot be read.
+struct SessionOfProcess {
+    QByteArray bus;
+    QByteArray login;
+};
+std::optional<SessionOfProcess> sessionOfProcess(const QString &procRoot, const QString &pid)
+{
+    QFile environ(procRoot + QLatin1Char('/') + pid + QStringLiteral("/environ"));
+    if (!environ.open(QIODevice::ReadOnly))
+        return std::nullopt;
+    SessionOfProcess session;
+    for (const QByteArray &entry : environ.readAll().split('\0')) {
+        if (entry.startsWith("DBUS_SESSION_BUS_ADDRESS="))
+            session.bus = entry.mid(25);
+        else if (entry.startsWith("XDG_SESSION_ID="))
+            session.login = entry.mid(15);
+    }
+    return session;
+}
+
+// This process's executable, as /proc shows it for another process.
+QString ownExecutable()
+{
+    static const QString path = executableOfProcess(QStringLiteral("/proc"), QStringLiteral("self"));
+    return path;
 }
 
 QString mainBundleString(const char *key)
@@ -105,6 +154,19 @@ std::optional<ORVRunningApplication> ORVFindDuplicateProcess(const QString &bund
         return std::nullopt;
     }
     const QString self = QString::number(::getpid());
+    // Only a copy this one can reach and that the user sees as theirs is one:
+    // the same user, the same session bus and (when both know it) the same
+    // login session. A copy in another session is another desktop's.
+    const uint ownUser = ::geteuid();
+    const QByteArray ownBus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    const QByteArray ownLogin = qgetenv("XDG_SESSION_ID");
+    const auto inThisSession = [&](const QString &entry) {
+        if (userOfProcess(procRoot, entry) != ownUser)
+            return false;
+        const std::optional<SessionOfProcess> session = sessionOfProcess(procRoot, entry);
+        return session && session->bus == ownBus &&
+               (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
+    };
     for (const QString &entry : entries) {
         bool numeric = false;
         const qint64 pid = entry.toLongLong(&numeric);
@@ -119,14 +181,24 @@ std::optional<ORVRunningApplication> ORVFindDuplicateProcess(const QString &bund
         if (executable.endsWith(deleted))
             executable.chop(deleted.size());
         const QString folder = QFileInfo(executable).path();
-        if (!QFileInfo::exists(QDir(folder).filePath(QStringLiteral("Info.json"))))
+        QString bundlePath;
+        if (QFileInfo::exists(QDir(folder).filePath(QStringLiteral("Info.json")))) {
+            const std::shared_ptr<ORVBundle> bundle = ORVBundle::bundleWithPath(folder);
+            if (!bundle || bundle->bundleIdentifier() != bundleIdentifier)
+                continue;
+            bundlePath = bundle->bundlePath();
+        } else if (executable == ownExecutable() &&
+                   ORVBundle::mainBundle().bundleIdentifier() == bundleIdentifier) {
+            // An application installed without an Info.json (in /usr/bin,
+            // its dictionary set in code): a process of the same executable
+            // is a copy of it.
+            bundlePath = ORVBundle::mainBundle().bundlePath();
+        } else {
             continue;
-        const std::shared_ptr<ORVBundle> bundle = ORVBundle::bundleWithPath(folder);
-        if (!bundle || bundle->bundleIdentifier() != bundleIdentifier)
+        }
+        if (!QFileInfo::exists(bundlePath) || !inThisSession(entry))
             continue;
-        if (!QFileInfo::exists(bundle->bundlePath()))
-            continue;
-        return ORVRunningApplication{pid, executable, bundle->bundlePath()};
+        return ORVRunningApplication{pid, executable, bundlePath};
     }
     return std::nullopt;
 }
@@ -152,9 +224,9 @@ ORVDuplicateAppManager::sharedManagerMadeBy(const std::function<std::shared_ptr<
     return *shared;
 }
 
-void ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking)
+bool ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking)
 {
-    sharedManager()->quitDuplicates(quitWithoutAsking, false, QImage());
+    return sharedManager()->quitDuplicates(quitWithoutAsking, false, QImage());
 }
 
 bool ORVDuplicateAppManager::registerApp()
@@ -198,26 +270,44 @@ void ORVDuplicateAppManager::sendQuitMessage()
     if (!ORVDistributedNotificationCenter::defaultCenter().postNotificationName(
             ORVDuplicateAppManagerQuitDuplicatesNotification, identifier))
         return;
-    for (int check = 0; check < kQuitChecks; ++check) {
-        QThread::msleep(kQuitCheckMilliseconds);
-        if (!ORVFindDuplicateProcess(identifier))
-            return;
+    // The wait keeps the event loop running (windows repaint, the session
+    // bus is served), holding back only the user's input until it ends.
+    bool gone = false;
+    if (QCoreApplication::instance()) {
+        QEventLoop loop;
+        QTimer check;
+        int checks = 0;
+        check.setInterval(kQuitCheckMilliseconds);
+        QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+            gone = !ORVFindDuplicateProcess(identifier);
+            if (gone || ++checks == kQuitChecks)
+                loop.quit();
+        });
+        check.start();
+        loop.exec(QEventLoop::ExcludeUserInputEvents);
+    } else {
+        for (int check = 0; check < kQuitChecks && !gone; ++check) {
+            QThread::msleep(kQuitCheckMilliseconds);
+            gone = !ORVFindDuplicateProcess(identifier);
+        }
     }
+    if (gone)
+        return;
     ORVLogWarn("Another copy of %@ is still running after it was asked to quit", identifier);
 }
 
-void ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon)
+bool ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon)
 {
     const std::optional<ORVRunningApplication> duplicate =
         ORVFindDuplicateProcess(ORVBundle::mainBundle().bundleIdentifier());
     if (!duplicate)
-        return;
+        return false;
     ORVLogInfo("Another copy is running: process %ld in %@", static_cast<long>(duplicate->processIdentifier),
                duplicate->bundlePath);
     if (quitWithoutAsking) {
         unregisterApp();
         sendQuitMessage();
-        return;
+        return false;
     }
 
     const QString ownVersion = mainBundleString("CFBundleVersion");
@@ -251,5 +341,7 @@ void ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking, bool require
         sendQuitMessage();
     } else if (response == ORVAlertSecondButtonReturn && requireQuit) {
         terminate();
+        return true;
     }
+    return false;
 }

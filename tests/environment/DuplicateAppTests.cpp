@@ -13,6 +13,10 @@
 #include <QJsonObject>
 #include <QProcess>
 
+#include <csignal>
+
+#include <unistd.h>
+
 using namespace orv::test;
 
 namespace {
@@ -28,10 +32,13 @@ QString testIdentifier()
 // One running copy and everything it printed.
 class Copy {
 public:
-    Copy(const QString &bundle, const QStringList &arguments, bool withSessionBus = true, const QString &language = "C")
+    Copy(const QString &bundle, const QStringList &arguments, bool withSessionBus = true, const QString &language = "C",
+         const QMap<QString, QString> &extra = {})
     {
         auto environment = QProcessEnvironment::systemEnvironment();
         environment.insert(QStringLiteral("LC_ALL"), language);
+        for (auto it = extra.cbegin(); it != extra.cend(); ++it)
+            environment.insert(it.key(), it.value());
         if (!withSessionBus)
             environment.remove(QStringLiteral("DBUS_SESSION_BUS_ADDRESS"));
         process.setProcessEnvironment(environment);
@@ -152,9 +159,75 @@ TEST_F(DuplicateAppTest, WhenTwoCopiesMayNotRunQuitThisCopyEndsTheNewOne)
               "time.\\n\\nWould you like to quit the copy you just opened or the one that is already open?");
     EXPECT_EQ(opened.waitForLine("alert-buttons"), "alert-buttons: Quit Other Copy|Quit This Copy");
     EXPECT_TRUE(opened.output.contains("terminating")) << opened.output.toStdString();
+    // The caller learns that its start-up should stop.
+    EXPECT_TRUE(opened.waitForLine("returned after").endsWith("this copy ends: yes")) << opened.output.toStdString();
     spinFor(300ms);
     EXPECT_TRUE(running.running());
     EXPECT_FALSE(running.output.contains("will-quit-as-duplicate"));
+}
+
+TEST_F(DuplicateAppTest, ACopyWithAWindowThatRefusesToCloseStillQuits)
+{
+    Copy busy(makeBundle("busy", "1.0"), {"wait-with-alert"});
+    ASSERT_EQ(busy.waitForLine("alert-open"), "alert-open") << busy.output.toStdString();
+
+    Copy second(makeBundle("second", "1.0"), {"quit-duplicates", "1", "0", ""});
+    ASSERT_TRUE(busy.waitForExit(8s)) << busy.output.toStdString();
+    EXPECT_TRUE(busy.output.contains("will-quit-as-duplicate\nterminating")) << busy.output.toStdString();
+    const QString returned = second.waitForLine("returned after", 15s);
+    EXPECT_LT(returned.section(' ', 2, 2).toInt(), 5000) << second.output.toStdString();
+    EXPECT_TRUE(returned.endsWith("this copy ends: no"));
+}
+
+TEST_F(DuplicateAppTest, ACopyInAnotherLoginSessionIsNoDuplicate)
+{
+    Copy elsewhere(makeBundle("elsewhere", "1.0"), {"wait"}, true, "C", {{"XDG_SESSION_ID", "orv-a"}});
+    ASSERT_EQ(elsewhere.waitForLine("registered"), "registered: yes");
+    Copy here(makeBundle("here", "1.0"), {"quit-duplicates", "1", "0", ""}, true, "C", {{"XDG_SESSION_ID", "orv-b"}});
+    const QString returned = here.waitForLine("returned after", 15s);
+    ASSERT_FALSE(returned.isEmpty()) << here.output.toStdString();
+    EXPECT_LT(returned.section(' ', 2, 2).toInt(), 1000);
+    spinFor(300ms);
+    EXPECT_TRUE(elsewhere.running());
+    EXPECT_FALSE(elsewhere.output.contains("will-quit-as-duplicate"));
+
+    // The same session: a copy.
+    Copy again(makeBundle("again", "1.0"), {"quit-duplicates", "1", "0", ""}, true, "C", {{"XDG_SESSION_ID", "orv-a"}});
+    EXPECT_TRUE(elsewhere.waitForExit(8s)) << again.output.toStdString();
+}
+
+TEST_F(DuplicateAppTest, AnApplicationWithoutInfoJsonFindsItsCopies)
+{
+    // Both copies run the same executable from a folder without Info.json
+    // and set their dictionary themselves.
+    const QString folder = home.filePath("usr/bin");
+    ASSERT_TRUE(QDir().mkpath(folder));
+    const QString executable = QDir(folder).filePath("orv_duplicate_helper");
+    ASSERT_TRUE(QFile::copy(QStringLiteral(DUPLICATE_HELPER_PATH), executable));
+    QFile::setPermissions(executable, QFile::permissions(executable) | QFile::ExeOwner);
+    const QString info =
+        QJsonDocument(QJsonObject{{"CFBundleIdentifier", testIdentifier()}, {"CFBundleVersion", "1.0"},
+                                  {"CFBundleExecutable", "orv_duplicate_helper"}})
+            .toJson(QJsonDocument::Compact);
+    Copy first(folder, {"wait"}, true, "C", {{"ORV_HELPER_INFO", info}});
+    ASSERT_EQ(first.waitForLine("registered"), "registered: yes");
+    Copy second(folder, {"quit-duplicates", "1", "0", ""}, true, "C", {{"ORV_HELPER_INFO", info}});
+    ASSERT_TRUE(first.waitForExit(8s)) << second.output.toStdString();
+    EXPECT_TRUE(first.output.contains("will-quit-as-duplicate"));
+}
+
+TEST_F(DuplicateAppTest, WaitingForACopyThatDoesNotQuitKeepsTheEventLoopRunning)
+{
+    Copy stuck(makeBundle("stuck", "1.0"), {"wait"});
+    ASSERT_EQ(stuck.waitForLine("registered"), "registered: yes");
+    ::kill(static_cast<pid_t>(stuck.pid()), SIGSTOP);
+    Copy waiting(makeBundle("waiting", "1.0"), {"quit-duplicates", "1", "0", ""});
+    const QString returned = waiting.waitForLine("returned after", 15s);
+    ::kill(static_cast<pid_t>(stuck.pid()), SIGCONT);
+    ASSERT_FALSE(returned.isEmpty()) << waiting.output.toStdString();
+    // About five seconds, and the 100 ms ticker ran all along.
+    EXPECT_GE(returned.section(' ', 2, 2).toInt(), 4500);
+    EXPECT_GE(returned.section(' ', 4, 4).toInt(), 20) << qPrintable(returned);
 }
 
 TEST_F(DuplicateAppTest, TheAlertSpeaksGermanWithTheGermanTranslation)
@@ -271,9 +344,25 @@ TEST_F(DuplicateAppTest, OddProcessEntriesAreSkipped)
     EXPECT_FALSE(ORVFindDuplicateProcess(testIdentifier(), proc));
     EXPECT_FALSE(ORVFindDuplicateProcess(testIdentifier(), home.filePath("no-such-proc")));
 
-    // The same entry pointing at a live bundle is found.
+    // The same entry pointing at a live bundle is found when it runs as
+    // this user in this session, and only then.
     const QString live = makeBundle("live", "1.0");
     QFile::link(QDir(live).filePath("orv_duplicate_helper"), QDir(proc).filePath("100/exe"));
+    const auto writeEntry = [&](const QString &name, const QByteArray &contents) {
+        QFile file(QDir(proc).filePath("100/" + name));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write(contents);
+    };
+    const QByteArray ownUid = QByteArray::number(::geteuid());
+    const QByteArray environment = "DBUS_SESSION_BUS_ADDRESS=" + qgetenv("DBUS_SESSION_BUS_ADDRESS") + '\0' +
+                                   "XDG_SESSION_ID=" + qgetenv("XDG_SESSION_ID") + '\0';
+    writeEntry("status", "Name:\thelper\nUid:\t4242\t4242\t4242\t4242\n");
+    writeEntry("environ", environment);
+    EXPECT_FALSE(ORVFindDuplicateProcess(testIdentifier(), proc)) << "another user's";
+    writeEntry("status", "Name:\thelper\nUid:\t" + ownUid + "\t" + ownUid + "\t" + ownUid + "\t" + ownUid + "\n");
+    writeEntry("environ", "DBUS_SESSION_BUS_ADDRESS=unix:path=/elsewhere/bus\0");
+    EXPECT_FALSE(ORVFindDuplicateProcess(testIdentifier(), proc)) << "another session bus";
+    writeEntry("environ", environment);
     const auto found = ORVFindDuplicateProcess(testIdentifier(), proc);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->processIdentifier, 100);

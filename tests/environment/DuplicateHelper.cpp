@@ -4,6 +4,12 @@
 //
 //   orv_duplicate_helper wait
 //       registers for the quit message and runs until told to quit
+//   orv_duplicate_helper wait-with-alert
+//       the same, with an alert open that has no Escape button (so it
+//       refuses to be closed)
+//
+// With ORV_HELPER_INFO set (a JSON object), the helper sets its info
+// dictionary itself, as an application installed without an Info.json.
 //   orv_duplicate_helper quit-duplicates Q R ANSWER
 //       registers, then runs quitDuplicates(Q, R) answering its alert with
 //       the button titled ANSWER
@@ -21,6 +27,8 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QPushButton>
 #include <QTextStream>
 #include <QTimer>
@@ -84,6 +92,8 @@ int main(int argc, char **argv)
         say("timed out");
         QCoreApplication::exit(3);
     });
+    if (const QByteArray info = qgetenv("ORV_HELPER_INFO"); !info.isEmpty())
+        ORVBundle::mainBundle().setInfoDictionary(QJsonDocument::fromJson(info).object().toVariantMap());
     auto manager = ORVDuplicateAppManager::sharedManager<HelperManager>();
     ORVNotificationCenter::defaultCenter().addObserverForName(
         ORVDuplicateAppManagerWillQuitAsDuplicateNotification, QVariant(), nullptr,
@@ -91,6 +101,16 @@ int main(int argc, char **argv)
 
     if (mode == "wait") {
         say(manager->registerApp() ? "registered: yes" : "registered: no");
+    } else if (mode == "wait-with-alert") {
+        say(manager->registerApp() ? "registered: yes" : "registered: no");
+        QTimer::singleShot(0, &app, [] {
+            ORVMAlert alert;
+            alert.setMessageText(QStringLiteral("Unsaved changes"));
+            alert.addButtonWithTitle(QStringLiteral("Save"));
+            alert.addButtonWithTitle(QStringLiteral("Keep Editing"));
+            QTimer::singleShot(100, [] { say("alert-open"); });
+            say(QStringLiteral("alert answered %1").arg(alert.runModal()));
+        });
     } else if (mode == "quit-duplicates") {
         const bool quitWithoutAsking = arguments.value(2) == "1";
         const bool requireQuit = arguments.value(3) == "1";
@@ -99,8 +119,16 @@ int main(int argc, char **argv)
         QTimer::singleShot(0, &app, [&app, manager, quitWithoutAsking, requireQuit] {
             QElapsedTimer timer;
             timer.start();
-            manager->quitDuplicates(quitWithoutAsking, requireQuit, QImage());
-            say(QStringLiteral("returned after %1 ms").arg(timer.elapsed()));
+            // Counts how often the event loop got to run meanwhile.
+            int ticks = 0;
+            QTimer ticker;
+            QObject::connect(&ticker, &QTimer::timeout, [&ticks] { ++ticks; });
+            ticker.start(100);
+            const bool ending = manager->quitDuplicates(quitWithoutAsking, requireQuit, QImage());
+            say(QStringLiteral("returned after %1 ms, %2 ticks, this copy ends: %3")
+                    .arg(timer.elapsed())
+                    .arg(ticks)
+                    .arg(ending ? "yes" : "no"));
             QTimer::singleShot(200, &app, &QCoreApplication::quit);
         });
     } else if (mode == "check-moved") {
