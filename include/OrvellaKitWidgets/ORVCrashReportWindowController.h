@@ -12,8 +12,10 @@
 //
 // Name and e-mail are remembered under "CrashReportName" and
 // "CrashReportEmail" in the defaults store when the user sends. When either
-// is missing, the user's own card is read (AccountsService on the system
-// bus); without one, the name comes from the account's passwd entry.
+// is missing, the dialog shows at once what is known (a missing name from
+// the account's passwd entry) and reads the user's own card (AccountsService
+// on the system bus) in the background; the card then fills both fields,
+// unless the user has typed in them meanwhile.
 
 #include <QDialog>
 #include <QLabel>
@@ -23,6 +25,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -46,6 +49,10 @@ struct ORVContactCard {
 // only address), the name falling back to the passwd entry when RealName is
 // empty. Nothing when the service does not answer within two seconds.
 std::optional<ORVContactCard> ORVMeContactCard();
+// ORVMeContactCard() off the calling thread; `handler` runs on the main
+// thread with the result, unless `context` (an object of the main thread)
+// is gone by then.
+void ORVMeContactCardInBackground(QObject *context, std::function<void(std::optional<ORVContactCard>)> handler);
 // The full name of the passwd entry (the GECOS field up to its first comma,
 // "&" standing for the capitalised login name); empty when there is none.
 QString ORVPasswdFullName();
@@ -82,9 +89,13 @@ public slots:
 signals:
     // The details button: the application shows the report's details.
     void detailsRequested();
+    // The background read of the user's card has ended (with or without a
+    // card); not emitted when name and e-mail were both stored.
+    void contactCardLookupFinished();
 
 private:
     void windowDidLoad();
+    void contactCardArrived(const std::optional<ORVContactCard> &card);
 
     std::weak_ptr<ORVUserDefaults> _userDefaults;
     std::unique_ptr<Ui::ORVCrashReportWindowController> _ui;

@@ -5,10 +5,12 @@
 #include "../platform/ORVSystemBus.h"
 
 #include <OrvellaKit/ORVBundle.h>
+#include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVUserDefaults.h>
 
 #include <QCoreApplication>
+#include <QPointer>
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -98,6 +100,21 @@ std::optional<ORVContactCard> ORVMeContactCard()
     return card;
 }
 
+void ORVMeContactCardInBackground(QObject *context, std::function<void(std::optional<ORVContactCard>)> handler)
+{
+    QPointer<QObject> receiver(context);
+    ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::UserInitiated)
+        ->async([receiver, handler = std::move(handler)] {
+            std::optional<ORVContactCard> card = ORVMeContactCard();
+            // Whether the receiver is still there is asked on the main
+            // thread, where it lives and would be destroyed.
+            ORVDispatchQueue::mainQueue()->async([receiver, handler, card = std::move(card)] {
+                if (receiver)
+                    handler(card);
+            });
+        });
+}
+
 // ---------------------------------------------------------------------------
 
 ORVCrashReportWindowController::ORVCrashReportWindowController(const std::shared_ptr<ORVUserDefaults> &userDefaults,
@@ -165,22 +182,40 @@ void ORVCrashReportWindowController::windowDidLoad()
     const std::shared_ptr<ORVUserDefaults> defaults = _userDefaults.lock();
     std::optional<QString> name = defaults ? defaults->stringForKey(ORVCrashReportNameKey) : std::nullopt;
     std::optional<QString> email = defaults ? defaults->stringForKey(ORVCrashReportEmailKey) : std::nullopt;
-    if (!name || !email) {
-        // The card replaces both, as the user's own card is the better
-        // source; without a card only a missing name is filled in.
-        if (const std::optional<ORVContactCard> card = ORVMeContactCard()) {
-            name = card->fullName;
-            email = card->emailAddresses.isEmpty() ? std::nullopt : std::optional<QString>(card->emailAddresses.first());
-        } else if (!name) {
-            const QString passwdName = ORVPasswdFullName();
-            if (!passwdName.isEmpty())
-                name = passwdName;
-        }
+    const bool lookUpCard = !name || !email;
+    // Until the card comes (a service that hangs must not hold up the
+    // dialog), a missing name comes from the passwd entry.
+    if (!name) {
+        const QString passwdName = ORVPasswdFullName();
+        if (!passwdName.isEmpty())
+            name = passwdName;
     }
     _ui->_nameTextField->setText(name.value_or(QString()));
     _ui->_emailTextField->setText(email.value_or(QString()));
     if (!_ui->_nameTextField->text().isEmpty() && !_ui->_emailTextField->text().isEmpty())
         _ui->_commentsTextView->setFocus();
+    if (lookUpCard)
+        ORVMeContactCardInBackground(this, [this](const std::optional<ORVContactCard> &card) { contactCardArrived(card); });
+}
+
+void ORVCrashReportWindowController::contactCardArrived(const std::optional<ORVContactCard> &card)
+{
+    if (card) {
+        // The card replaces both, as the user's own card is the better
+        // source; what the user typed meanwhile stays.
+        QLineEdit *nameField = _ui->_nameTextField;
+        QLineEdit *emailField = _ui->_emailTextField;
+        if (!nameField->isModified())
+            nameField->setText(card->fullName);
+        if (!emailField->isModified())
+            emailField->setText(card->emailAddresses.value(0));
+        const QWidget *focused = focusWidget();
+        if (!nameField->text().isEmpty() && !emailField->text().isEmpty() &&
+            (!focused || focused == nameField || focused == emailField) && !nameField->isModified() &&
+            !emailField->isModified())
+            _ui->_commentsTextView->setFocus();
+    }
+    emit contactCardLookupFinished();
 }
 
 void ORVCrashReportWindowController::send()

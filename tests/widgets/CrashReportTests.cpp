@@ -12,6 +12,7 @@
 
 #include <QDBusConnection>
 #include <QDBusObjectPath>
+#include <QElapsedTimer>
 #include <QEventLoop>
 #include <QLabel>
 #include <QLineEdit>
@@ -45,12 +46,19 @@ class FakeAccounts : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Accounts")
 public:
-    FakeAccounts(std::atomic<int> &lookups, std::atomic<qint64> &askedFor) : lookups(lookups), askedFor(askedFor) {}
+    FakeAccounts(std::atomic<int> &lookups, std::atomic<qint64> &askedFor, int delayMilliseconds)
+        : lookups(lookups), askedFor(askedFor), delayMilliseconds(delayMilliseconds)
+    {
+    }
     std::atomic<int> &lookups;
     std::atomic<qint64> &askedFor;
+    const int delayMilliseconds;
 public slots:
     QDBusObjectPath FindUserById(qint64 uid)
     {
+        // A service that hangs for a while.
+        if (delayMilliseconds > 0)
+            QThread::msleep(static_cast<unsigned long>(delayMilliseconds));
         ++lookups;
         askedFor = uid;
         return QDBusObjectPath(QStringLiteral("/org/freedesktop/Accounts/User%1").arg(uid));
@@ -78,7 +86,7 @@ public:
 // every handoff between it and the test.
 class AccountsService {
 public:
-    AccountsService()
+    explicit AccountsService(int delayMilliseconds = 0) : _delayMilliseconds(delayMilliseconds)
     {
         _thread = std::thread([this] { serve(); });
         std::unique_lock lock(_mutex);
@@ -101,7 +109,7 @@ private:
     void serve()
     {
         QEventLoop loop;
-        FakeAccounts accounts(_lookups, _askedFor);
+        FakeAccounts accounts(_lookups, _askedFor, _delayMilliseconds);
         FakeAccountsUser user;
         QDBusConnection bus = QDBusConnection::connectToBus(qEnvironmentVariable("DBUS_SESSION_BUS_ADDRESS"),
                                                             QStringLiteral("fake-accounts"));
@@ -128,6 +136,7 @@ private:
         QDBusConnection::disconnectFromBus(QStringLiteral("fake-accounts"));
     }
 
+    const int _delayMilliseconds;
     std::thread _thread;
     mutable std::mutex _mutex;
     std::condition_variable _changed;
@@ -173,10 +182,41 @@ TEST_F(CrashReportTest, AMissingValueBringsInTheUsersOwnCardForBoth)
     defaults->setString("Someone Else", "CrashReportName");
 
     ORVCrashReportWindowController dialog(defaults);
+    QSignalSpy finished(&dialog, &ORVCrashReportWindowController::contactCardLookupFinished);
+    ASSERT_TRUE(finished.wait(10000));
     EXPECT_EQ(service.lookups(), 1);
     EXPECT_EQ(service.askedFor(), static_cast<qint64>(getuid()));
     EXPECT_EQ(dialog.nameTextField()->text(), "Ada Lovelace");
     EXPECT_EQ(dialog.emailTextField()->text(), "ada@analytical.example");
+    EXPECT_EQ(dialog.focusWidget(), dialog.commentsTextView());
+}
+
+TEST_F(CrashReportTest, WhatTheUserTypesBeforeTheCardArrivesStays)
+{
+    AccountsService service;
+    ASSERT_TRUE(service.registered());
+    ORVCrashReportWindowController dialog(defaults);
+    QSignalSpy finished(&dialog, &ORVCrashReportWindowController::contactCardLookupFinished);
+    // The card can only arrive once the event loop runs: this comes first.
+    QTest::keyClicks(dialog.emailTextField(), "typed@example.org");
+    ASSERT_TRUE(finished.wait(10000));
+    EXPECT_EQ(dialog.nameTextField()->text(), "Ada Lovelace");
+    EXPECT_EQ(dialog.emailTextField()->text(), "typed@example.org");
+}
+
+TEST_F(CrashReportTest, AServiceThatHangsDoesNotHoldUpTheDialog)
+{
+    AccountsService service(3000);
+    ASSERT_TRUE(service.registered());
+    QElapsedTimer opening;
+    opening.start();
+    ORVCrashReportWindowController dialog(defaults);
+    // The old blocking read waited the whole two-second time-out here.
+    EXPECT_LT(opening.elapsed(), 1500);
+    EXPECT_EQ(dialog.nameTextField()->text(), ORVPasswdFullName());
+    QSignalSpy finished(&dialog, &ORVCrashReportWindowController::contactCardLookupFinished);
+    ASSERT_TRUE(finished.wait(10000));
+    EXPECT_EQ(dialog.nameTextField()->text(), ORVPasswdFullName());
 }
 
 TEST_F(CrashReportTest, WithoutTheServiceTheNameComesFromPasswd)
