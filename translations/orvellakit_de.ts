@@ -163,28 +163,28 @@
         <translation>Ein Bericht über das Geschehene hilft uns, das Problem zu beheben. Gib deinen Namen und deine E-Mail-Adresse an, wenn wir dich dazu kontaktieren dürfen.</translation>
     </message>
     <message>
-        <source>Name:</source>
-        <translation>Name:</translation>
+        <source>&amp;Name:</source>
+        <translation>&amp;Name:</translation>
     </message>
     <message>
-        <source>E-mail:</source>
-        <translation>E-Mail:</translation>
+        <source>&amp;E-mail:</source>
+        <translation>&amp;E-Mail:</translation>
     </message>
     <message>
-        <source>Comments (what were you doing when it happened?):</source>
-        <translation>Kommentare (was hast du gerade gemacht?):</translation>
+        <source>&amp;Comments (what were you doing when it happened?):</source>
+        <translation>&amp;Kommentare (was hast du gerade gemacht?):</translation>
     </message>
     <message>
-        <source>Show Details…</source>
-        <translation>Details anzeigen …</translation>
+        <source>Show &amp;Details…</source>
+        <translation>&amp;Details anzeigen …</translation>
     </message>
     <message>
         <source>Cancel</source>
         <translation>Abbrechen</translation>
     </message>
     <message>
-        <source>Send Report</source>
-        <translation>Bericht senden</translation>
+        <source>&amp;Send Report</source>
+        <translation>Bericht &amp;senden</translation>
     </message>
 </context>
 <context>

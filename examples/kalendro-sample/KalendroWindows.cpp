@@ -241,15 +241,13 @@ bool KalendroWindows::writeScreenshots(const QString &folder)
         ok &= save(_preferences->window(), dir.filePath(QStringLiteral("preferences-account.png")));
     });
 
-    ORVMAlert alert(_preferences->window());
-    alert.setMessageText(QStringLiteral("Another copy of Kalendro is running."));
-    alert.setInformativeText(QStringLiteral("Quit the older version to keep your calendars in one place."));
-    alert.addButtonWithTitle(QStringLiteral("Quit Older Version"));
-    alert.addButtonWithTitle(QStringLiteral("Ignore"));
-    alert.show();
+    // The alert a newer copy shows when an older one is open, as the
+    // library builds it.
+    const std::unique_ptr<ORVMAlert> alert = ORVDuplicateAppManager::duplicateAlert(false, true);
+    alert->show();
     settle();
-    ok &= save(&alert, dir.filePath(QStringLiteral("alert.png")));
-    alert.hide();
+    ok &= save(alert.get(), dir.filePath(QStringLiteral("alert.png")));
+    alert->hide();
 
     ORVCrashReportWindowController dialog(_defaults);
     dialog.commentsTextView()->setPlainText(QStringLiteral("I was moving an event to next week."));

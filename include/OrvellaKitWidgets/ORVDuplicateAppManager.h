@@ -34,9 +34,9 @@
 #include <optional>
 
 #include <OrvellaKit/ORVDistributedNotificationCenter.h>
+#include <OrvellaKitWidgets/ORVMAlert.h>
 
 class ORVBundle;
-class ORVMAlert;
 
 extern const QString ORVDuplicateAppManagerQuitDuplicatesNotification;   // distributed
 extern const QString ORVDuplicateAppManagerWillQuitAsDuplicateNotification; // local
@@ -97,6 +97,10 @@ public:
     // Copy"): the caller should stop its start-up and let the event loop
     // end.
     bool quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon);
+
+    // The alert quitDuplicates() asks with (not yet shown): for a copy that
+    // must not run beside another (`requireQuit`), or one that is `newer`.
+    static std::unique_ptr<ORVMAlert> duplicateAlert(bool requireQuit, bool newer, const QImage &appIcon = QImage());
 
     // Posts the quit message, then checks every half second, at most ten
     // times, whether a copy is still running; meanwhile the event loop runs

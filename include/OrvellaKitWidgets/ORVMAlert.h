@@ -57,7 +57,8 @@ public:
     // Posts the will-show notification, asks for all workspaces, runs the
     // alert modally, posts the did-hide notification and answers
     // ORVAlertFirstButtonReturn + the index of the clicked button among
-    // alertButtons(), or QMessageBox::exec()'s result for other buttons.
+    // alertButtons(), or QMessageBox::exec()'s result for other buttons. An
+    // alert without buttons gets one, "OK" (1000).
     int runModal();
     // The same as runModal(), so the alert announces itself however it runs.
     int exec() override;
@@ -66,6 +67,11 @@ public:
     // every workspace (X11 with a window manager following EWMH); false
     // where that cannot be asked (Wayland, offscreen).
     bool showsOnAllWorkspaces() const { return _showsOnAllWorkspaces; }
+
+protected:
+    // Sets the message in bold and widens the informative text to up to
+    // about 75 average characters before the box sizes itself.
+    void showEvent(QShowEvent *event) override;
 
 private:
     bool _skipsUserAttentionRequest = false;

@@ -296,6 +296,28 @@ void ORVDuplicateAppManager::sendQuitMessage()
     ORVLogWarn("Another copy of %@ is still running after it was asked to quit", identifier);
 }
 
+std::unique_ptr<ORVMAlert> ORVDuplicateAppManager::duplicateAlert(bool requireQuit, bool newer, const QImage &appIcon)
+{
+    const QString name = mainBundleString("CFBundleExecutable");
+    auto alert = std::make_unique<ORVMAlert>();
+    alert->setMessageText(ORVStringWithFormat(duplicateText("Another copy of %@ is open"), name));
+    if (requireQuit)
+        alert->setInformativeText(ORVStringWithFormat(
+            duplicateText("You can not have two copies of %@ open at the same time.\n\nWould you like to quit the "
+                          "copy you just opened or the one that is already open?"),
+            name));
+    else if (newer)
+        alert->setInformativeText(ORVStringWithFormat(
+            duplicateText("An older version of %@ is already open. Would you like to quit the older version?"), name));
+    else
+        alert->setInformativeText(ORVStringWithFormat(duplicateText("Would you like to quit the other copy?"), name));
+    alert->addButtonWithTitle(newer ? duplicateText("Quit Older Version") : duplicateText("Quit Other Copy"));
+    alert->addButtonWithTitle(requireQuit ? duplicateText("Quit This Copy") : duplicateText("Ignore"));
+    if (!appIcon.isNull())
+        alert->setIconPixmap(QPixmap::fromImage(appIcon));
+    return alert;
+}
+
 bool ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking, bool requireQuit, const QImage &appIcon)
 {
     const std::optional<ORVRunningApplication> duplicate =
@@ -317,25 +339,8 @@ bool ORVDuplicateAppManager::quitDuplicates(bool quitWithoutAsking, bool require
     const bool newer = !ownVersion.isEmpty() && !otherVersion.isEmpty() &&
                        ORVCompareVersionStrings(ownVersion, otherVersion) > 0;
 
-    const QString name = mainBundleString("CFBundleExecutable");
-    ORVMAlert alert;
-    alert.setMessageText(ORVStringWithFormat(duplicateText("Another copy of %@ is open"), name));
-    if (requireQuit)
-        alert.setInformativeText(ORVStringWithFormat(
-            duplicateText("You can not have two copies of %@ open at the same time.\n\nWould you like to quit the "
-                          "copy you just opened or the one that is already open?"),
-            name));
-    else if (newer)
-        alert.setInformativeText(ORVStringWithFormat(
-            duplicateText("An older version of %@ is already open. Would you like to quit the older version?"), name));
-    else
-        alert.setInformativeText(ORVStringWithFormat(duplicateText("Would you like to quit the other copy?"), name));
-    alert.addButtonWithTitle(newer ? duplicateText("Quit Older Version") : duplicateText("Quit Other Copy"));
-    alert.addButtonWithTitle(requireQuit ? duplicateText("Quit This Copy") : duplicateText("Ignore"));
-    if (!appIcon.isNull())
-        alert.setIconPixmap(QPixmap::fromImage(appIcon));
-
-    const int response = alert.runModal();
+    const std::unique_ptr<ORVMAlert> alert = duplicateAlert(requireQuit, newer, appIcon);
+    const int response = alert->runModal();
     if (response == ORVAlertFirstButtonReturn) {
         unregisterApp();
         sendQuitMessage();

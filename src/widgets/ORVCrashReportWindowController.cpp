@@ -10,6 +10,8 @@
 #include <OrvellaKit/ORVUserDefaults.h>
 
 #include <QCoreApplication>
+#include <QDialogButtonBox>
+#include <QLayout>
 #include <QPointer>
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -122,8 +124,26 @@ ORVCrashReportWindowController::ORVCrashReportWindowController(const std::shared
     : QDialog(parent), _userDefaults(userDefaults), _ui(std::make_unique<Ui::ORVCrashReportWindowController>())
 {
     _ui->setupUi(this);
-    connect(_ui->sendButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::send);
-    connect(_ui->cancelButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::cancel);
+    // Send and Cancel sit in a button box, which orders them as the desktop
+    // does; Details stays on the far side.
+    auto *sendButton = _ui->buttonBox->addButton(tr("&Send Report"), QDialogButtonBox::AcceptRole);
+    sendButton->setObjectName(QStringLiteral("sendButton"));
+    sendButton->setDefault(true);
+    auto *cancelButton = _ui->buttonBox->addButton(tr("Cancel"), QDialogButtonBox::RejectRole);
+    cancelButton->setObjectName(QStringLiteral("cancelButton"));
+    cancelButton->setAutoDefault(false);
+    connect(sendButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::send);
+    connect(cancelButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::cancel);
+    // Tab runs in reading order: the fields, Details, then the box's
+    // buttons from left to right.
+    QWidget *previous = _ui->_detailsButton;
+    QLayout *boxLayout = _ui->buttonBox->layout();
+    for (int i = 0; boxLayout && i < boxLayout->count(); ++i) {
+        if (QWidget *button = boxLayout->itemAt(i)->widget()) {
+            setTabOrder(previous, button);
+            previous = button;
+        }
+    }
     connect(_ui->_detailsButton, &QPushButton::clicked, this, &ORVCrashReportWindowController::detailsRequested);
     windowDidLoad();
 }

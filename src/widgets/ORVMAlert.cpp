@@ -5,7 +5,12 @@
 
 #include <QGuiApplication>
 #include <QLibrary>
+#include <QFontMetrics>
+#include <QLabel>
 #include <QPushButton>
+#include <QShowEvent>
+
+#include <algorithm>
 #include <QtGui/qguiapplication_platform.h>
 
 #include <cstdint>
@@ -127,8 +132,32 @@ QPushButton *ORVMAlert::addButtonWithTitle(const QString &title)
     return button;
 }
 
+void ORVMAlert::showEvent(QShowEvent *event)
+{
+    // A platform alert sets its message in bold and gives the informative
+    // text room for a few lines: QMessageBox would wrap it into a narrow
+    // column (and break words at hyphens) to keep itself small.
+    if (auto *message = findChild<QLabel *>(QStringLiteral("qt_msgbox_label"))) {
+        QFont emphasised = message->font();
+        emphasised.setBold(true);
+        message->setFont(emphasised);
+    }
+    if (auto *informative = findChild<QLabel *>(QStringLiteral("qt_msgbox_informativelabel"))) {
+        const QFontMetrics metrics(informative->font());
+        const int roomy = metrics.averageCharWidth() * 75;
+        int longest = 0;
+        for (const QString &paragraph : informative->text().split(QLatin1Char('\n')))
+            longest = std::max(longest, metrics.horizontalAdvance(paragraph));
+        informative->setMinimumWidth(std::min(roomy, longest));
+    }
+    QMessageBox::showEvent(event);
+}
+
 int ORVMAlert::runModal()
 {
+    // An alert given no button has one, "OK", answering as the first.
+    if (_alertButtons.isEmpty() && buttons().isEmpty())
+        addButtonWithTitle(ORVLocalizedString("OK"));
     ORVNotificationCenter::defaultCenter().postNotificationName(ORVMAlertWillShowNotification,
                                                                 ORVNotificationObject(this));
     _showsOnAllWorkspaces = ORVWindowJoinAllWorkspaces(this);

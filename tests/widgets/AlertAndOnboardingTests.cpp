@@ -6,6 +6,7 @@
 #include <OrvellaKitWidgets/ORVOnboardingFeatureItem.h>
 
 #include <QBuffer>
+#include <QLabel>
 #include <QPushButton>
 #include <QTest>
 #include <QTimer>
@@ -53,6 +54,40 @@ TEST(Alert, AnnouncesItselfAroundItsModalRunAndAnswersByButtonOrder)
     EXPECT_EQ(alert.exec(), ORVAlertSecondButtonReturn);
     center.removeObserver(any);
     EXPECT_EQ(posts, 2);
+}
+
+TEST(Alert, GivesItsInformativeTextRoomAndEmphasisesTheMessage)
+{
+    ORVMAlert alert;
+    alert.setMessageText("Another copy of kalendro-sample is open");
+    alert.setInformativeText(
+        "An older version of kalendro-sample is already open. Would you like to quit the older version?");
+    alert.addButtonWithTitle("Quit Older Version");
+    alert.addButtonWithTitle("Ignore");
+    alert.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&alert));
+    auto *informative = alert.findChild<QLabel *>("qt_msgbox_informativelabel");
+    ASSERT_TRUE(informative);
+    // Two lines at most, where a narrow column needed five: each line
+    // beyond the first adds a line's spacing to the label's height.
+    const int oneLine = informative->heightForWidth(100000);
+    const int lines = 1 + (informative->heightForWidth(informative->width()) - oneLine) /
+                              informative->fontMetrics().lineSpacing();
+    EXPECT_LE(lines, 2) << informative->width() << " px wide";
+    auto *message = alert.findChild<QLabel *>("qt_msgbox_label");
+    ASSERT_TRUE(message);
+    EXPECT_TRUE(message->font().bold());
+    alert.hide();
+
+    // Without a button of its own, its one button answers as the first.
+    ORVMAlert bare;
+    bare.setMessageText("Saved");
+    QTimer::singleShot(0, &bare, [&] {
+        ASSERT_EQ(bare.alertButtons().size(), 1);
+        EXPECT_EQ(bare.alertButtons().first()->text(), "OK");
+        bare.alertButtons().first()->click();
+    });
+    EXPECT_EQ(bare.runModal(), ORVAlertFirstButtonReturn);
 }
 
 TEST(BackgroundView, FillsItselfWithItsColour)

@@ -12,6 +12,7 @@
 
 #include <QDBusConnection>
 #include <QDBusObjectPath>
+#include <QDialogButtonBox>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QLabel>
@@ -23,6 +24,7 @@
 #include <QThread>
 #include <QTimer>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -217,6 +219,49 @@ TEST_F(CrashReportTest, AServiceThatHangsDoesNotHoldUpTheDialog)
     QSignalSpy finished(&dialog, &ORVCrashReportWindowController::contactCardLookupFinished);
     ASSERT_TRUE(finished.wait(10000));
     EXPECT_EQ(dialog.nameTextField()->text(), ORVPasswdFullName());
+}
+
+TEST_F(CrashReportTest, ButtonsFollowThePlatformAndTheKeyboardReachesEverything)
+{
+    defaults->setString("Grace Hopper", "CrashReportName");
+    defaults->setString("grace@example.org", "CrashReportEmail");
+    ORVCrashReportWindowController dialog(defaults);
+    dialog.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&dialog));
+    auto *box = dialog.findChild<QDialogButtonBox *>();
+    ASSERT_TRUE(box);
+    auto *send = dialog.findChild<QPushButton *>("sendButton");
+    auto *cancel = dialog.findChild<QPushButton *>("cancelButton");
+    ASSERT_TRUE(send && cancel);
+    EXPECT_EQ(box->buttonRole(send), QDialogButtonBox::AcceptRole);
+    EXPECT_EQ(box->buttonRole(cancel), QDialogButtonBox::RejectRole);
+    EXPECT_TRUE(send->isDefault());
+
+    // Tab goes through the dialog as it reads: the fields, Details, then the
+    // box's buttons from left to right.
+    QList<QWidget *> buttons{send, cancel};
+    std::sort(buttons.begin(), buttons.end(),
+              [](QWidget *a, QWidget *b) { return a->mapToGlobal(QPoint()).x() < b->mapToGlobal(QPoint()).x(); });
+    const QList<QWidget *> expected{dialog.nameTextField(), dialog.emailTextField(), dialog.commentsTextView(),
+                                    dialog.detailsButton(), buttons.at(0), buttons.at(1)};
+    QList<QWidget *> order{dialog.nameTextField()};
+    for (QWidget *next = dialog.nameTextField()->nextInFocusChain(); order.size() < expected.size();
+         next = next->nextInFocusChain())
+        if (next->focusPolicy() & Qt::TabFocus)
+            order << next;
+    EXPECT_EQ(order, expected);
+
+    // Every field's label and every action but Cancel has a mnemonic.
+    int labelled = 0;
+    for (QLabel *label : dialog.findChildren<QLabel *>()) {
+        if (!label->buddy())
+            continue;
+        ++labelled;
+        EXPECT_TRUE(label->text().contains('&')) << qPrintable(label->text());
+    }
+    EXPECT_EQ(labelled, 3);
+    EXPECT_TRUE(send->text().contains('&'));
+    EXPECT_TRUE(dialog.detailsButton()->text().contains('&'));
 }
 
 TEST_F(CrashReportTest, WithoutTheServiceTheNameComesFromPasswd)
