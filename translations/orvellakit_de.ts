@@ -205,6 +205,10 @@
         <source>Delete</source>
         <translation>Löschen</translation>
     </message>
+    <message>
+        <source>Submit All Now</source>
+        <translation>Alle jetzt senden</translation>
+    </message>
 </context>
 <context>
     <name>DuplicateApp</name>

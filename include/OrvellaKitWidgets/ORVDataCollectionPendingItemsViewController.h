@@ -52,6 +52,8 @@ public:
     bool shouldSubmitItems() const { return _shouldSubmitItems; }
     QTableView *tableView() const;
     QPushButton *deleteButton() const;
+    // "Submit All Now" beside Delete, enabled while there are rows.
+    QPushButton *submitAllButton() const;
     QLabel *submitNowTextField() const;
     QAction *copyAction() const { return _copyAction; }
 

@@ -101,7 +101,20 @@ ORVDataCollectionPendingItemsViewController::ORVDataCollectionPendingItemsViewCo
     addAction(_copyAction);
     connect(_copyAction, &QAction::triggered, this, &ORVDataCollectionPendingItemsViewController::copy);
 
+    // The Delete key (and Backspace, as on a keyboard without one) deletes
+    // the selected rows, like the button beside the table.
+    auto *deleteAction = new QAction(this);
+    deleteAction->setShortcuts({QKeySequence(Qt::Key_Delete), QKeySequence(Qt::Key_Backspace)});
+    deleteAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    _ui->_tableView->addAction(deleteAction);
+    connect(deleteAction, &QAction::triggered, this, &ORVDataCollectionPendingItemsViewController::deleteItems);
+
     connect(_ui->_deleteButton, &QPushButton::clicked, this, &ORVDataCollectionPendingItemsViewController::deleteItems);
+    // "Submit All Now" without a right click.
+    connect(_ui->_submitAllButton, &QPushButton::clicked, this,
+            &ORVDataCollectionPendingItemsViewController::submitAllPendingItems);
+    connect(_model, &QAbstractItemModel::modelReset, this, [this] { _ui->_submitAllButton->setEnabled(!_rows.isEmpty()); });
+    connect(_model, &QAbstractItemModel::rowsRemoved, this, [this] { _ui->_submitAllButton->setEnabled(!_rows.isEmpty()); });
     connect(_ui->_tableView->selectionModel(), &QItemSelectionModel::selectionChanged, this,
             &ORVDataCollectionPendingItemsViewController::tableViewSelectionDidChange);
     // A reset drops the selection without a selectionChanged signal.
@@ -131,6 +144,11 @@ QTableView *ORVDataCollectionPendingItemsViewController::tableView() const
 QPushButton *ORVDataCollectionPendingItemsViewController::deleteButton() const
 {
     return _ui->_deleteButton;
+}
+
+QPushButton *ORVDataCollectionPendingItemsViewController::submitAllButton() const
+{
+    return _ui->_submitAllButton;
 }
 
 QLabel *ORVDataCollectionPendingItemsViewController::submitNowTextField() const

@@ -213,6 +213,30 @@ TEST_F(PendingItemsTest, DeleteAndCopyFollowTheSelectionAfterSubmitAllNow)
     EXPECT_FALSE(view.copyAction()->isEnabled());
 }
 
+TEST_F(PendingItemsTest, TheKeyboardAndAButtonReachDeleteAndSubmitAllNow)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    view.tableView()->setFocus();
+    select(view, {0});
+    QTest::keyClick(view.tableView(), Qt::Key_Delete);
+    EXPECT_EQ(texts(view.rows()), (QStringList{"Imported a calendar\nwith 12 events", "Changed the theme"}));
+
+    ASSERT_TRUE(view.submitAllButton()->isEnabled());
+    EXPECT_EQ(view.submitAllButton()->text(), "Submit All Now");
+    QTest::mouseClick(view.submitAllButton(), Qt::LeftButton);
+    EXPECT_EQ(view.objectValue("date", 0), "Now");
+    EXPECT_TRUE(view.submitNowTextField()->isVisible());
+    // The menu's own items keep no key equivalents.
+    std::unique_ptr<QMenu> menu(view.contextMenuForClickedRow(0));
+    for (QAction *action : menu->actions())
+        EXPECT_TRUE(action->shortcut().isEmpty());
+
+    view.deleteItemsAtIndexes({0, 1});
+    EXPECT_FALSE(view.submitAllButton()->isEnabled());
+}
+
 TEST_F(PendingItemsTest, TheMenusDeleteTakesTheSelectionOnlyWhenTheClickedRowIsInIt)
 {
     ORVDataCollectionPendingItemsViewController view(queue);
