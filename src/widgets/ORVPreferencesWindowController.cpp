@@ -4,6 +4,7 @@
 #include <OrvellaKit/ORVImage.h>
 
 #include <QActionGroup>
+#include <QWindow>
 #include <QApplication>
 #include <QCloseEvent>
 #include <QKeyEvent>
@@ -237,6 +238,10 @@ void ORVPreferencesWindowController::toolbarItemClicked(QAction *item)
 {
     if (!item)
         return;
+    // The group lets the code clear the selection, so a click on the
+    // selected item unchecks it: the pane is still the one shown.
+    if (!item->isChecked())
+        item->setChecked(true);
     bool ok = false;
     const int tag = item->data().toInt(&ok);
     if (!ok || tag < 0 || tag >= _viewControllers.size())
@@ -437,6 +442,15 @@ void ORVPreferencesWindowController::activeViewDidAppear()
     // Measure the window as it is now laid out (a menu bar may have come
     // since the pane was selected).
     liftSizeLimits();
+    // A pane that can grow gets the maximise button. The flag goes to the
+    // platform window directly: QWidget::setWindowFlags() would hide the
+    // window while it changes.
+    const Qt::WindowFlags flags = _window->windowFlags().setFlag(Qt::WindowMaximizeButtonHint, pane->canResize());
+    if (flags != _window->windowFlags()) {
+        _window->overrideWindowFlags(flags);
+        if (QWindow *handle = _window->windowHandle())
+            handle->setFlags(flags);
+    }
     if (pane->canResize()) {
         _window->setMinimumSize(windowFrameForNewSize(pane->minSize()).size());
         const QSize maxContent = pane->maxSize();

@@ -7,6 +7,7 @@
 #include <QLineEdit>
 #include <QSignalSpy>
 #include <QTest>
+#include <QWindow>
 #include <QToolBar>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -142,6 +143,9 @@ TEST_F(PreferencesTest, SelectingTheActivePaneDoesNothing)
     controller->selectPreferencesViewController(panes[0], true);
     click(0);
     EXPECT_TRUE(activations.empty());
+    // The selected item stays selected when clicked again.
+    EXPECT_EQ(controller->selectedItemIdentifier(), "0");
+    EXPECT_TRUE(controller->toolbarItemWithIdentifier("0")->isChecked());
     EXPECT_FALSE(controller->isAnimatingTransition());
     EXPECT_EQ(controller->animationView(), nullptr);
     EXPECT_EQ(controller->window()->geometry(), frame);
@@ -224,6 +228,7 @@ TEST_F(PreferencesTest, PaneSizeLimitsFollowCanResize)
     ORVPreferencesWindow *window = controller->window();
     EXPECT_EQ(window->minimumSize(), window->maximumSize());
     EXPECT_EQ(window->minimumSize(), window->geometry().size());
+    EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
 
     controller->selectPreferencesViewController(resizable, false);
     const int chrome = window->geometry().height() - window->contentView()->height();
@@ -231,6 +236,15 @@ TEST_F(PreferencesTest, PaneSizeLimitsFollowCanResize)
     EXPECT_EQ(window->maximumSize(), QSize(475, 500 + chrome));
     EXPECT_TRUE(resizable->isVisible());
     EXPECT_FALSE(fixed->isVisible());
+    // A pane that can grow can be maximised; the window stays on screen
+    // while its buttons change.
+    EXPECT_TRUE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
+    ASSERT_TRUE(window->windowHandle());
+    EXPECT_TRUE(window->windowHandle()->flags() & Qt::WindowMaximizeButtonHint);
+    EXPECT_TRUE(window->isVisible());
+    controller->selectPreferencesViewController(fixed, false);
+    EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
+    EXPECT_TRUE(window->isVisible());
 }
 
 TEST_F(PreferencesTest, EscapeOrdersTheWindowOutAndCommitsEditing)
