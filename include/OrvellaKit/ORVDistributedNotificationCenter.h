@@ -26,6 +26,11 @@ using ORVDistributedNotificationToken = std::shared_ptr<ORVDistributedNotificati
 class ORVDistributedNotificationCenter {
 public:
     using Callback = std::function<void(const QString &name, const QString &object)>;
+    // The same, with the process identifier of the sender as the bus knows
+    // it (-1 when the bus cannot tell): an observer can tell its own
+    // notifications from others' and see where a notification came from.
+    using SenderCallback =
+        std::function<void(const QString &name, const QString &object, qint64 senderProcessIdentifier)>;
 
     // The centre of the session bus.
     static ORVDistributedNotificationCenter &defaultCenter();
@@ -33,6 +38,8 @@ public:
     // Calls `callback` for notifications of `name` whose object equals
     // `object` (a null object: any). Null when there is no session bus.
     ORVDistributedNotificationToken addObserverForName(const QString &name, const QString &object, Callback callback);
+    ORVDistributedNotificationToken addObserverForName(const QString &name, const QString &object,
+                                                       SenderCallback callback);
     void removeObserver(const ORVDistributedNotificationToken &token);
     // Sends the notification; false when there is no session bus or the
     // signal could not be sent.
@@ -43,7 +50,9 @@ public:
 private:
     ORVDistributedNotificationCenter();
     friend class ORVDistributedNotificationRelay;
-    void deliver(const QString &name, const QString &object);
+    ORVDistributedNotificationToken addObserver(const QString &name, const QString &object, SenderCallback callback,
+                                                bool wantsSender);
+    void deliver(const QString &name, const QString &object, const QString &sender);
 
     mutable std::mutex _lock;
     std::vector<ORVDistributedNotificationToken> _observers;
@@ -59,5 +68,6 @@ private:
     friend class ORVDistributedNotificationCenter;
     QString _name;
     QString _object;
-    ORVDistributedNotificationCenter::Callback _callback;
+    ORVDistributedNotificationCenter::SenderCallback _callback;
+    bool _wantsSender = false;
 };

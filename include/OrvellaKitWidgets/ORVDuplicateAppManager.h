@@ -15,7 +15,9 @@
 // identifier) on the session bus; a copy told so posts
 // "ORVDuplicateAppManagerWillQuitAsDuplicateNotification" on the default
 // ORVNotificationCenter (a last chance to save) and quits: its event loops
-// end even when a window would refuse to close (an open alert, say).
+// end even when a window would refuse to close (an open alert, say). A
+// copy obeys only a sender in its own login session (the user's sessions
+// may share one bus), and never its own message.
 //
 //   auto duplicates = ORVDuplicateAppManager::sharedManager();
 //   duplicates->registerApp();                              // early at launch
@@ -109,9 +111,10 @@ public:
 
 protected:
     ORVDuplicateAppManager();
-    // Ends the application: QCoreApplication::exit(0), which ends every
-    // running event loop (a modal alert's too) and cannot be refused by a
-    // window; queued until the event loop runs when it has not started.
+    // Ends the application: every event loop of the main thread ends with
+    // 0, the running ones (a modal alert's too) and any started afterwards
+    // up to the application's own exec(), so neither a window that refuses
+    // to close nor start-up code that goes on can keep the copy running.
     virtual void terminate();
 
 private:

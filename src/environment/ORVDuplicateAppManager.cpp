@@ -49,22 +49,42 @@ QString executableOfProcess(const QString &procRoot, const QString &pid)
     return QFile::decodeName(QByteArray(target, static_cast<int>(length)));
 }
 
-// The effective user of a process, from its status file; none when it
-// cannot be read.
-std::optional<uint> userOfProcess(const QString &procRoot, const QString &pid)
+// What a process's status file says of it; none when it cannot be read.
+struct StatusOfProcess {
+    uint effectiveUser = 0;
+    qint64 parent = -1;
+};
+std::optional<StatusOfProcess> statusOfProcess(const QString &procRoot, const QString &pid)
 {
     QFile status(procRoot + QLatin1Char('/') + pid + QStringLiteral("/status"));
     if (!status.open(QIODevice::ReadOnly))
         return std::nullopt;
+    StatusOfProcess result;
+    bool user = false;
     for (const QByteArray &line : status.readAll().split('\n')) {
-        if (!line.startsWith("Uid:"))
-            continue;
-        const QList<QByteArray> ids = line.mid(4).simplified().split(' ');
-        bool ok = false;
-        const uint effective = ids.value(1).toUInt(&ok);
-        return ok ? std::optional<uint>(effective) : std::nullopt;
+        if (line.startsWith("Uid:")) {
+            const QList<QByteArray> ids = line.mid(4).simplified().split(' ');
+            result.effectiveUser = ids.value(1).toUInt(&user);
+        } else if (line.startsWith("PPid:")) {
+            bool ok = false;
+            const qint64 parent = line.mid(5).trimmed().toLongLong(&ok);
+            if (ok)
+                result.parent = parent;
+        }
     }
-    return std::nullopt;
+    return user ? std::optional<StatusOfProcess>(result) : std::nullopt;
+}
+
+// The session bus a process with these variables reaches: the one its
+// address names or, without one, the user's bus in its runtime folder,
+// where the bus library looks then. Empty when neither is known.
+QByteArray sessionBusOf(const QByteArray &address, const QByteArray &runtimeFolder)
+{
+    if (!address.isEmpty())
+        return address;
+    if (!runtimeFolder.isEmpty())
+        return "unix:path=" + runtimeFolder + "/bus";
+    return {};
 }
 
 // The variables that place a process in a login session: its session bus
@@ -79,14 +99,36 @@ std::optional<SessionOfProcess> sessionOfProcess(const QString &procRoot, const 
     QFile environ(procRoot + QLatin1Char('/') + pid + QStringLiteral("/environ"));
     if (!environ.open(QIODevice::ReadOnly))
         return std::nullopt;
+    QByteArray address;
+    QByteArray runtimeFolder;
     SessionOfProcess session;
     for (const QByteArray &entry : environ.readAll().split('\0')) {
         if (entry.startsWith("DBUS_SESSION_BUS_ADDRESS="))
-            session.bus = entry.mid(25);
+            address = entry.mid(25);
+        else if (entry.startsWith("XDG_RUNTIME_DIR="))
+            runtimeFolder = entry.mid(16);
         else if (entry.startsWith("XDG_SESSION_ID="))
             session.login = entry.mid(15);
     }
+    session.bus = sessionBusOf(address, runtimeFolder);
     return session;
+}
+
+// Whether a process runs in this process's login session, as a user sees
+// it: the same user, the same session bus and, when both know it, the same
+// logind session. A process in another session is another desktop's (a
+// second seat, a remote login), even when the user's sessions share a bus.
+bool runsInThisSession(const QString &procRoot, const QString &pid)
+{
+    const std::optional<StatusOfProcess> status = statusOfProcess(procRoot, pid);
+    if (!status || status->effectiveUser != ::geteuid())
+        return false;
+    const std::optional<SessionOfProcess> session = sessionOfProcess(procRoot, pid);
+    if (!session)
+        return false;
+    const QByteArray ownBus = sessionBusOf(qgetenv("DBUS_SESSION_BUS_ADDRESS"), qgetenv("XDG_RUNTIME_DIR"));
+    const QByteArray ownLogin = qgetenv("XDG_SESSION_ID");
+    return session->bus == ownBus && (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
 }
 
 // This process's executable, as /proc shows it for another process.
@@ -154,19 +196,6 @@ std::optional<ORVRunningApplication> ORVFindDuplicateProcess(const QString &bund
         return std::nullopt;
     }
     const QString self = QString::number(::getpid());
-    // Only a copy this one can reach and that the user sees as theirs is one:
-    // the same user, the same session bus and (when both know it) the same
-    // login session. A copy in another session is another desktop's.
-    const uint ownUser = ::geteuid();
-    const QByteArray ownBus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
-    const QByteArray ownLogin = qgetenv("XDG_SESSION_ID");
-    const auto inThisSession = [&](const QString &entry) {
-        if (userOfProcess(procRoot, entry) != ownUser)
-            return false;
-        const std::optional<SessionOfProcess> session = sessionOfProcess(procRoot, entry);
-        return session && session->bus == ownBus &&
-               (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
-    };
     for (const QString &entry : entries) {
         bool numeric = false;
         const qint64 pid = entry.toLongLong(&numeric);
@@ -191,12 +220,15 @@ std::optional<ORVRunningApplication> ORVFindDuplicateProcess(const QString &bund
                    ORVBundle::mainBundle().bundleIdentifier() == bundleIdentifier) {
             // An application installed without an Info.json (in /usr/bin,
             // its dictionary set in code): a process of the same executable
-            // is a copy of it.
+            // is a copy of it, unless this copy started it as a helper.
+            const std::optional<StatusOfProcess> status = statusOfProcess(procRoot, entry);
+            if (status && status->parent == ::getpid())
+                continue;
             bundlePath = ORVBundle::mainBundle().bundlePath();
         } else {
             continue;
         }
-        if (!QFileInfo::exists(bundlePath) || !inThisSession(entry))
+        if (!QFileInfo::exists(bundlePath) || !runsInThisSession(procRoot, entry))
             continue;
         return ORVRunningApplication{pid, executable, bundlePath};
     }
@@ -240,7 +272,20 @@ bool ORVDuplicateAppManager::registerApp()
     }
     _observation = ORVDistributedNotificationCenter::defaultCenter().addObserverForName(
         ORVDuplicateAppManagerQuitDuplicatesNotification, identifier,
-        [this](const QString &, const QString &) { quitNotificationReceived(); });
+        [this](const QString &, const QString &, qint64 sender) {
+            // The message reaches every copy on the bus, and the user's
+            // login sessions may share one: only a copy in this session
+            // (one that would find this copy as its duplicate) is obeyed.
+            // This copy's own message is not for it.
+            if (sender == ::getpid())
+                return;
+            if (sender > 0 && !runsInThisSession(QStringLiteral("/proc"), QString::number(sender))) {
+                ORVLogInfo("A copy in another login session (process %ld) asked copies to quit; this one stays",
+                           static_cast<long>(sender));
+                return;
+            }
+            quitNotificationReceived();
+        });
     if (!_observation)
         ORVLogWarn("Other copies of %@ cannot ask this one to quit (no session bus)", identifier);
     return static_cast<bool>(_observation);
@@ -261,7 +306,7 @@ void ORVDuplicateAppManager::quitNotificationReceived()
 
 void ORVDuplicateAppManager::terminate()
 {
-    orv::detail::terminateApplication();
+    orv::detail::endApplication();
 }
 
 void ORVDuplicateAppManager::sendQuitMessage()

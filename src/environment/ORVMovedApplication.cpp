@@ -84,7 +84,7 @@ bool ORVCheckIfApplicationMoved(bool showAlert)
         if (!arguments.isEmpty())
             arguments.removeFirst();
         if (QProcess::startDetached(executable, arguments, QFileInfo(executable).path())) {
-            orv::detail::terminateApplication();
+            orv::detail::quitApplication();
         } else {
             ORVLogError("Could not relaunch %@", executable);
         }

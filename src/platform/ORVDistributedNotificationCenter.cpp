@@ -4,11 +4,14 @@
 
 #include <QCoreApplication>
 #include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusReply>
 #include <QDBusMessage>
 #include <QObject>
 #include <QThread>
 
 #include <algorithm>
+#include <optional>
 
 ORV_LOG_FILE(nullptr)
 
@@ -25,7 +28,12 @@ public:
     explicit ORVDistributedNotificationRelay(ORVDistributedNotificationCenter *center) : _center(center) {}
 
 public slots:
-    void deliver(const QString &name, const QString &object) { _center->deliver(name, object); }
+    // The message names its sender's unique bus name, which the bus daemon
+    // can map to a process.
+    void deliver(const QString &name, const QString &object, const QDBusMessage &message)
+    {
+        _center->deliver(name, object, message.service());
+    }
 
 private:
     ORVDistributedNotificationCenter *_center;
@@ -52,6 +60,22 @@ ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverFor
                                                                                       const QString &object,
                                                                                       Callback callback)
 {
+    return addObserver(
+        name, object, [callback = std::move(callback)](const QString &n, const QString &o, qint64) { callback(n, o); },
+        false);
+}
+
+ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverForName(const QString &name,
+                                                                                      const QString &object,
+                                                                                      SenderCallback callback)
+{
+    return addObserver(name, object, std::move(callback), true);
+}
+
+ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserver(const QString &name,
+                                                                              const QString &object,
+                                                                              SenderCallback callback, bool wantsSender)
+{
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
         ORVLogWarn("No D-Bus session bus: notifications from other processes (%@) are not received", name);
@@ -62,7 +86,8 @@ ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverFor
         auto *relay = new ORVDistributedNotificationRelay(this);
         if (QCoreApplication *app = QCoreApplication::instance())
             relay->moveToThread(app->thread());
-        _listening = bus.connect(QString(), kPath, kInterface, kSignal, relay, SLOT(deliver(QString, QString)));
+        _listening = bus.connect(QString(), kPath, kInterface, kSignal, relay,
+                                 SLOT(deliver(QString, QString, QDBusMessage)));
         if (!_listening) {
             ORVLogWarn("Could not listen to notifications on the session bus: %@", bus.lastError().message());
             relay->deleteLater();
@@ -73,6 +98,7 @@ ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverFor
     observer->_name = name;
     observer->_object = object;
     observer->_callback = std::move(callback);
+    observer->_wantsSender = wantsSender;
     _observers.push_back(observer);
     return observer;
 }
@@ -95,8 +121,22 @@ bool ORVDistributedNotificationCenter::postNotificationName(const QString &name,
     return bus.send(signal);
 }
 
-void ORVDistributedNotificationCenter::deliver(const QString &name, const QString &object)
+void ORVDistributedNotificationCenter::deliver(const QString &name, const QString &object, const QString &sender)
 {
+    // Asked of the bus daemon only for an observer that wants it, once.
+    std::optional<qint64> senderProcess;
+    const auto senderProcessIdentifier = [&]() -> qint64 {
+        if (!senderProcess) {
+            senderProcess = -1;
+            const QDBusConnection bus = QDBusConnection::sessionBus();
+            if (!sender.isEmpty() && bus.isConnected() && bus.interface()) {
+                const QDBusReply<uint> pid = bus.interface()->servicePid(sender);
+                if (pid.isValid())
+                    senderProcess = static_cast<qint64>(pid.value());
+            }
+        }
+        return *senderProcess;
+    };
     std::vector<ORVDistributedNotificationToken> observers;
     {
         std::lock_guard guard(_lock);
@@ -111,7 +151,7 @@ void ORVDistributedNotificationCenter::deliver(const QString &name, const QStrin
             if (std::find(_observers.begin(), _observers.end(), observer) == _observers.end())
                 continue;
         }
-        observer->_callback(name, object);
+        observer->_callback(name, object, observer->_wantsSender ? senderProcessIdentifier() : -1);
     }
 }
 

@@ -191,9 +191,29 @@ TEST_F(DuplicateAppTest, ACopyInAnotherLoginSessionIsNoDuplicate)
     EXPECT_TRUE(elsewhere.running());
     EXPECT_FALSE(elsewhere.output.contains("will-quit-as-duplicate"));
 
-    // The same session: a copy.
+    // The same session: a copy. The quit message goes over the bus that
+    // both sessions share, but only the copy in the sender's session ends.
+    Copy other(makeBundle("other", "1.0"), {"wait"}, true, "C", {{"XDG_SESSION_ID", "orv-b"}});
+    ASSERT_EQ(other.waitForLine("registered"), "registered: yes");
     Copy again(makeBundle("again", "1.0"), {"quit-duplicates", "1", "0", ""}, true, "C", {{"XDG_SESSION_ID", "orv-a"}});
     EXPECT_TRUE(elsewhere.waitForExit(8s)) << again.output.toStdString();
+    EXPECT_FALSE(again.waitForLine("returned after", 15s).isEmpty()) << again.output.toStdString();
+    spinFor(300ms);
+    EXPECT_TRUE(other.running()) << other.output.toStdString();
+    EXPECT_FALSE(other.output.contains("will-quit-as-duplicate")) << other.output.toStdString();
+}
+
+TEST_F(DuplicateAppTest, ACopyToldToQuitBeforeItsEventLoopStartsStillEnds)
+{
+    // The copy is still starting up: an alert of its own runs before
+    // QApplication::exec(), and start-up goes on after it.
+    Copy starting(makeBundle("starting", "1.0"), {"alert-before-exec"});
+    ASSERT_EQ(starting.waitForLine("alert-open"), "alert-open") << starting.output.toStdString();
+    Copy second(makeBundle("second", "1.0"), {"quit-duplicates", "1", "0", ""});
+    ASSERT_TRUE(starting.waitForExit(8s)) << starting.output.toStdString();
+    EXPECT_TRUE(starting.output.contains("will-quit-as-duplicate\nterminating")) << starting.output.toStdString();
+    EXPECT_FALSE(starting.output.contains("timed out")) << starting.output.toStdString();
+    EXPECT_EQ(starting.process.exitCode(), 0);
 }
 
 TEST_F(DuplicateAppTest, AnApplicationWithoutInfoJsonFindsItsCopies)
@@ -366,6 +386,23 @@ TEST_F(DuplicateAppTest, OddProcessEntriesAreSkipped)
     const auto found = ORVFindDuplicateProcess(testIdentifier(), proc);
     ASSERT_TRUE(found);
     EXPECT_EQ(found->processIdentifier, 100);
+
+    // A process started without the bus variable reaches the user's bus in
+    // its runtime folder, the same bus as a variable naming that socket.
+    const QByteArray ownBus = qgetenv("DBUS_SESSION_BUS_ADDRESS");
+    const QByteArray ownRuntime = qgetenv("XDG_RUNTIME_DIR");
+    const QByteArray runtime = QFile::encodeName(home.filePath("run"));
+    qputenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + runtime + "/bus");
+    qputenv("XDG_RUNTIME_DIR", runtime);
+    writeEntry("environ", "XDG_RUNTIME_DIR=" + runtime + '\0' + "XDG_SESSION_ID=" + qgetenv("XDG_SESSION_ID") + '\0');
+    EXPECT_TRUE(ORVFindDuplicateProcess(testIdentifier(), proc)) << "the default bus, named or not";
+    writeEntry("environ", "XDG_RUNTIME_DIR=/run/user/4242" + QByteArray(1, '\0'));
+    EXPECT_FALSE(ORVFindDuplicateProcess(testIdentifier(), proc)) << "another runtime folder's bus";
+    qputenv("DBUS_SESSION_BUS_ADDRESS", ownBus);
+    if (ownRuntime.isNull())
+        qunsetenv("XDG_RUNTIME_DIR");
+    else
+        qputenv("XDG_RUNTIME_DIR", ownRuntime);
 
     // The real table, while processes come and go.
     QElapsedTimer timer;

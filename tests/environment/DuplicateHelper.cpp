@@ -7,6 +7,8 @@
 //   orv_duplicate_helper wait-with-alert
 //       the same, with an alert open that has no Escape button (so it
 //       refuses to be closed)
+//   orv_duplicate_helper alert-before-exec
+//       registers, then runs such an alert before the event loop starts
 //
 // With ORV_HELPER_INFO set (a JSON object), the helper sets its info
 // dictionary itself, as an application installed without an Info.json.
@@ -111,6 +113,17 @@ int main(int argc, char **argv)
             QTimer::singleShot(100, [] { say("alert-open"); });
             say(QStringLiteral("alert answered %1").arg(alert.runModal()));
         });
+    } else if (mode == "alert-before-exec") {
+        // An alert run during start-up, before the event loop; start-up
+        // goes on when it ends.
+        say(manager->registerApp() ? "registered: yes" : "registered: no");
+        ORVMAlert alert;
+        alert.setMessageText(QStringLiteral("Welcome"));
+        alert.addButtonWithTitle(QStringLiteral("Continue"));
+        alert.addButtonWithTitle(QStringLiteral("Learn More"));
+        QTimer::singleShot(100, [] { say("alert-open"); });
+        say(QStringLiteral("alert answered %1").arg(alert.runModal()));
+        say("start-up goes on");
     } else if (mode == "quit-duplicates") {
         const bool quitWithoutAsking = arguments.value(2) == "1";
         const bool requireQuit = arguments.value(3) == "1";
