@@ -521,8 +521,14 @@ ORVError ORVDataCollectionManager::updatePendingItems(const QList<ORVDataCollect
         }
         if (const qsizetype at = toReschedule.indexOf(form); at >= 0) {
             toReschedule.removeAt(at);
-            object.insert(kDateKey, dueSeconds);
-            changed = true;
+            // A report due already keeps its stored form: a pass may be
+            // sending it now, and it finds the report by that form to take
+            // it out of the queue afterwards.
+            const std::optional<QDateTime> date = ORVDataCollectionItem::dateOf(object);
+            if (!date || *date > due) {
+                object.insert(kDateKey, dueSeconds);
+                changed = true;
+            }
         }
         updated.append(object);
     }

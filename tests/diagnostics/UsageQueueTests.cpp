@@ -566,6 +566,28 @@ TEST_F(UsageQueueTest, UpdatesTouchOnlyTheReportsNamed)
     EXPECT_EQ(array.at(3).toObject().value("text"), "new");
 }
 
+TEST_F(UsageQueueTest, AReportRescheduledWhileItIsBeingSentLeavesTheQueueOnce)
+{
+    // The server takes its time with the batch; meanwhile "Submit All Now"
+    // makes every shown report due, the one on its way included.
+    server.script("POST", "/v1/usage/collect/", {ScriptedResponse{200, "{}", "application/json", {}, 600ms}});
+    ASSERT_FALSE(queue->setPendingItems({makeItem("on its way", -10), makeItem("later", 3600)}));
+    std::atomic<int> handled = 0;
+    queue->submitPendingItemsWithCompletionHandler([&](const ORVError &, quint64) { ++handled; });
+    ASSERT_TRUE(waitUntil([&] { return posts() == 1; }, 10s));
+    const QList<ORVDataCollectionItem> shown = queue->pendingItems();
+    ASSERT_EQ(shown.size(), 2);
+    ASSERT_FALSE(queue->updatePendingItems({}, shown, QDateTime::currentDateTimeUtc().addSecs(-1)));
+    ASSERT_TRUE(waitUntil([&] { return handled.load() == 1; }, 10s));
+
+    // The sent report is gone; only the one not yet sent waits, now due.
+    const QList<ORVDataCollectionItem> left = queue->pendingItems();
+    ASSERT_EQ(left.size(), 1);
+    EXPECT_EQ(left.first().text, "later");
+    EXPECT_LT(QDateTime::currentDateTimeUtc().msecsTo(*left.first().scheduledSubmissionDate), 0);
+    EXPECT_EQ(posts(), 1u);
+}
+
 TEST_F(UsageQueueTest, ItemsAddedDuringASubmissionStay)
 {
     queue->setPendingItems({makeItem("due", -1)});
