@@ -13,7 +13,12 @@
 // they: the deleted reports leave the queue and, after "Submit All Now",
 // the reports the view showed become due and go out; reports queued while
 // it was open stay as they are (one locked read-modify-write of the
-// queue). Each time it appears it lists the queue anew.
+// queue). Each time it appears it lists the queue anew. Changes that
+// cannot be written (the queue's lock held elsewhere past its wait, a
+// full disk) are logged and kept: the next showing lists them as the user
+// left them and the next disappearance writes them. A change made in code
+// while the view is not shown is written when it next appears or is
+// destroyed.
 
 #include <OrvellaKit/ORVDataCollectionManager.h>
 
@@ -90,6 +95,11 @@ private:
     class Model;
     void viewDidLoad();
     void loadRows();
+    // Writes the user's changes to the queue; false (changes kept) when the
+    // queue could not be written.
+    bool applyChanges();
+    // Writes the changes, then sends after "Submit All Now".
+    void applyAndSubmit();
     void viewWillAppear();
     void viewDidDisappear();
     void tableViewSelectionDidChange();
@@ -106,7 +116,6 @@ private:
     QAction *_copyAction = nullptr;
     int _clickedRow = -1;
     bool _appeared = false;
-    bool _shownBefore = false;
     // The rows as read from the queue (dates unchanged by "Submit All
     // Now"), in _rows' order, and those the user deleted: how the queue
     // finds them when the changes go back.

@@ -3,6 +3,7 @@
 #include "ui_ORVDataCollectionPendingItemsViewController.h"
 
 #include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKit/ORVLogging.h>
 
 #include <QAction>
 #include <QClipboard>
@@ -10,11 +11,14 @@
 #include <QHeaderView>
 #include <QHideEvent>
 #include <QItemSelectionModel>
+#include <QJsonObject>
 #include <QLocale>
 #include <QMenu>
 #include <QRegularExpression>
 
 #include <algorithm>
+
+ORV_LOG_FILE(nullptr)
 
 const QString ORVDataCollectionPendingItemsViewController::sentenceColumnIdentifier = QStringLiteral("sentence");
 const QString ORVDataCollectionPendingItemsViewController::dateColumnIdentifier = QStringLiteral("date");
@@ -131,9 +135,12 @@ ORVDataCollectionPendingItemsViewController::ORVDataCollectionPendingItemsViewCo
 
 ORVDataCollectionPendingItemsViewController::~ORVDataCollectionPendingItemsViewController()
 {
-    // A view destroyed while shown still gives submission back.
+    // A view destroyed while shown still gives submission back, and changes
+    // an earlier disappearance could not write get a last try.
     if (_appeared)
         viewDidDisappear();
+    else
+        applyAndSubmit();
 }
 
 QTableView *ORVDataCollectionPendingItemsViewController::tableView() const
@@ -164,12 +171,60 @@ void ORVDataCollectionPendingItemsViewController::viewDidLoad()
 void ORVDataCollectionPendingItemsViewController::loadRows()
 {
     _rows = _manager->pendingItems();
+    // Changes that could not be written yet stay the user's: the reports
+    // deleted stay out of the list, and after "Submit All Now" every report
+    // listed is due.
+    QList<QJsonObject> deleted;
+    for (const ORVDataCollectionItem &item : std::as_const(_deletedItems))
+        deleted.append(item.JSONDictionaryForStorage());
+    for (qsizetype row = 0; row < _rows.size() && !deleted.isEmpty();) {
+        if (const qsizetype at = deleted.indexOf(_rows.at(row).JSONDictionaryForStorage()); at >= 0) {
+            deleted.removeAt(at);
+            _rows.removeAt(row);
+        } else {
+            ++row;
+        }
+    }
     _shownItems = _rows;
+    if (_shouldSubmitItems) {
+        const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
+        for (ORVDataCollectionItem &item : _rows)
+            item.scheduledSubmissionDate = due;
+    }
+    _ui->_submitNowTextField->setVisible(_shouldSubmitItems);
+    _model->reset();
+}
+
+bool ORVDataCollectionPendingItemsViewController::applyChanges()
+{
+    if (!_didModifyItems)
+        return true;
+    // Only the user's changes go back to the queue, under its lock: reports
+    // queued while the view was open (by this process or another) and
+    // those it never showed stay as the file has them.
+    const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
+    const ORVError error = _manager->updatePendingItems(
+        _deletedItems, _shouldSubmitItems ? _shownItems : QList<ORVDataCollectionItem>(), due);
+    if (error) {
+        // Kept, not dropped: the next showing lists them as the user left
+        // them, and the next disappearance tries again.
+        ORVLogError("The changes to the pending usage reports could not be saved and are kept for another try: %@",
+                    error.description());
+        return false;
+    }
     _deletedItems.clear();
     _didModifyItems = false;
-    _shouldSubmitItems = false;
-    _ui->_submitNowTextField->hide();
-    _model->reset();
+    return true;
+}
+
+void ORVDataCollectionPendingItemsViewController::applyAndSubmit()
+{
+    if (!applyChanges())
+        return;
+    if (std::exchange(_shouldSubmitItems, false)) {
+        _manager->submitPendingItemsWithCompletionHandler();
+        _ui->_submitNowTextField->hide();
+    }
 }
 
 void ORVDataCollectionPendingItemsViewController::showEvent(QShowEvent *event)
@@ -192,31 +247,22 @@ void ORVDataCollectionPendingItemsViewController::hideEvent(QHideEvent *event)
 void ORVDataCollectionPendingItemsViewController::viewWillAppear()
 {
     _appeared = true;
-    // What the view showed last time may have been sent, deleted or joined
-    // by new reports since.
-    if (_shownBefore)
-        loadRows();
-    _shownBefore = true;
+    // Changes made while the view was not shown (in code, or kept from a
+    // disappearance that could not write them) go first; then the list is
+    // read anew, since what the view showed before (or read when it was
+    // made) may have been sent, deleted or joined by new reports since.
+    applyAndSubmit();
+    loadRows();
     _manager->beginSubmissionDisabled();
 }
 
 void ORVDataCollectionPendingItemsViewController::viewDidDisappear()
 {
     _appeared = false;
-    // Only the user's changes go back to the queue, under its lock: reports
-    // queued while the view was open (by this process or another) and
-    // those it never showed stay as the file has them.
-    if (std::exchange(_didModifyItems, false)) {
-        const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
-        _manager->updatePendingItems(_deletedItems, _shouldSubmitItems ? _shownItems : QList<ORVDataCollectionItem>(),
-                                     due);
-        _deletedItems.clear();
-    }
+    const bool saved = applyChanges();
     _manager->endSubmissionDisabled();
-    if (std::exchange(_shouldSubmitItems, false)) {
-        _manager->submitPendingItemsWithCompletionHandler();
-        _ui->_submitNowTextField->hide();
-    }
+    if (saved)
+        applyAndSubmit();
 }
 
 QString ORVDataCollectionPendingItemsViewController::formattedDate(const QDateTime &date) const
@@ -314,13 +360,13 @@ void ORVDataCollectionPendingItemsViewController::copy()
 
 void ORVDataCollectionPendingItemsViewController::submitAllPendingItems()
 {
-    _didModifyItems = true;
     _shouldSubmitItems = true;
     const QDateTime due = QDateTime::currentDateTimeUtc().addSecs(-1);
     for (ORVDataCollectionItem &item : _rows)
         item.scheduledSubmissionDate = due;
     _model->datesChanged();
     _ui->_submitNowTextField->show();
+    _didModifyItems = true;
 }
 
 QMenu *ORVDataCollectionPendingItemsViewController::contextMenuForClickedRow(int clickedRow)

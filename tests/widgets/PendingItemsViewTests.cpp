@@ -14,6 +14,9 @@
 #include <QTableView>
 #include <QTest>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 using namespace orv::test;
 
 namespace {
@@ -172,6 +175,57 @@ TEST_F(PendingItemsTest, OnlyTheUsersChangesAreWrittenBackAndEachShowReloads)
     spinFor(200ms);
     EXPECT_EQ(server.service().collectedReports().size(), 3u);
     EXPECT_EQ(texts(queue->pendingItems()), QStringList{"Queued after Submit All"});
+}
+
+TEST_F(PendingItemsTest, ADeleteThatCannotBeWrittenIsKeptAndWrittenNextTime)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    // Another holder keeps the queue's lock past the write's bounded wait.
+    const QByteArray lockPath = QFile::encodeName(queue->URLForPendingItems().toLocalFile() + ".lock");
+    const int holder = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(holder, 0);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_len = 1;
+    ASSERT_EQ(::fcntl(holder, F_OFD_SETLK, &lock), 0);
+    select(view, {0});
+    QTest::mouseClick(view.deleteButton(), Qt::LeftButton);
+    view.hide();
+    ::close(holder);
+    const QStringList all{"Opened the week view", "Imported a calendar\nwith 12 events", "Changed the theme"};
+    EXPECT_EQ(texts(queue->pendingItems()), all);
+
+    // The user's delete is not forgotten: shown again, the report stays out
+    // of the list, and it leaves the queue when the view goes.
+    view.show();
+    const QStringList rest{"Imported a calendar\nwith 12 events", "Changed the theme"};
+    EXPECT_EQ(texts(view.rows()), rest);
+    view.hide();
+    EXPECT_EQ(texts(queue->pendingItems()), rest);
+}
+
+TEST_F(PendingItemsTest, TheViewListsTheQueueAsItIsWhenShownAndKeepsChangesMadeWhileHidden)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    ORVDataCollectionItem later;
+    later.text = QStringLiteral("Queued before the view was shown");
+    ASSERT_FALSE(queue->addItem(later, 3600));
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    EXPECT_EQ(view.rows().size(), 4);
+    view.hide();
+
+    // A delete asked for in code while the view is hidden is not dropped by
+    // the next showing: it reaches the queue first.
+    view.deleteItemsAtIndexes({0});
+    view.show();
+    const QStringList rest{"Imported a calendar\nwith 12 events", "Changed the theme",
+                           "Queued before the view was shown"};
+    EXPECT_EQ(texts(view.rows()), rest);
+    EXPECT_EQ(texts(queue->pendingItems()), rest);
 }
 
 TEST_F(PendingItemsTest, ClosingTheViewWhileMinimisedLetsTheQueueSendAgain)
