@@ -49,9 +49,9 @@ struct ORVContactCard {
 // only address), the name falling back to the passwd entry when RealName is
 // empty. Nothing when the service does not answer within two seconds.
 std::optional<ORVContactCard> ORVMeContactCard();
-// ORVMeContactCard() off the calling thread; `handler` runs on the main
-// thread with the result, unless `context` (an object of the main thread)
-// is gone by then.
+// ORVMeContactCard() without blocking: asynchronous calls made on the
+// calling thread (the main one); `handler` runs there with the result,
+// once, unless `context` (an object of that thread) is gone by then.
 void ORVMeContactCardInBackground(QObject *context, std::function<void(std::optional<ORVContactCard>)> handler);
 // The full name of the passwd entry (the GECOS field up to its first comma,
 // "&" standing for the capitalised login name); empty when there is none.
@@ -98,5 +98,8 @@ private:
     void contactCardArrived(const std::optional<ORVContactCard> &card);
 
     std::weak_ptr<ORVUserDefaults> _userDefaults;
+    // What the dialog put in the fields before the card came.
+    QString _filledName;
+    QString _filledEmail;
     std::unique_ptr<Ui::ORVCrashReportWindowController> _ui;
 };

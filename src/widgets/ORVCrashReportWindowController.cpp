@@ -5,7 +5,6 @@
 #include "../platform/ORVSystemBus.h"
 
 #include <OrvellaKit/ORVBundle.h>
-#include <OrvellaKit/ORVDispatchQueue.h>
 #include <OrvellaKit/ORVStringWithFormat.h>
 #include <OrvellaKit/ORVUserDefaults.h>
 
@@ -17,6 +16,8 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusObjectPath>
+#include <QDBusPendingCallWatcher>
+#include <QDBusPendingReply>
 #include <QDBusVariant>
 
 #include <pwd.h>
@@ -44,6 +45,20 @@ QVariantMap propertiesOf(const QDBusConnection &bus, const QString &path, const 
     if (argument.canConvert<QDBusArgument>())
         return qdbus_cast<QVariantMap>(argument.value<QDBusArgument>());
     return argument.toMap();
+}
+
+// The card of an AccountsService user's properties (RealName, Email); the
+// passwd entry's name when RealName is empty.
+ORVContactCard cardFromProperties(const QVariantMap &properties)
+{
+    ORVContactCard card;
+    card.fullName = properties.value(QStringLiteral("RealName")).toString().trimmed();
+    if (card.fullName.isEmpty())
+        card.fullName = ORVPasswdFullName();
+    const QString email = properties.value(QStringLiteral("Email")).toString().trimmed();
+    if (!email.isEmpty())
+        card.emailAddresses << email;
+    return card;
 }
 
 QString localizedInfoValue(const char *key)
@@ -91,30 +106,51 @@ std::optional<ORVContactCard> ORVMeContactCard()
     const QString path = qvariant_cast<QDBusObjectPath>(reply.arguments().first()).path();
     if (path.isEmpty())
         return std::nullopt;
-    const QVariantMap properties = propertiesOf(bus, path, QStringLiteral("org.freedesktop.Accounts.User"));
-    ORVContactCard card;
-    card.fullName = properties.value(QStringLiteral("RealName")).toString().trimmed();
-    if (card.fullName.isEmpty())
-        card.fullName = ORVPasswdFullName();
-    const QString email = properties.value(QStringLiteral("Email")).toString().trimmed();
-    if (!email.isEmpty())
-        card.emailAddresses << email;
-    return card;
+    return cardFromProperties(propertiesOf(bus, path, QStringLiteral("org.freedesktop.Accounts.User")));
 }
 
 void ORVMeContactCardInBackground(QObject *context, std::function<void(std::optional<ORVContactCard>)> handler)
 {
-    QPointer<QObject> receiver(context);
-    ORVDispatchQueue::globalQueue(ORVDispatchQueue::QualityOfService::UserInitiated)
-        ->async([receiver, handler = std::move(handler)] {
-            std::optional<ORVContactCard> card = ORVMeContactCard();
-            // Whether the receiver is still there is asked on the main
-            // thread, where it lives and would be destroyed.
-            ORVDispatchQueue::mainQueue()->async([receiver, handler, card = std::move(card)] {
-                if (receiver)
-                    handler(card);
-            });
+    // Asynchronous calls on the calling (main) thread rather than blocking
+    // ones on a worker: a service that hangs holds up nothing, and nothing
+    // is left running inside the bus library when the application ends.
+    // The calls belong to `context`: gone with it, they answer no one.
+    QObject *owner = context ? context : QCoreApplication::instance();
+    if (!owner)
+        return;
+    auto finish = std::make_shared<std::function<void(std::optional<ORVContactCard>)>>(std::move(handler));
+    const auto answerLater = [owner, finish] {
+        QMetaObject::invokeMethod(owner, [finish] { (*finish)(std::nullopt); }, Qt::QueuedConnection);
+    };
+    if (!orv::detail::systemBusMayExist())
+        return answerLater();
+    QDBusConnection bus = QDBusConnection::systemBus();
+    if (!bus.isConnected())
+        return answerLater();
+    QDBusMessage find = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("/org/freedesktop/Accounts"),
+        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("FindUserById"));
+    find << static_cast<qint64>(getuid());
+    auto *finding = new QDBusPendingCallWatcher(bus.asyncCall(find, kAccountsServiceTimeoutMilliseconds), owner);
+    QObject::connect(finding, &QDBusPendingCallWatcher::finished, owner, [bus, owner, finish](QDBusPendingCallWatcher *call) {
+        call->deleteLater();
+        const QDBusPendingReply<QDBusObjectPath> found = *call;
+        const QString path = found.isValid() ? found.value().path() : QString();
+        if (path.isEmpty())
+            return (*finish)(std::nullopt);
+        QDBusMessage getAll = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Accounts"), path,
+                                                             QStringLiteral("org.freedesktop.DBus.Properties"),
+                                                             QStringLiteral("GetAll"));
+        getAll << QStringLiteral("org.freedesktop.Accounts.User");
+        auto *reading =
+            new QDBusPendingCallWatcher(bus.asyncCall(getAll, kAccountsServiceTimeoutMilliseconds), owner);
+        QObject::connect(reading, &QDBusPendingCallWatcher::finished, owner, [finish](QDBusPendingCallWatcher *read) {
+            read->deleteLater();
+            const QDBusPendingReply<QVariantMap> reply = *read;
+            const QVariantMap properties = reply.isValid() ? reply.value() : QVariantMap();
+            (*finish)(cardFromProperties(properties));
         });
+    });
 }
 
 // ---------------------------------------------------------------------------
@@ -212,6 +248,8 @@ void ORVCrashReportWindowController::windowDidLoad()
     }
     _ui->_nameTextField->setText(name.value_or(QString()));
     _ui->_emailTextField->setText(email.value_or(QString()));
+    _filledName = _ui->_nameTextField->text();
+    _filledEmail = _ui->_emailTextField->text();
     if (!_ui->_nameTextField->text().isEmpty() && !_ui->_emailTextField->text().isEmpty())
         _ui->_commentsTextView->setFocus();
     if (lookUpCard)
@@ -222,17 +260,19 @@ void ORVCrashReportWindowController::contactCardArrived(const std::optional<ORVC
 {
     if (card) {
         // The card replaces both, as the user's own card is the better
-        // source; what the user typed meanwhile stays.
+        // source; what the user typed meanwhile stays, and so does what the
+        // application put in the fields since the dialog filled them.
         QLineEdit *nameField = _ui->_nameTextField;
         QLineEdit *emailField = _ui->_emailTextField;
-        if (!nameField->isModified())
+        const bool nameUntouched = !nameField->isModified() && nameField->text() == _filledName;
+        const bool emailUntouched = !emailField->isModified() && emailField->text() == _filledEmail;
+        if (nameUntouched)
             nameField->setText(card->fullName);
-        if (!emailField->isModified())
+        if (emailUntouched)
             emailField->setText(card->emailAddresses.value(0));
         const QWidget *focused = focusWidget();
         if (!nameField->text().isEmpty() && !emailField->text().isEmpty() &&
-            (!focused || focused == nameField || focused == emailField) && !nameField->isModified() &&
-            !emailField->isModified())
+            (!focused || focused == nameField || focused == emailField) && nameUntouched && emailUntouched)
             _ui->_commentsTextView->setFocus();
     }
     emit contactCardLookupFinished();

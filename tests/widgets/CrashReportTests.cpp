@@ -206,6 +206,30 @@ TEST_F(CrashReportTest, WhatTheUserTypesBeforeTheCardArrivesStays)
     EXPECT_EQ(dialog.emailTextField()->text(), "typed@example.org");
 }
 
+TEST_F(CrashReportTest, WhatTheApplicationFillsInBeforeTheCardArrivesStays)
+{
+    AccountsService service;
+    ASSERT_TRUE(service.registered());
+    ORVCrashReportWindowController dialog(defaults);
+    QSignalSpy finished(&dialog, &ORVCrashReportWindowController::contactCardLookupFinished);
+    dialog.nameTextField()->setText("Filled In");
+    ASSERT_TRUE(finished.wait(10000));
+    EXPECT_EQ(dialog.nameTextField()->text(), "Filled In");
+    EXPECT_EQ(dialog.emailTextField()->text(), "ada@analytical.example");
+}
+
+TEST_F(CrashReportTest, ADialogClosedBeforeTheCardArrivesIsLeftAlone)
+{
+    // The service answers after the dialog is gone; nothing may reach it.
+    AccountsService service(500);
+    ASSERT_TRUE(service.registered());
+    {
+        ORVCrashReportWindowController dialog(defaults);
+    }
+    ASSERT_TRUE(waitUntil([&] { return service.lookups() == 1; }, 10s));
+    spinFor(700ms);
+}
+
 TEST_F(CrashReportTest, AServiceThatHangsDoesNotHoldUpTheDialog)
 {
     AccountsService service(3000);
