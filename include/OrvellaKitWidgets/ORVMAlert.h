@@ -58,7 +58,8 @@ public:
     // alert modally, posts the did-hide notification and answers
     // ORVAlertFirstButtonReturn + the index of the clicked button among
     // alertButtons(), or QMessageBox::exec()'s result for other buttons. An
-    // alert without buttons gets one, "OK" (1000).
+    // alert without buttons gets one, "OK" (1000), also when it was shown
+    // before it runs.
     int runModal();
     // The same as runModal(), so the alert announces itself however it runs.
     int exec() override;
@@ -74,6 +75,8 @@ protected:
     void showEvent(QShowEvent *event) override;
 
 private:
+    void addDefaultButtonIfNone();
+
     bool _skipsUserAttentionRequest = false;
     QList<QPushButton *> _alertButtons;
     bool _showsOnAllWorkspaces = false;

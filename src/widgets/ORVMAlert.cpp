@@ -8,6 +8,7 @@
 #include <QFontMetrics>
 #include <QLabel>
 #include <QPushButton>
+#include <QScreen>
 #include <QShowEvent>
 
 #include <algorithm>
@@ -132,8 +133,17 @@ QPushButton *ORVMAlert::addButtonWithTitle(const QString &title)
     return button;
 }
 
+void ORVMAlert::addDefaultButtonIfNone()
+{
+    // An alert given no button has one, "OK", answering as the first.
+    // QMessageBox would add its own Ok on showing, answering 1024.
+    if (_alertButtons.isEmpty() && buttons().isEmpty())
+        addButtonWithTitle(ORVLocalizedString("OK"));
+}
+
 void ORVMAlert::showEvent(QShowEvent *event)
 {
+    addDefaultButtonIfNone();
     // A platform alert sets its message in bold and gives the informative
     // text room for a few lines: QMessageBox would wrap it into a narrow
     // column (and break words at hyphens) to keep itself small.
@@ -148,16 +158,22 @@ void ORVMAlert::showEvent(QShowEvent *event)
         int longest = 0;
         for (const QString &paragraph : informative->text().split(QLatin1Char('\n')))
             longest = std::max(longest, metrics.horizontalAdvance(paragraph));
-        informative->setMinimumWidth(std::min(roomy, longest));
+        // QMessageBox holds itself to a share of the screen (all of a small
+        // one); the text's column stays inside it, beside the icon.
+        int room = roomy;
+        if (const QScreen *screen = this->screen()) {
+            const int width = screen->availableGeometry().width();
+            const int boxLimit = width <= 1024 ? width : std::min(width - 480, 1000);
+            room = std::min(room, boxLimit - 160);
+        }
+        informative->setMinimumWidth(std::max(0, std::min(room, longest)));
     }
     QMessageBox::showEvent(event);
 }
 
 int ORVMAlert::runModal()
 {
-    // An alert given no button has one, "OK", answering as the first.
-    if (_alertButtons.isEmpty() && buttons().isEmpty())
-        addButtonWithTitle(ORVLocalizedString("OK"));
+    addDefaultButtonIfNone();
     ORVNotificationCenter::defaultCenter().postNotificationName(ORVMAlertWillShowNotification,
                                                                 ORVNotificationObject(this));
     _showsOnAllWorkspaces = ORVWindowJoinAllWorkspaces(this);

@@ -315,6 +315,11 @@ void ORVPreferencesWindowController::selectPreferencesViewController(ORVPreferen
         return;
     }
     ORVPreferencesWindow *w = window();
+    // A fixed pane takes its own frame, and its window has no maximise
+    // button to leave a maximised state with: the window leaves it first.
+    const Qt::WindowStates filling = Qt::WindowMaximized | Qt::WindowFullScreen;
+    if (!viewController->canResize() && (w->windowState() & filling))
+        w->setWindowState(w->windowState() & ~filling);
 
     setSelectedItemIdentifier(QString::number(index));
     QPointer<ORVPreferencesViewController> previous = _activeViewController;

@@ -88,6 +88,18 @@ TEST(Alert, GivesItsInformativeTextRoomAndEmphasisesTheMessage)
         bare.alertButtons().first()->click();
     });
     EXPECT_EQ(bare.runModal(), ORVAlertFirstButtonReturn);
+
+    // Shown before it runs (QMessageBox would add its own Ok then), it
+    // still answers as its first button.
+    ORVMAlert shownFirst;
+    shownFirst.setMessageText("Saved");
+    shownFirst.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&shownFirst));
+    QTimer::singleShot(0, &shownFirst, [&] {
+        ASSERT_EQ(shownFirst.buttons().size(), 1);
+        shownFirst.buttons().first()->click();
+    });
+    EXPECT_EQ(shownFirst.runModal(), ORVAlertFirstButtonReturn);
 }
 
 TEST(BackgroundView, FillsItselfWithItsColour)

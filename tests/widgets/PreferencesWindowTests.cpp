@@ -245,6 +245,15 @@ TEST_F(PreferencesTest, PaneSizeLimitsFollowCanResize)
     controller->selectPreferencesViewController(fixed, false);
     EXPECT_FALSE(window->windowFlags() & Qt::WindowMaximizeButtonHint);
     EXPECT_TRUE(window->isVisible());
+
+    // Maximised, then a fixed pane: without a maximise button the window
+    // could not leave that state, so it leaves it itself.
+    controller->selectPreferencesViewController(resizable, false);
+    window->showMaximized();
+    ASSERT_TRUE(window->windowState() & Qt::WindowMaximized);
+    controller->selectPreferencesViewController(fixed, false);
+    EXPECT_FALSE(window->windowState() & Qt::WindowMaximized);
+    EXPECT_EQ(window->minimumSize(), window->maximumSize());
 }
 
 TEST_F(PreferencesTest, EscapeOrdersTheWindowOutAndCommitsEditing)
