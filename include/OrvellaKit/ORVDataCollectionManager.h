@@ -140,8 +140,8 @@ public:
     // meanwhile, by this process or another, and those sent meanwhile are
     // left as the file has them. A report is found by its storage form as
     // pendingItems() returned it (each given report stands for one element
-    // of the file); one no longer queued is passed over, and one due by
-    // `due` already is left as stored (a pass may be sending it). A null
+    // of the file); one no longer queued is passed over, and one due
+    // already is left as stored (a pass may be sending it). A null
     // error once written (or when there was nothing to change).
     ORVError updatePendingItems(const QList<ORVDataCollectionItem> &removed,
                                 const QList<ORVDataCollectionItem> &dueNow, const QDateTime &due);

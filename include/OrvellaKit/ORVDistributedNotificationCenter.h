@@ -21,6 +21,7 @@
 #include <vector>
 
 class ORVDistributedNotificationObserver;
+class ORVDistributedNotificationRelay;
 using ORVDistributedNotificationToken = std::shared_ptr<ORVDistributedNotificationObserver>;
 
 class ORVDistributedNotificationCenter {
@@ -38,8 +39,9 @@ public:
     // Calls `callback` for notifications of `name` whose object equals
     // `object` (a null object: any). Null when there is no session bus.
     ORVDistributedNotificationToken addObserverForName(const QString &name, const QString &object, Callback callback);
-    ORVDistributedNotificationToken addObserverForName(const QString &name, const QString &object,
-                                                       SenderCallback callback);
+    // addObserverForName() with the sender's process identifier.
+    ORVDistributedNotificationToken addObserverWithSenderForName(const QString &name, const QString &object,
+                                                                 SenderCallback callback);
     void removeObserver(const ORVDistributedNotificationToken &token);
     // Sends the notification; false when there is no session bus or the
     // signal could not be sent.
@@ -57,6 +59,7 @@ private:
     mutable std::mutex _lock;
     std::vector<ORVDistributedNotificationToken> _observers;
     bool _listening = false;
+    ORVDistributedNotificationRelay *_relay = nullptr;
 };
 
 class ORVDistributedNotificationObserver {

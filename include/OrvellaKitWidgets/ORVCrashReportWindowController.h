@@ -52,6 +52,7 @@ std::optional<ORVContactCard> ORVMeContactCard();
 // ORVMeContactCard() without blocking: asynchronous calls made on the
 // calling thread (the main one); `handler` runs there with the result,
 // once, unless `context` (an object of that thread) is gone by then.
+// Called on another thread, the calls are made on `context`'s.
 void ORVMeContactCardInBackground(QObject *context, std::function<void(std::optional<ORVContactCard>)> handler);
 // The full name of the passwd entry (the GECOS field up to its first comma,
 // "&" standing for the capitalised login name); empty when there is none.

@@ -492,6 +492,7 @@ ORVError ORVDataCollectionManager::updatePendingItems(const QList<ORVDataCollect
     for (const ORVDataCollectionItem &item : dueNow)
         toReschedule.append(item.JSONDictionaryForStorage());
     const double dueSeconds = referenceDate().msecsTo(due.toUTC()) / 1000.0;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
 
     FileLock lock(_fileLock, path);
     QString failure = lock.error();
@@ -522,10 +523,10 @@ ORVError ORVDataCollectionManager::updatePendingItems(const QList<ORVDataCollect
         if (const qsizetype at = toReschedule.indexOf(form); at >= 0) {
             toReschedule.removeAt(at);
             // A report due already keeps its stored form: a pass may be
-            // sending it now, and it finds the report by that form to take
-            // it out of the queue afterwards.
+            // sending it now (one takes what is due by its own clock), and
+            // it finds the report by that form to take it out afterwards.
             const std::optional<QDateTime> date = ORVDataCollectionItem::dateOf(object);
-            if (!date || *date > due) {
+            if (!date || *date > now) {
                 object.insert(kDateKey, dueSeconds);
                 changed = true;
             }

@@ -5,9 +5,7 @@
 
 #include <QCoreApplication>
 #include <QMetaObject>
-#include <QPointer>
 #include <QThread>
-#include <QTimer>
 
 namespace orv::detail {
 
@@ -26,33 +24,15 @@ inline void quitApplication()
 }
 
 // Ends the application whatever its windows say: every event loop of the
-// main thread ends, the ones running now and every one started later up to
-// and including the application's own exec(). A window that refuses to
-// close (an alert without an Escape button) cannot keep it running, and
+// main thread ends with 0, the ones running now and every one started later
+// up to and including the application's own exec(). A window that refuses
+// to close (an alert without an Escape button) cannot keep it running, and
 // neither can start-up code that goes on after a modal loop ended: exec()
 // clears a pending exit when it starts, so a single QCoreApplication::exit()
-// before it would be lost.
-inline void endApplication()
-{
-    QCoreApplication *app = QCoreApplication::instance();
-    if (!app)
-        return;
-    if (QThread::currentThread() != app->thread()) {
-        QMetaObject::invokeMethod(app, [] { endApplication(); }, Qt::QueuedConnection);
-        return;
-    }
-    static QPointer<QTimer> ender;
-    if (!ender) {
-        ender = new QTimer(app);
-        ender->setInterval(0);
-        QObject::connect(ender, &QTimer::timeout, app, [] { QCoreApplication::exit(0); });
-        // Once exec() has returned the application is tearing down; a loop
-        // it runs then (to flush a file, say) is left to finish.
-        QObject::connect(app, &QCoreApplication::aboutToQuit, ender, &QTimer::stop);
-        ender->start();
-    }
-    if (QThread::currentThread()->loopLevel() > 0)
-        QCoreApplication::exit(0);
-}
+// before it would be lost. Loops run once exec() has returned (in
+// aboutToQuit handlers, say) are left alone where Qt says so by emitting
+// aboutToQuit after exec()'s loop (Qt 6.4); a Qt that emits it from exit()
+// itself gives no such sign, and there they end at once too.
+void endApplication();
 
 } // namespace orv::detail

@@ -118,7 +118,7 @@ std::optional<SessionOfProcess> sessionOfProcess(const QString &procRoot, const 
 // it: the same user, the same session bus and, when both know it, the same
 // logind session. A process in another session is another desktop's (a
 // second seat, a remote login), even when the user's sessions share a bus.
-bool runsInThisSession(const QString &procRoot, const QString &pid)
+bool runsInThisSession(const QString &procRoot, const QString &pid, bool compareBus = true)
 {
     const std::optional<StatusOfProcess> status = statusOfProcess(procRoot, pid);
     if (!status || status->effectiveUser != ::geteuid())
@@ -128,7 +128,7 @@ bool runsInThisSession(const QString &procRoot, const QString &pid)
         return false;
     const QByteArray ownBus = sessionBusOf(qgetenv("DBUS_SESSION_BUS_ADDRESS"), qgetenv("XDG_RUNTIME_DIR"));
     const QByteArray ownLogin = qgetenv("XDG_SESSION_ID");
-    return session->bus == ownBus && (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
+    return (!compareBus || session->bus == ownBus) && (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
 }
 
 // This process's executable, as /proc shows it for another process.
@@ -270,17 +270,19 @@ bool ORVDuplicateAppManager::registerApp()
         ORVLogWarn("The main bundle has no identifier; other copies cannot ask this one to quit");
         return false;
     }
-    _observation = ORVDistributedNotificationCenter::defaultCenter().addObserverForName(
+    _observation = ORVDistributedNotificationCenter::defaultCenter().addObserverWithSenderForName(
         ORVDuplicateAppManagerQuitDuplicatesNotification, identifier,
         [this](const QString &, const QString &, qint64 sender) {
             // The message reaches every copy on the bus, and the user's
             // login sessions may share one: only a copy in this session
             // (one that would find this copy as its duplicate) is obeyed.
-            // This copy's own message is not for it.
+            // This copy's own message is not for it, and a sender the bus
+            // cannot name (gone already, or a message sent by hand) could
+            // be anywhere. The bus itself is shared by construction.
             if (sender == ::getpid())
                 return;
-            if (sender > 0 && !runsInThisSession(QStringLiteral("/proc"), QString::number(sender))) {
-                ORVLogInfo("A copy in another login session (process %ld) asked copies to quit; this one stays",
+            if (sender <= 0 || !runsInThisSession(QStringLiteral("/proc"), QString::number(sender), false)) {
+                ORVLogInfo("A process outside this login session (%ld) asked copies to quit; this one stays",
                            static_cast<long>(sender));
                 return;
             }

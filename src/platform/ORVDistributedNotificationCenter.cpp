@@ -65,9 +65,9 @@ ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverFor
         false);
 }
 
-ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverForName(const QString &name,
-                                                                                      const QString &object,
-                                                                                      SenderCallback callback)
+ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserverWithSenderForName(const QString &name,
+                                                                                                const QString &object,
+                                                                                                SenderCallback callback)
 {
     return addObserver(name, object, std::move(callback), true);
 }
@@ -93,6 +93,8 @@ ORVDistributedNotificationToken ORVDistributedNotificationCenter::addObserver(co
             relay->deleteLater();
             return nullptr;
         }
+        // Lives as long as the centre, which is never destroyed.
+        _relay = relay;
     }
     auto observer = std::make_shared<ORVDistributedNotificationObserver>();
     observer->_name = name;
@@ -145,13 +147,16 @@ void ORVDistributedNotificationCenter::deliver(const QString &name, const QStrin
     for (const auto &observer : observers) {
         if (observer->_name != name || (!observer->_object.isNull() && observer->_object != object))
             continue;
+        // Asked before the check below: the bus daemon's answer takes a
+        // moment, in which the observer may go.
+        const qint64 senderProcess = observer->_wantsSender ? senderProcessIdentifier() : -1;
         {
             // An observer removed by an earlier callback is not called.
             std::lock_guard guard(_lock);
             if (std::find(_observers.begin(), _observers.end(), observer) == _observers.end())
                 continue;
         }
-        observer->_callback(name, object, observer->_wantsSender ? senderProcessIdentifier() : -1);
+        observer->_callback(name, object, senderProcess);
     }
 }
 

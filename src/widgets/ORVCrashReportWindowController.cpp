@@ -12,6 +12,7 @@
 #include <QDialogButtonBox>
 #include <QLayout>
 #include <QPointer>
+#include <QThread>
 #include <QDBusArgument>
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -117,7 +118,14 @@ void ORVMeContactCardInBackground(QObject *context, std::function<void(std::opti
     // The calls belong to `context`: gone with it, they answer no one.
     QObject *owner = context ? context : QCoreApplication::instance();
     if (!owner)
+        return handler(std::nullopt); // no application, no event loop to wait in
+    if (QThread::currentThread() != owner->thread()) {
+        // The calls and their watchers live on the owner's thread.
+        QMetaObject::invokeMethod(owner, [owner, handler = std::move(handler)]() mutable {
+            ORVMeContactCardInBackground(owner, std::move(handler));
+        });
         return;
+    }
     auto finish = std::make_shared<std::function<void(std::optional<ORVContactCard>)>>(std::move(handler));
     const auto answerLater = [owner, finish] {
         QMetaObject::invokeMethod(owner, [finish] { (*finish)(std::nullopt); }, Qt::QueuedConnection);

@@ -141,6 +141,9 @@ ORVDataCollectionPendingItemsViewController::~ORVDataCollectionPendingItemsViewC
         viewDidDisappear();
     else
         applyAndSubmit();
+    // The table would still ask for cells while QWidget's destructor hides
+    // it, after this object's rows are gone.
+    _ui->_tableView->setModel(nullptr);
 }
 
 QTableView *ORVDataCollectionPendingItemsViewController::tableView() const
@@ -248,10 +251,12 @@ void ORVDataCollectionPendingItemsViewController::viewWillAppear()
 {
     _appeared = true;
     // Changes made while the view was not shown (in code, or kept from a
-    // disappearance that could not write them) go first; then the list is
-    // read anew, since what the view showed before (or read when it was
-    // made) may have been sent, deleted or joined by new reports since.
-    applyAndSubmit();
+    // disappearance that could not write them) go first, and a "Submit All
+    // Now" among them waits for the view to go, as submission waits; then
+    // the list is read anew, since what the view showed before (or read
+    // when it was made) may have been sent, deleted or joined by new
+    // reports since.
+    applyChanges();
     loadRows();
     _manager->beginSubmissionDisabled();
 }
