@@ -77,6 +77,18 @@ void answerAlerts(const QString &answer)
         });
 }
 
+// Runs an alert that refuses to be closed (no Escape button) until
+// something ends its loop.
+void runAlertWithoutEscape()
+{
+    ORVMAlert alert;
+    alert.setMessageText(QStringLiteral("Unsaved changes"));
+    alert.addButtonWithTitle(QStringLiteral("Save"));
+    alert.addButtonWithTitle(QStringLiteral("Keep Editing"));
+    QTimer::singleShot(100, [] { say("alert-open"); });
+    say(QStringLiteral("alert answered %1").arg(alert.runModal()));
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -105,24 +117,12 @@ int main(int argc, char **argv)
         say(manager->registerApp() ? "registered: yes" : "registered: no");
     } else if (mode == "wait-with-alert") {
         say(manager->registerApp() ? "registered: yes" : "registered: no");
-        QTimer::singleShot(0, &app, [] {
-            ORVMAlert alert;
-            alert.setMessageText(QStringLiteral("Unsaved changes"));
-            alert.addButtonWithTitle(QStringLiteral("Save"));
-            alert.addButtonWithTitle(QStringLiteral("Keep Editing"));
-            QTimer::singleShot(100, [] { say("alert-open"); });
-            say(QStringLiteral("alert answered %1").arg(alert.runModal()));
-        });
+        QTimer::singleShot(0, &app, [] { runAlertWithoutEscape(); });
     } else if (mode == "alert-before-exec") {
         // An alert run during start-up, before the event loop; start-up
         // goes on when it ends.
         say(manager->registerApp() ? "registered: yes" : "registered: no");
-        ORVMAlert alert;
-        alert.setMessageText(QStringLiteral("Welcome"));
-        alert.addButtonWithTitle(QStringLiteral("Continue"));
-        alert.addButtonWithTitle(QStringLiteral("Learn More"));
-        QTimer::singleShot(100, [] { say("alert-open"); });
-        say(QStringLiteral("alert answered %1").arg(alert.runModal()));
+        runAlertWithoutEscape();
         say("start-up goes on");
     } else if (mode == "quit-duplicates") {
         const bool quitWithoutAsking = arguments.value(2) == "1";
