@@ -492,7 +492,6 @@ ORVError ORVDataCollectionManager::updatePendingItems(const QList<ORVDataCollect
     for (const ORVDataCollectionItem &item : dueNow)
         toReschedule.append(item.JSONDictionaryForStorage());
     const double dueSeconds = referenceDate().msecsTo(due.toUTC()) / 1000.0;
-    const QDateTime now = QDateTime::currentDateTimeUtc();
 
     FileLock lock(_fileLock, path);
     QString failure = lock.error();
@@ -504,6 +503,9 @@ ORVError ORVDataCollectionManager::updatePendingItems(const QList<ORVDataCollect
         return writeFailedError(failure);
     if (!readable)
         return {}; // nothing in it was shown, so nothing to change
+    // Taken once the lock is held: a pass that began during the wait took
+    // what was due by then.
+    const QDateTime now = QDateTime::currentDateTimeUtc();
     QJsonArray updated;
     bool changed = false;
     for (const QJsonValue &element : std::as_const(array)) {

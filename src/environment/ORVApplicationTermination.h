@@ -30,9 +30,10 @@ inline void quitApplication()
 // neither can start-up code that goes on after a modal loop ended: exec()
 // clears a pending exit when it starts, so a single QCoreApplication::exit()
 // before it would be lost. Loops run once exec() has returned (in
-// aboutToQuit handlers, say) are left alone where Qt says so by emitting
-// aboutToQuit after exec()'s loop (Qt 6.4); a Qt that emits it from exit()
-// itself gives no such sign, and there they end at once too.
+// aboutToQuit handlers, say) are left alone, and a call made then does
+// nothing, where Qt says so by emitting aboutToQuit after exec()'s loop
+// (Qt 6.4); a Qt that emits it from exit() itself gives no such sign, and
+// there such loops end at once too.
 void endApplication();
 
 } // namespace orv::detail

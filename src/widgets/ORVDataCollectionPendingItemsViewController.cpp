@@ -225,7 +225,10 @@ void ORVDataCollectionPendingItemsViewController::applyAndSubmit()
     if (!applyChanges())
         return;
     if (std::exchange(_shouldSubmitItems, false)) {
-        _manager->submitPendingItemsWithCompletionHandler();
+        // Without an address the reports stay queued, now due, for the
+        // pass that follows once one is set.
+        if (!_manager->submissionURL().isEmpty())
+            _manager->submitPendingItemsWithCompletionHandler();
         _ui->_submitNowTextField->hide();
     }
 }
@@ -257,6 +260,10 @@ void ORVDataCollectionPendingItemsViewController::viewWillAppear()
     // when it was made) may have been sent, deleted or joined by new
     // reports since.
     applyChanges();
+    // A "Submit All Now" still to send covers what this showing lists: it
+    // is applied to those rows when the view goes.
+    if (_shouldSubmitItems)
+        _didModifyItems = true;
     loadRows();
     _manager->beginSubmissionDisabled();
 }

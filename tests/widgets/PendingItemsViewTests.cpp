@@ -57,6 +57,22 @@ protected:
             selection->select(view.tableView()->model()->index(row, 0),
                               QItemSelectionModel::Select | QItemSelectionModel::Rows);
     }
+    // Holds the queue's lock as another process would, past a write's
+    // bounded wait, until the descriptor is closed; -1 when it cannot.
+    int holdQueueLock()
+    {
+        const QByteArray lockPath = QFile::encodeName(queue->URLForPendingItems().toLocalFile() + ".lock");
+        const int holder = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        lock.l_len = 1;
+        if (holder >= 0 && ::fcntl(holder, F_OFD_SETLK, &lock) != 0) {
+            ::close(holder);
+            return -1;
+        }
+        return holder;
+    }
     std::shared_ptr<ORVDataCollectionManager> queue;
 };
 
@@ -182,15 +198,8 @@ TEST_F(PendingItemsTest, ADeleteThatCannotBeWrittenIsKeptAndWrittenNextTime)
     ORVDataCollectionPendingItemsViewController view(queue);
     view.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
-    // Another holder keeps the queue's lock past the write's bounded wait.
-    const QByteArray lockPath = QFile::encodeName(queue->URLForPendingItems().toLocalFile() + ".lock");
-    const int holder = ::open(lockPath.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const int holder = holdQueueLock();
     ASSERT_GE(holder, 0);
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_len = 1;
-    ASSERT_EQ(::fcntl(holder, F_OFD_SETLK, &lock), 0);
     select(view, {0});
     QTest::mouseClick(view.deleteButton(), Qt::LeftButton);
     view.hide();
@@ -205,6 +214,48 @@ TEST_F(PendingItemsTest, ADeleteThatCannotBeWrittenIsKeptAndWrittenNextTime)
     EXPECT_EQ(texts(view.rows()), rest);
     view.hide();
     EXPECT_EQ(texts(queue->pendingItems()), rest);
+}
+
+TEST_F(PendingItemsTest, ASubmitAllNowThatCannotBeWrittenCoversWhatTheNextShowingLists)
+{
+    ORVDataCollectionPendingItemsViewController view(queue);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    const int holder = holdQueueLock();
+    ASSERT_GE(holder, 0);
+    view.submitAllPendingItems();
+    view.hide();
+    ::close(holder);
+    EXPECT_TRUE(server.service().collectedReports().empty());
+
+    // Shown again with a report queued meanwhile: everything listed is due
+    // and goes out when the view goes.
+    ORVDataCollectionItem later;
+    later.text = QStringLiteral("Queued meanwhile");
+    ASSERT_FALSE(queue->addItem(later, 3600));
+    view.show();
+    ASSERT_EQ(view.rows().size(), 4);
+    for (int row = 0; row < 4; ++row)
+        EXPECT_EQ(view.objectValue("date", row), "Now");
+    view.hide();
+    ASSERT_TRUE(waitUntil([&] { return server.service().collectedReports().size() == 4; }, 10s));
+    EXPECT_TRUE(waitUntil([&] { return queue->pendingItems().isEmpty(); }, 10s));
+}
+
+TEST_F(PendingItemsTest, SubmitAllNowWithoutAnAddressLeavesTheReportsDueAndQueued)
+{
+    auto unaddressed = std::make_shared<ORVDataCollectionManager>();
+    {
+        // Destroyed while shown, as a parent window closing takes it along.
+        ORVDataCollectionPendingItemsViewController view(unaddressed);
+        view.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+        view.submitAllPendingItems();
+    }
+    const QList<ORVDataCollectionItem> items = queue->pendingItems();
+    ASSERT_EQ(items.size(), 3);
+    for (const ORVDataCollectionItem &item : items)
+        EXPECT_LT(QDateTime::currentDateTimeUtc().msecsTo(*item.scheduledSubmissionDate), 0);
 }
 
 TEST_F(PendingItemsTest, TheViewListsTheQueueAsItIsWhenShownAndKeepsChangesMadeWhileHidden)
