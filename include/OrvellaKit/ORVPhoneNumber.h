@@ -15,9 +15,12 @@
 //   " ext", " x", " passcode", " code" (tried in this order, case-insensitive,
 //   first occurrence) found at position 8 or later, and put back after the
 //   formatted number (one space in front for the spelled-out markers).
-// - The region is `region` (two letters), or the territory of the default
-//   QLocale when `region` is null or empty. In the US a leading three-
-//   character star code (such as *67) is kept in front.
+// - The region is `region` (two letters, either case), or the territory of
+//   the default QLocale when `region` is null or empty; the C locale has
+//   none, and a national number then comes back as given. In the US a
+//   leading three-character star code (such as *67) is kept in front of
+//   the formatted rest; when the rest is no number the whole text comes
+//   back as given.
 // - International form when forced, when the text starts with the number's
 //   country code or with "+", "011" or "010"; national otherwise. Inputs
 //   starting with "00" are always national, and outside the US so are those

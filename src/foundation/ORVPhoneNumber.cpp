@@ -51,11 +51,15 @@ Suffix splitSuffix(const QString &s)
     return {};
 }
 
+// The library knows regions in upper case only ("us" would be no region);
+// without one the default locale's territory, none for the C locale (whose
+// national numbers then come back as typed: no region is guessed).
 QString currentRegion(const QString &region)
 {
     if (!region.isEmpty())
-        return region;
-    return QLocale::territoryToCode(QLocale().territory());
+        return region.toUpper();
+    const QLocale::Territory territory = QLocale().territory();
+    return territory == QLocale::AnyTerritory ? QString() : QLocale::territoryToCode(territory);
 }
 
 // A formatter per region and thread, cleared before each use: making one
@@ -161,8 +165,10 @@ QString orv_formattedPhoneNumber(const QString &string, bool forceInternational,
         formatted += suffix.text;
     }
 
-    if (!prefix.isEmpty())
-        formatted = formatted.isEmpty() ? prefix : prefix + ORVStringWithFormat(" %@", formatted);
+    // A star code with nothing the library could read after it is no
+    // number: the user's text comes back as typed, not the code alone.
+    if (!prefix.isEmpty() && !formatted.isEmpty())
+        formatted = prefix + ORVStringWithFormat(" %@", formatted);
 
     return formatted.isEmpty() ? s : formatted;
 }

@@ -133,6 +133,26 @@ TEST(PhoneNumber, StarAndHashCodes)
     }
 }
 
+TEST(PhoneNumber, WhatTheUserTypedIsNeverLost)
+{
+    const QString number = national("6505551234", "US");
+    // Region codes in either case.
+    EXPECT_EQ(orv_formattedPhoneNumber("6505551234", false, "us"), number);
+    EXPECT_EQ(orv_formattedPhoneNumber("*676505551234", false, "us"), "*67 " + number);
+    EXPECT_EQ(orv_formattedPhoneNumber("0612345678", false, "it"), orv_formattedPhoneNumber("0612345678", false, "IT"));
+    // A star code followed by no number: the text as typed, not "*67".
+    for (const QString &input : {QString("*67 hello world"), QString("*67#########")})
+        EXPECT_EQ(orv_formattedPhoneNumber(input, false, "US"), input);
+
+    // The C locale names no territory: a national number comes back as
+    // typed, an international one is still formatted.
+    const QLocale saved;
+    QLocale::setDefault(QLocale::c());
+    EXPECT_EQ(orv_formattedPhoneNumber("6505551234"), "6505551234");
+    EXPECT_EQ(orv_formattedPhoneNumber("+16505551234"), international("+16505551234", "US"));
+    QLocale::setDefault(saved);
+}
+
 TEST(PhoneNumber, BadInputComesBackOrFormatted)
 {
     const QString digits(10000, u'7');
