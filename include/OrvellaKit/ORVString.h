@@ -79,9 +79,15 @@ QString orv_stringByRemovingCharactersInSet(const QString &string, const ORVChar
 // SHA-256 of the UTF-8 text as 64 upper-case hexadecimal characters; an
 // unpaired surrogate is hashed as "?". Short texts are converted in a shared
 // 512-byte buffer taken with a try-lock, so concurrent callers never wait.
-// (For literals write QStringLiteral("text"): a plain char literal also
-// converts to QByteArray.)
 QString orv_SHA256String(const QString &string);
+// A literal (or any NUL-terminated UTF-8 text) hashes as the same text: it
+// would otherwise convert to QString and to QByteArray alike, and a call
+// seeing both forms (ORVData.h declares the QByteArray one) would not
+// compile. Null hashes as the empty text.
+inline QString orv_SHA256String(const char *string)
+{
+    return orv_SHA256String(QString::fromUtf8(string));
+}
 
 // "<br>", "<br/>", "<br />" become line feeds and "&nbsp;" U+00A0; a tag that
 // is exactly "<div" starts a new line (unless the output is empty or already
@@ -118,12 +124,22 @@ void orv_enumerateComponentsSeparatedByCharacterSet(const QString &string, const
 void orv_enumerateSuffixesInSubstring(const QString &substring,
                                       const std::function<void(const QString &, bool *)> &block);
 
-// All suffixes of all words (separated by white space and newlines).
+// The longest suffix the two functions below hand out, in UTF-16 units: a
+// longer one is cut to its first 64 units (never inside a surrogate pair).
+// A suffix serves a prefix search, which its start answers; without the cut
+// one 4,000,000-character word made 100 suffixes of about 4,000,000
+// characters each (800 MB), and all of its suffixes about 8 TB.
+constexpr qsizetype ORVSuffixLengthLimit = 64;
+
+// All suffixes of all words (separated by white space and newlines), each
+// cut to ORVSuffixLengthLimit units: memory grows linearly with the longest
+// word (about 64 units per character of it), not with its square.
 QSet<QString> orv_suffixes(const QString &string);
 
 // The suffixes of the lower-cased text's words, each once, joined by single
-// spaces: at most 10,000 words and 100 suffixes per word contribute, so text
-// of any size costs bounded work beyond one pass over it.
+// spaces: at most 10,000 words and 100 suffixes per word contribute, each
+// cut to ORVSuffixLengthLimit units, so the result is at most 100 x 65
+// characters per word visited, and no larger than 100 times the text.
 QString orv_suffixStringForFTSIndex(const QString &string);
 
 // Whether the prefix's UTF-16 units occur in the string in order, not

@@ -231,15 +231,43 @@ void forEachWord(QStringView text, const ORVCharacterSet &separators, Visit visi
     }
 }
 
+// The first ORVSuffixLengthLimit UTF-16 units of a suffix, never cutting a
+// surrogate pair in two.
+QStringView boundedSuffix(QStringView suffix)
+{
+    if (suffix.size() <= ORVSuffixLengthLimit)
+        return suffix;
+    qsizetype cut = ORVSuffixLengthLimit;
+    if (suffix[cut - 1].isHighSurrogate())
+        --cut;
+    return suffix.first(cut);
+}
+
 // Hands the suffixes of `word` longest first to `visit` (answers whether to
 // go on).
 template<class Visit>
 void forEachSuffix(QStringView word, Visit visit)
 {
-    const std::vector<qsizetype> boundaries = composedBoundaries(word);
-    for (size_t k = 0; k + 1 < boundaries.size(); ++k)
-        if (!visit(word.mid(boundaries[k])))
+    // The boundaries are found as the walk goes: a caller that stops after
+    // a hundred suffixes of a huge word needs no list of all of them.
+    const qsizetype size = word.size();
+    const bool simple = std::all_of(word.begin(), word.end(), [](QChar c) { return c.unicode() < 0x300; }) &&
+                        !word.contains(u"\r\n");
+    if (simple) {
+        for (qsizetype start = 0; start < size; ++start)
+            if (!visit(word.mid(start)))
+                return;
+        return;
+    }
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, word.data(), static_cast<int>(size));
+    for (qsizetype start = 0; start < size;) {
+        if (!visit(word.mid(start)))
             return;
+        const qsizetype next = finder.toNextBoundary();
+        if (next <= start)
+            return;
+        start = next;
+    }
 }
 } // namespace
 
@@ -485,7 +513,7 @@ QSet<QString> orv_suffixes(const QString &string)
     suffixes.reserve(std::min<qsizetype>(string.size() * 5, qsizetype(1) << 20));
     forEachWord(string, ORVCharacterSet::whitespaceAndNewlineCharacterSet(), [&](QStringView word) {
         forEachSuffix(word, [&](QStringView suffix) {
-            suffixes.insert(suffix.toString());
+            suffixes.insert(boundedSuffix(suffix).toString());
             return true;
         });
         return true;
@@ -510,7 +538,7 @@ QString orv_suffixStringForFTSIndex(const QString &string)
             return ++wordCount <= 9999;
         int suffixCount = 0;
         forEachSuffix(word, [&](QStringView suffix) {
-            suffixes.insert(suffix);
+            suffixes.insert(boundedSuffix(suffix));
             return ++suffixCount <= 99;
         });
         return ++wordCount <= 9999;
@@ -603,15 +631,20 @@ QString orv_longestCommonSubstring(const QString &string, const QString &other, 
 {
     if (string.isEmpty() || other.isEmpty())
         return QStringLiteral("");
-    if (orv_stringByFoldingWithOptions(string, options) == orv_stringByFoldingWithOptions(other, options))
+    // Canonically equivalent texts are the same text to the user (an é
+    // typed precomposed or as e plus a combining accent): both are compared
+    // in the composed form.
+    const QString composedString = string.normalized(QString::NormalizationForm_C);
+    const QString composedOther = other.normalized(QString::NormalizationForm_C);
+    if (orv_stringByFoldingWithOptions(composedString, options) == orv_stringByFoldingWithOptions(composedOther, options))
         return string;
 
     // 250 characters keep every length and count within the table's 8-bit
     // cells. Folding can lengthen text (a decomposed syllable, a wide form),
     // so the folded text is held to the same limit.
     constexpr qsizetype kLimit = 250;
-    const QString a = orv_stringByFoldingWithOptions(string.left(kLimit), options).left(kLimit);
-    const QString b = orv_stringByFoldingWithOptions(other.left(kLimit), options).left(kLimit);
+    const QString a = orv_stringByFoldingWithOptions(composedString.left(kLimit), options).left(kLimit);
+    const QString b = orv_stringByFoldingWithOptions(composedOther.left(kLimit), options).left(kLimit);
 
     // Two rows of the (|a| + 1) x (|b| + 1) table are enough: each cell only
     // reads its upper-left neighbour.

@@ -1,5 +1,6 @@
 #include "OrvTestSupport.h"
 
+#include <OrvellaKit/ORVData.h>
 #include <OrvellaKit/ORVString.h>
 
 #include <QCryptographicHash>
@@ -69,6 +70,9 @@ TEST(StringHelpers, FileNamesRemovalAndHash)
     EXPECT_EQ(orv_stringByRemovingCharactersInSet("a" + kGrinning + "b", emoji), "ab") << "pair removed whole";
 
     EXPECT_EQ(orv_SHA256String(QString("")), "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
+    // A plain literal, with both the text and the bytes form in sight.
+    EXPECT_EQ(orv_SHA256String("abc"), "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
+    EXPECT_EQ(orv_SHA256String(u8"Grüße"), orv_SHA256String(QString::fromUtf8("Grüße")));
     // Short, multi-byte and long text (the scratch buffer and the heap path)
     // all hash their UTF-8 bytes.
     for (const QString &text : {QString("abc"), QString::fromUtf8("Grüße ") + kGrinning, QString(300, QChar(0x20AC)),
@@ -103,13 +107,16 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
     ftsWords.sort();
     EXPECT_EQ(ftsWords, (QStringList{"ab", "b"}));
 
+    // 150 different characters (without case, so lower-casing keeps them).
     QString longWord;
     for (int i = 0; i < 150; ++i)
-        longWord += QChar(u'a' + i % 26);
+        longWord += QChar(0x4E00 + i);
     const QStringList suffixes = orv_suffixStringForFTSIndex(longWord).split(' ');
     EXPECT_EQ(suffixes.size(), 100);
-    for (const QString &suffix : suffixes)
+    for (const QString &suffix : suffixes) {
         EXPECT_GE(suffix.size(), 51) << "only the 100 longest";
+        EXPECT_LE(suffix.size(), ORVSuffixLengthLimit) << "each cut to its first 64 units";
+    }
 
     // A word first met as the suffix of a longer word still adds its own
     // hundred suffixes; met again as a word, it adds nothing new.
@@ -133,6 +140,30 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
     const QString repeatedFTS = orv_suffixStringForFTSIndex(repeated.join(' '));
     EXPECT_TRUE(repeatedFTS.split(' ').contains("last"));
     EXPECT_FALSE(repeatedFTS.split(' ').contains("over"));
+
+    // One huge word costs what its cut suffixes cost, not their full
+    // lengths: a hundred of at most 64 units in the index string, and at
+    // most 64 units per character in the set of all suffixes.
+    QString huge;
+    quint32 seed = 1;
+    for (int i = 0; i < 1'000'000; ++i) {
+        seed = seed * 1103515245u + 12345u;
+        huge += QChar(u'a' + (seed >> 16) % 26);
+    }
+    EXPECT_LE(orv_suffixStringForFTSIndex(huge).size(), 100 * (ORVSuffixLengthLimit + 1));
+    const QSet<QString> all = orv_suffixes(huge.left(100'000));
+    qsizetype total = 0;
+    for (const QString &suffix : all) {
+        EXPECT_LE(suffix.size(), ORVSuffixLengthLimit);
+        total += suffix.size();
+    }
+    EXPECT_GT(all.size(), 99'000);
+    EXPECT_LE(total, 100'000 * ORVSuffixLengthLimit);
+    // The cut never splits a surrogate pair.
+    const QString paired = QString(63, u'a') + kGrinning + "b";
+    for (const QString &suffix : orv_suffixes(paired))
+        EXPECT_FALSE(suffix.back().isHighSurrogate()) << suffix.size();
+    EXPECT_TRUE(orv_suffixes(paired).contains(QString(63, u'a')));
 
     QStringList seen;
     orv_enumerateSuffixesInSubstring("abc", [&](const QString &suffix, bool *stop) {
@@ -177,6 +208,13 @@ TEST(Searches, LongestCommonSubstring)
     EXPECT_EQ(orv_longestCommonSubstring("", "abc"), "");
     EXPECT_EQ(orv_longestCommonSubstring("Hello", "hello", ORVCaseInsensitiveSearch), "Hello");
     EXPECT_EQ(orv_longestCommonSubstring("xxHELLOyy", "hello", ORVCaseInsensitiveSearch), "hello") << "folded form";
+    // Canonically equivalent text is equal text: a precomposed é and an e
+    // with a combining acute accent.
+    const QString composed = QString::fromUtf8("caf\u00e9");
+    const QString decomposed = QString::fromUtf8("cafe\u0301");
+    EXPECT_EQ(orv_longestCommonSubstring(composed, decomposed), composed);
+    EXPECT_EQ(orv_longestCommonSubstring("x" + composed + "y", "z" + decomposed + "w").normalized(QString::NormalizationForm_C),
+              composed);
     EXPECT_EQ(orv_longestCommonSubstring(QString::fromUtf8("crème brûlée"), "creme", ORVDiacriticInsensitiveSearch),
               "creme");
     EXPECT_EQ(orv_longestCommonSubstring(QString::fromUtf8("ＡＢＣd"), "abc",
