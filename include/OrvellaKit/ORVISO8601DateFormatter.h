@@ -40,7 +40,11 @@ public:
     QTimeZone timeZone() const { return _timeZone; }
     void setTimeZone(const QTimeZone &zone) { _timeZone = zone.isValid() ? zone : QTimeZone::utc(); }
 
-    // "2024-03-01T12:00:00Z" with the defaults; "" for an invalid date.
+    // "2024-03-01T12:00:00Z" with the defaults; "" for an invalid date, for
+    // a year (or week-based year) outside 1 ... 9999 when the year is
+    // written, and for a zone offset with seconds (local mean time, such as
+    // Amsterdam's +00:19:32 before 1937) when the zone is written: neither
+    // has a form in this layout that reads back as the same date.
     QString stringFromDate(const QDateTime &date) const;
     // Nothing when the text does not match the configured options exactly.
     std::optional<QDateTime> dateFromString(const QString &string) const;

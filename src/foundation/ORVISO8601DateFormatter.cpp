@@ -69,6 +69,20 @@ QString ORVISO8601DateFormatter::stringFromDate(const QDateTime &date) const
     const QDateTime local = date.toTimeZone(_timeZone);
     const QDate day = local.date();
     const QTime time = local.time();
+    // What the layout cannot say is refused, never printed wrongly: a year
+    // outside 1 ... 9999 has no four-digit form (a negative one printed
+    // "00-5"), and an offset with seconds (local mean time, Amsterdam's
+    // +00:19:32 before 1937) has no hour-minute form that reads back as the
+    // same instant.
+    if (o & ORVISO8601DateFormatWithYear) {
+        int weekYear = day.year();
+        if (o & ORVISO8601DateFormatWithWeekOfYear)
+            day.weekNumber(&weekYear);
+        if (weekYear < 1 || weekYear > 9999)
+            return QStringLiteral("");
+    }
+    if ((o & ORVISO8601DateFormatWithTimeZone) && local.offsetFromUtc() % 60 != 0)
+        return QStringLiteral("");
     const bool dash = o & ORVISO8601DateFormatWithDashSeparatorInDate;
     const bool colon = o & ORVISO8601DateFormatWithColonSeparatorInTime;
 

@@ -2,6 +2,7 @@
 
 #include <QJsonDocument>
 #include <QJsonParseError>
+#include <QStringDecoder>
 #include <QTimeZone>
 
 #include <cmath>
@@ -81,16 +82,124 @@ void setError(ORVError *error, ORVError value)
         *error = std::move(value);
 }
 
-ORVError parseError(const QJsonParseError &parseError, qsizetype offsetCorrection)
+ORVError corruptError(const QString &reason, qsizetype offset)
 {
-    const qsizetype offset = std::max<qsizetype>(0, parseError.offset - offsetCorrection);
     return ORVError(ORVCocoaErrorDomain, ORVPropertyListReadCorruptError,
                     {{ORVLocalizedDescriptionKey,
                       QStringLiteral("The data couldn\u2019t be read because it isn\u2019t in the correct format.")},
-                     {QStringLiteral("NSDebugDescription"),
-                      QStringLiteral("%1 around character %2.").arg(parseError.errorString()).arg(offset)},
+                     {QStringLiteral("NSDebugDescription"), QStringLiteral("%1 around character %2.").arg(reason).arg(offset)},
                      {QStringLiteral("NSJSONSerializationErrorIndex"), offset}});
 }
+
+ORVError parseError(const QJsonParseError &parseError, qsizetype offsetCorrection)
+{
+    return corruptError(parseError.errorString(), std::max<qsizetype>(0, parseError.offset - offsetCorrection));
+}
+
+// JSON text as UTF-8, whatever Unicode encoding it came in: a byte-order
+// mark names it, or else the pattern of zero bytes among the first four
+// (JSON text starts with two ASCII characters, or one for a fragment). A
+// UTF-8 mark is dropped. False, with the error, when the text does not
+// decode.
+bool toUTF8(const QByteArray &data, QByteArray *utf8, ORVError *error)
+{
+    const auto byte = [&](qsizetype i) { return i < data.size() ? static_cast<uchar>(data[i]) : -1; };
+    std::optional<QStringConverter::Encoding> encoding;
+    qsizetype mark = 0;
+    if (byte(0) == 0xEF && byte(1) == 0xBB && byte(2) == 0xBF) {
+        *utf8 = data.mid(3);
+        return true;
+    }
+    if (byte(0) == 0x00 && byte(1) == 0x00 && byte(2) == 0xFE && byte(3) == 0xFF)
+        encoding = QStringConverter::Utf32BE, mark = 4;
+    else if (byte(0) == 0xFF && byte(1) == 0xFE && byte(2) == 0x00 && byte(3) == 0x00)
+        encoding = QStringConverter::Utf32LE, mark = 4;
+    else if (byte(0) == 0xFE && byte(1) == 0xFF)
+        encoding = QStringConverter::Utf16BE, mark = 2;
+    else if (byte(0) == 0xFF && byte(1) == 0xFE)
+        encoding = QStringConverter::Utf16LE, mark = 2;
+    else if (data.size() >= 4 && byte(0) == 0 && byte(1) == 0 && byte(2) == 0 && byte(3) != 0)
+        encoding = QStringConverter::Utf32BE;
+    else if (data.size() >= 4 && byte(0) != 0 && byte(1) == 0 && byte(2) == 0 && byte(3) == 0)
+        encoding = QStringConverter::Utf32LE;
+    else if (data.size() >= 2 && byte(0) == 0 && byte(1) != 0)
+        encoding = QStringConverter::Utf16BE;
+    else if (data.size() >= 2 && byte(0) != 0 && byte(1) == 0)
+        encoding = QStringConverter::Utf16LE;
+    if (!encoding) {
+        *utf8 = data;
+        return true;
+    }
+    QStringDecoder decoder(*encoding, QStringConverter::Flag::Stateless);
+    const QString text = decoder.decode(QByteArrayView(data).sliced(mark));
+    if (decoder.hasError()) {
+        *error = corruptError(QStringLiteral("Unable to convert data to a string"), 0);
+        return false;
+    }
+    *utf8 = text.toUtf8();
+    return true;
+}
+
+// Where the first number outside strings breaks JSON's number grammar
+// (-?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?); -1 when none does. Qt's
+// reader takes ".5" and "1." as numbers, which JSON does not.
+qsizetype badNumberAt(const QByteArray &text)
+{
+    const char *c = text.constData();
+    const qsizetype size = text.size();
+    const auto digit = [&](qsizetype i) { return i < size && c[i] >= '0' && c[i] <= '9'; };
+    bool inString = false;
+    for (qsizetype i = 0; i < size; ++i) {
+        const char ch = c[i];
+        if (inString) {
+            if (ch == '\\')
+                ++i;
+            else if (ch == '"')
+                inString = false;
+            continue;
+        }
+        if (ch == '"') {
+            inString = true;
+            continue;
+        }
+        if (ch != '-' && ch != '.' && !(ch >= '0' && ch <= '9'))
+            continue;
+        const qsizetype start = i;
+        if (c[i] == '-')
+            ++i;
+        if (!digit(i))
+            return start;
+        if (c[i] == '0')
+            ++i;
+        else
+            while (digit(i))
+                ++i;
+        if (i < size && c[i] == '.') {
+            ++i;
+            if (!digit(i))
+                return start;
+            while (digit(i))
+                ++i;
+        }
+        if (i < size && (c[i] == 'e' || c[i] == 'E')) {
+            ++i;
+            if (i < size && (c[i] == '+' || c[i] == '-'))
+                ++i;
+            if (!digit(i))
+                return start;
+            while (digit(i))
+                ++i;
+        }
+        // What follows a number is a separator for the parser to judge; a
+        // stray digit or point right after one ("01", "1.2.3") is not.
+        if (i < size && (c[i] == '.' || (c[i] >= '0' && c[i] <= '9')))
+            return start;
+        --i;
+    }
+    return -1;
+}
+
+std::optional<QJsonValue> parseUTF8(const QByteArray &data, quint32 options, ORVError *error);
 
 } // namespace
 
@@ -103,6 +212,25 @@ std::optional<QJsonValue> orv_JSONObjectWithData(const QByteArray &data, quint32
                                                   "orv_JSONObjectWithData:error:]")}}));
         return std::nullopt;
     }
+    QByteArray text;
+    ORVError encodingError;
+    if (!toUTF8(data, &text, &encodingError)) {
+        setError(error, encodingError);
+        return std::nullopt;
+    }
+    if (const qsizetype bad = badNumberAt(text); bad >= 0) {
+        setError(error, corruptError(QStringLiteral("Invalid number"), bad));
+        return std::nullopt;
+    }
+    return parseUTF8(text, options, error);
+}
+
+namespace {
+
+// Qt's reader on UTF-8 text, a top-level scalar read inside an array when
+// fragments are allowed.
+std::optional<QJsonValue> parseUTF8(const QByteArray &data, quint32 options, ORVError *error)
+{
     QJsonParseError result{};
     if (options & ORVJSONReadingFragmentsAllowed) {
         // Qt's reader wants an object or an array at the top; a scalar is read
@@ -132,6 +260,8 @@ std::optional<QJsonValue> orv_JSONObjectWithData(const QByteArray &data, quint32
         return QJsonValue(document.object());
     return QJsonValue(document.array());
 }
+
+} // namespace
 
 std::optional<QJsonValue> orv_JSONObjectWithData(const QByteArray &data, ORVError *error)
 {

@@ -4,6 +4,7 @@
 #include <OrvellaKit/ORVJSON.h>
 
 #include <QJsonDocument>
+#include <QStringEncoder>
 #include <QTimeZone>
 
 #include <thread>
@@ -97,6 +98,43 @@ TEST(JSONParsing, MalformedInputKeepsTheParserError)
     EXPECT_TRUE(error);
 }
 
+TEST(JSONParsing, EveryUnicodeEncodingAndOnlyJSONNumbers)
+{
+    const QString text = QString::fromUtf8("{\"name\":\"Gr\u00fc\u00dfe \U0001F600\",\"n\":[1,-2.5e3,0.5]}");
+    const auto expected = orv_JSONDictionaryWithData(text.toUtf8());
+    ASSERT_TRUE(expected);
+    using Encoding = QStringConverter::Encoding;
+    for (const Encoding encoding : {Encoding::Utf8, Encoding::Utf16LE, Encoding::Utf16BE, Encoding::Utf32LE,
+                                    Encoding::Utf32BE}) {
+        for (const bool mark : {false, true}) {
+            QStringEncoder encoder(encoding, mark ? QStringConverter::Flag::WriteBom : QStringConverter::Flag::Default);
+            const QByteArray bytes(encoder.encode(text));
+            ORVError error;
+            EXPECT_EQ(orv_JSONDictionaryWithData(bytes, &error), expected)
+                << QStringConverter::nameForEncoding(encoding) << (mark ? " with mark" : "") << " "
+                << qPrintable(error.description());
+        }
+    }
+    QStringEncoder utf16(Encoding::Utf16LE);
+    EXPECT_EQ(orv_JSONObjectWithData(QByteArray(utf16.encode(QStringLiteral("7"))), ORVJSONReadingFragmentsAllowed, nullptr),
+              QJsonValue(7));
+    // A UTF-16 text cut in the middle of a character does not decode.
+    ORVError cut;
+    QStringEncoder again(Encoding::Utf16LE);
+    EXPECT_EQ(orv_JSONObjectWithData(QByteArray(again.encode(QStringLiteral("[1]"))).chopped(1), &cut), std::nullopt);
+    EXPECT_EQ(cut.code(), ORVPropertyListReadCorruptError);
+
+    // Numbers as JSON writes them, and nothing else.
+    for (const QByteArray &bad : {QByteArray("[.5]"), QByteArray("[1.]"), QByteArray("[01]"), QByteArray("[-]"),
+                                  QByteArray("[1e]"), QByteArray("[+1]"), QByteArray("[1.2.3]"), QByteArray("[-.5]")}) {
+        ORVError error;
+        EXPECT_EQ(orv_JSONObjectWithData(bad, &error), std::nullopt) << bad.constData();
+        EXPECT_EQ(error.code(), ORVPropertyListReadCorruptError) << bad.constData();
+    }
+    EXPECT_EQ(orv_JSONObjectWithData("[0.5,-0,1E+2,10,\"1. and .5\"]"),
+              QJsonValue(QJsonArray{0.5, -0.0, 100, 10, "1. and .5"}));
+}
+
 TEST(JSONParsing, FragmentsOnlyWhenAllowed)
 {
     EXPECT_EQ(orv_JSONObjectWithData("42"), std::nullopt);
@@ -139,6 +177,39 @@ TEST(DateFormatters, ParsingIsStrictAboutTheOptions)
         EXPECT_EQ(plain.dateFromString(bad), std::nullopt) << bad;
     }
     EXPECT_EQ(plain.stringFromDate(QDateTime()), "");
+}
+
+TEST(DateFormatters, WhatTheLayoutCannotSayIsRefusedAndTheRestReadsBack)
+{
+    ORVISO8601DateFormatter formatter;
+    for (const QDate &day : {QDate(-5, 1, 1), QDate(-1, 12, 31), QDate(10000, 1, 1)})
+        EXPECT_EQ(formatter.stringFromDate(QDateTime(day, QTime(0, 0), QTimeZone::utc())), "") << day.year();
+    for (const QDateTime &date : {QDateTime(QDate(1, 1, 1), QTime(0, 0), QTimeZone::utc()),
+                                  QDateTime(QDate(9999, 12, 31), QTime(23, 59, 59), QTimeZone::utc())}) {
+        const QString text = formatter.stringFromDate(date);
+        EXPECT_EQ(formatter.dateFromString(text), date) << qPrintable(text);
+    }
+    EXPECT_EQ(formatter.stringFromDate(QDateTime(QDate(1, 1, 1), QTime(0, 0), QTimeZone::utc())),
+              "0001-01-01T00:00:00Z");
+
+    // Local mean time: Amsterdam was +00:19:32 in 1850.
+    ORVISO8601DateFormatter amsterdam;
+    const QTimeZone zone("Europe/Amsterdam");
+    ASSERT_TRUE(zone.isValid());
+    amsterdam.setTimeZone(zone);
+    const QDateTime in1850(QDate(1850, 6, 1), QTime(12, 0), QTimeZone::utc());
+    if (in1850.toTimeZone(zone).offsetFromUtc() % 60 == 0)
+        GTEST_SKIP() << "this time-zone data has no local mean time for 1850";
+    EXPECT_EQ(amsterdam.stringFromDate(in1850), "");
+    // Without the zone in the text, the local time is all it says.
+    amsterdam.setFormatOptions(ORVISO8601DateFormatWithFullDate | ORVISO8601DateFormatWithTime |
+                               ORVISO8601DateFormatWithColonSeparatorInTime);
+    EXPECT_EQ(amsterdam.stringFromDate(in1850), "1850-06-01T12:19:32");
+    // A whole-minute offset reads back as the same instant.
+    amsterdam.setFormatOptions(ORVISO8601DateFormatWithInternetDateTime);
+    const QDateTime in2024(QDate(2024, 3, 1), QTime(12, 0), QTimeZone::utc());
+    EXPECT_EQ(amsterdam.stringFromDate(in2024), "2024-03-01T13:00:00+01:00");
+    EXPECT_EQ(amsterdam.dateFromString("2024-03-01T13:00:00+01:00"), in2024);
 }
 
 TEST(DateFormatters, OtherOptionCombinations)
