@@ -86,8 +86,12 @@ public:
     void didFinishExecution();
 
 private:
+    // The block of blockOperationWithBlock(), taken out once: to run it, or
+    // to drop it when the operation can no longer start.
+    std::function<void(const std::shared_ptr<ORVBlockOperation> &)> takeBlock();
+
     ExecutionHandler _executionHandler;
     mutable ORVUnfairLock _executionHandlerLock;
-    // The block of blockOperationWithBlock(); only its handler touches it.
+    // Guarded by _executionHandlerLock.
     std::function<void(const std::shared_ptr<ORVBlockOperation> &)> _block;
 };

@@ -7,6 +7,10 @@
 
 extern const QString ORVOrvellaKitErrorDomain; // "com.orvella.orvellakit"
 constexpr qint64 ORVUserCancelledErrorCode = 3072;
+// The multiplexer was given an item that had been started already (its
+// completion belongs to someone else), or whose start() threw: the key is
+// released and every handler waiting for it gets this error.
+constexpr qint64 ORVWorkItemMultiplexerItemNotStartableErrorCode = 3073;
 
 // "com.orvella.orvellakit" 3072, no user info.
 ORVError orv_orvellaKitCancelError();

@@ -6,8 +6,15 @@
 // one task each on that item's completion queue, after the item's own
 // completion. Work without a key starts directly.
 //
+// A key is never left waiting: when the first request's item was started
+// already (its completion is someone else's) or its start() throws, the key
+// is released at once and every handler recorded for it runs with the
+// error "com.orvella.orvellakit" ORVWorkItemMultiplexerItemNotStartableErrorCode
+// (what start() threw is rethrown to the first caller afterwards).
+//
 // Key is any type that QHash can hash and compare (QString by default).
 
+#include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVWorkItem.h>
 
 #include <QHash>
@@ -50,17 +57,26 @@ public:
         }
         if (!isNew)
             return;
+        // An item started elsewhere would never call back here.
+        if (item->state() != ORVWorkItemStateNotStarted)
+            return finish(_shared, *key, notStartableError(QStringLiteral("was started already")), item);
         // The handler holds the shared state, so a multiplexer destroyed
-        // while work runs still delivers to its waiters.
-        item->setCompletionHandler([shared = _shared, key = *key](const std::shared_ptr<ORVWorkItem> &,
+        // while work runs still delivers to its waiters. It finishes the key
+        // only while this item is the one recorded for it.
+        item->setCompletionHandler([shared = _shared, key = *key](const std::shared_ptr<ORVWorkItem> &finished,
                                                                   const ORVError &error) {
-            finish(shared, key, error);
+            finish(shared, key, error, finished);
         });
-        item->start();
+        try {
+            item->start();
+        } catch (...) {
+            finish(_shared, *key, notStartableError(QStringLiteral("threw from start()")), item);
+            throw;
+        }
     }
 
     // Called by the running item's own completion.
-    void finishWorkItemForKey(const Key &key, const ORVError &error) { finish(_shared, key, error); }
+    void finishWorkItemForKey(const Key &key, const ORVError &error) { finish(_shared, key, error, nullptr); }
 
     // Keys with a running item.
     qsizetype runningCount() const
@@ -76,12 +92,25 @@ private:
         QHash<Key, QList<CompletionHandler>> completionHandlers;
     };
 
-    static void finish(const std::shared_ptr<Shared> &shared, const Key &key, const ORVError &error)
+    static ORVError notStartableError(const QString &what)
+    {
+        return ORVError(ORVOrvellaKitErrorDomain, ORVWorkItemMultiplexerItemNotStartableErrorCode,
+                        {{ORVLocalizedDescriptionKey, QStringLiteral("The work item %1.").arg(what)}});
+    }
+
+    // Ends the key's waiting: its handlers get the recorded item and the
+    // error. With `expected`, only while that item is the one recorded (a
+    // late completion must not end a later item's key).
+    static void finish(const std::shared_ptr<Shared> &shared, const Key &key, const ORVError &error,
+                       const std::shared_ptr<ORVWorkItem> &expected)
     {
         std::shared_ptr<ORVWorkItem> item;
         QList<CompletionHandler> handlers;
         {
             std::lock_guard lock(shared->lock);
+            const auto recorded = shared->operations.constFind(key);
+            if (recorded == shared->operations.constEnd() || (expected && *recorded != expected))
+                return;
             item = shared->operations.take(key);
             handlers = shared->completionHandlers.take(key);
         }

@@ -145,7 +145,7 @@ ORVBlockOperation::blockOperationWithBlock(std::function<void(const std::shared_
     // no allocation of its own.
     operation->_block = std::move(block);
     operation->setExecutionHandler([](const std::shared_ptr<ORVBlockOperation> &op) {
-        if (auto block = std::exchange(op->_block, nullptr))
+        if (auto block = op->takeBlock())
             block(op);
         return true;
     });
@@ -179,13 +179,27 @@ void ORVBlockOperation::start()
     if (!ORVMethodParameterAssert(static_cast<bool>(handler), "executionHandler != nil", "start",
                                   "ORVBlockOperation", "ORVBlockOperation"))
         return;
-    if (!tryStart())
+    if (!tryStart()) {
+        // Cancelled (or started) already: the block never runs, so what it
+        // captures goes now; a block holding its own operation would
+        // otherwise keep both alive for good.
+        takeBlock();
         return;
+    }
     auto self = std::static_pointer_cast<ORVBlockOperation>(weak_from_this().lock());
     if (!self)
         self = std::shared_ptr<ORVBlockOperation>(std::shared_ptr<void>(), this);
     if (handler(self))
         didFinishExecution();
+}
+
+std::function<void(const std::shared_ptr<ORVBlockOperation> &)> ORVBlockOperation::takeBlock()
+{
+    // Taken under the handler's lock, since start() may run on one thread
+    // while another one starts or cancels the same operation; the caller
+    // lets go of the captures outside it.
+    std::lock_guard lock(_executionHandlerLock);
+    return std::exchange(_block, nullptr);
 }
 
 void ORVBlockOperation::didFinishExecution()

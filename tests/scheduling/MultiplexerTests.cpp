@@ -4,6 +4,7 @@
 #include <OrvellaKit/ORVWorkItemMultiplexer.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 
 using namespace orv::test;
@@ -26,6 +27,52 @@ public:
     std::atomic<int> starts = 0;
 };
 } // namespace
+
+// An item whose start() throws.
+class ThrowingItem : public ORVWorkItem {
+public:
+    void start() override { throw std::runtime_error("no start"); }
+};
+
+TEST(Multiplexer, AKeyIsReleasedWhenItsItemCannotRun)
+{
+    auto queue = ORVDispatchQueue::create("test.mux.release");
+    ORVWorkItemMultiplexer<QString> multiplexer;
+    std::atomic<int> answered = 0;
+    std::atomic<qint64> code = 0;
+    auto handler = [&](const std::shared_ptr<ORVWorkItem> &, const ORVError &error) {
+        code = error.code();
+        ++answered;
+    };
+
+    // Started already by someone else: its completion never comes here.
+    auto started = std::make_shared<ManualItem>(queue);
+    started->start();
+    multiplexer.startWorkItemIfNeeded(started, QStringLiteral("k"), handler);
+    EXPECT_EQ(multiplexer.runningCount(), 0);
+    ASSERT_TRUE(waitUntil([&] { return answered.load() == 1; }));
+    EXPECT_EQ(code.load(), ORVWorkItemMultiplexerItemNotStartableErrorCode);
+    started->complete();
+
+    // A start() that throws: the caller sees the exception, the handler
+    // its error, and the key is free again.
+    auto throwing = std::make_shared<ThrowingItem>();
+    throwing->setCompletionQueue(queue);
+    EXPECT_THROW(multiplexer.startWorkItemIfNeeded(throwing, QStringLiteral("k"), handler), std::runtime_error);
+    EXPECT_EQ(multiplexer.runningCount(), 0);
+    ASSERT_TRUE(waitUntil([&] { return answered.load() == 2; }));
+    EXPECT_EQ(code.load(), ORVWorkItemMultiplexerItemNotStartableErrorCode);
+
+    // The next request runs an item of its own.
+    auto next = std::make_shared<ManualItem>(queue);
+    multiplexer.startWorkItemIfNeeded(next, QStringLiteral("k"), handler);
+    EXPECT_EQ(next->starts.load(), 1);
+    next->complete();
+    ASSERT_TRUE(waitUntil([&] { return answered.load() == 3; }));
+    EXPECT_EQ(code.load(), 0);
+    spinFor(100ms);
+    EXPECT_EQ(answered.load(), 3);
+}
 
 TEST(Multiplexer, JoinsRequestsForARunningKey)
 {

@@ -92,6 +92,19 @@ TEST(AsyncOperation, CancelBeforeStart)
                                                "will isExecuting e0f0", "did isExecuting e0f0",
                                                "will isFinished e0f0", "did isFinished e0f1"}));
 
+    // A block that holds its own operation lets go of it when a cancelled
+    // operation is started, so neither stays alive.
+    std::weak_ptr<ORVBlockOperation> weak;
+    {
+        auto self = std::make_shared<std::shared_ptr<ORVBlockOperation>>();
+        auto holding = ORVBlockOperation::blockOperationWithBlock([self](const auto &) { FAIL() << "must not run"; });
+        *self = holding;
+        weak = holding;
+        holding->cancel();
+        holding->start();
+    }
+    EXPECT_TRUE(weak.expired());
+
     // A queue given an operation cancelled while waiting drops it.
     ORVOperationQueue queue;
     queue.setSuspended(true);
