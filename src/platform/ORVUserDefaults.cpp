@@ -33,6 +33,47 @@ QString memoryKey(const QString &name)
     return QStringLiteral("memory:") + name;
 }
 
+// Whether a value as written and a value as read back are one setting: the
+// INI file keeps numbers and booleans as text and reads a list back as a
+// QStringList, whatever list it was given.
+bool sameSetting(const QVariant &written, const QVariant &read)
+{
+    if (written == read)
+        return true;
+    const auto isList = [](const QVariant &value) {
+        return value.typeId() == QMetaType::QVariantList || value.typeId() == QMetaType::QStringList;
+    };
+    if (isList(written) && isList(read)) {
+        const QVariantList a = written.toList();
+        const QVariantList b = read.toList();
+        if (a.size() != b.size())
+            return false;
+        for (qsizetype i = 0; i < a.size(); ++i) {
+            if (!sameSetting(a.at(i), b.at(i)))
+                return false;
+        }
+        return true;
+    }
+    const auto isText = [](const QVariant &value) { return value.typeId() == QMetaType::QString; };
+    const auto isScalar = [&](const QVariant &value) {
+        switch (value.typeId()) {
+        case QMetaType::QString:
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Bool:
+        case QMetaType::Double:
+        case QMetaType::Float:
+            return true;
+        default:
+            return false;
+        }
+    };
+    return (isText(written) || isText(read)) && isScalar(written) && isScalar(read) &&
+           written.toString() == read.toString();
+}
+
 QVariantMap readAll(QSettings &settings)
 {
     QVariantMap values;
@@ -256,7 +297,7 @@ void ORVUserDefaults::fileMayHaveChanged()
         _settings->sync();
         const QVariantMap now = readAll(*_settings);
         for (auto it = now.begin(); it != now.end(); ++it) {
-            if (_snapshot.value(it.key()) != it.value())
+            if (!sameSetting(_snapshot.value(it.key()), it.value()))
                 changed << it.key();
         }
         for (auto it = _snapshot.begin(); it != _snapshot.end(); ++it) {

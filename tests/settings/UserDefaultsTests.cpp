@@ -106,11 +106,17 @@ TEST_F(UserDefaultsTest, WritesOfAnotherProcessAreReportedOnce)
 {
     auto store = ORVUserDefaults::defaultsWithSuiteName("shared");
     store->setString("before", "Untouched");
+    // Lists read back from the file in another form (text, QStringList)
+    // than they were given in; they are still the same settings.
+    store->setObject(QVariantList{QStringLiteral("a"), 2, true}, "List");
+    store->setObject(QStringList{"x", "y"}, "Names");
     ASSERT_TRUE(store->synchronize());
     Heard heard;
     Heard untouched;
     store->addObserver(&heard, "Color", heard.handler());
     store->addObserver(&untouched, "Untouched", untouched.handler());
+    store->addObserver(&untouched, "List", untouched.handler());
+    store->addObserver(&untouched, "Names", untouched.handler());
 
     QProcess writer;
     writer.start(ORV_DEFAULTS_WRITER_PATH, {store->filePath(), "Color", "teal"});
