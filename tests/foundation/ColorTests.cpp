@@ -98,9 +98,18 @@ TEST(ColorLuminance, ExtremesContrastGreyAndMix)
     EXPECT_EQ(luminance, 0.0);
     EXPECT_TRUE(orv_getLuminance(orv_colorWithWhite(1, 1), &luminance));
     EXPECT_NEAR(luminance, 1.0, 1e-12);
-    // 0.035 lies between the two common thresholds: the 0.03928 one divides.
+    // Below both common thresholds (0.03928 and 0.04045) a component is
+    // divided by 12.92; 0.04 lies between them, where only the 0.03928 one
+    // takes the power curve (the two results differ by about 3e-6).
     EXPECT_TRUE(orv_getLuminance(orv_colorWithHexColorString("#090909"), &luminance));
     EXPECT_NEAR(luminance, (9.0 / 255.0) / 12.92, 1e-6);
+    const QColor between = orv_colorWithWhite(0.04, 1);
+    double stored = 0;
+    ASSERT_TRUE(orv_getWhite(between, &stored, nullptr));
+    ASSERT_GT(stored, 0.03928);
+    ASSERT_LT(stored, 0.04045);
+    EXPECT_TRUE(orv_getLuminance(between, &luminance));
+    EXPECT_NEAR(luminance, std::pow((stored + 0.055) / 1.055, 2.4), 1e-9);
 
     const QColor black = orv_colorWithWhite(0, 1);
     const QColor white = orv_colorWithWhite(1, 1);
