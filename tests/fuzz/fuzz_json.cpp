@@ -7,6 +7,7 @@
 
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QStringEncoder>
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
@@ -52,5 +53,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         for (const QJsonValue &element : *array)
             if (element.isObject())
                 readEveryKey(element.toObject(), 1);
+    // The same text in UTF-16 reads the same. Only UTF-8 that decodes and
+    // starts with two ASCII characters, as JSON text does, has an
+    // unambiguous other encoding.
+    const QString text = QString::fromUtf8(json);
+    if (value && text.toUtf8() == json && json.size() >= 2 && uchar(json[0]) < 0x80 && uchar(json[1]) < 0x80 &&
+        json[0] != 0 && json[1] != 0) {
+        QStringEncoder utf16(QStringConverter::Utf16BE);
+        const QByteArray wide(utf16.encode(text));
+        if (orv_JSONObjectWithData(wide, 0, nullptr) != value)
+            orv::fuzz::fail("a text reads the same in UTF-16");
+    }
     return 0;
 }

@@ -33,10 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const QString b = split < size ? orv::fuzz::text(data + split + 1, size - split - 1) : QStringLiteral("");
 
     const QString common = orv_longestCommonSubstring(a, b, options);
-    if (options == 0 && a != b) {
+    // Both texts are compared in composed form, so that is where the
+    // common part is found.
+    const QString composedA = a.normalized(QString::NormalizationForm_C);
+    const QString composedB = b.normalized(QString::NormalizationForm_C);
+    if (options == 0 && composedA != composedB) {
         if (common.size() > 250)
             orv::fuzz::fail("the common substring is at most 250 characters");
-        if (!a.left(250).contains(common) || !b.left(250).contains(common))
+        if (!composedA.left(250).contains(common) || !composedB.left(250).contains(common))
             orv::fuzz::fail("the common substring occurs in both");
     }
 
@@ -49,6 +53,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     const bool scattered = orv_hasIntermittentPrefix(a, b);
     if (range.location != ORVNotFound && !b.isEmpty() && !scattered)
         orv::fuzz::fail("a string found with skipped characters is a scattered prefix");
-    (void)orv_suffixes(a.left(2000));
+    for (const QString &suffix : orv_suffixes(a.left(2000))) {
+        if (suffix.isEmpty() || suffix.size() > ORVSuffixLengthLimit)
+            orv::fuzz::fail("a suffix is cut to ORVSuffixLengthLimit units");
+    }
+    for (QStringView suffix : QStringView(orv_suffixStringForFTSIndex(a)).split(u' ', Qt::SkipEmptyParts)) {
+        if (suffix.size() > ORVSuffixLengthLimit)
+            orv::fuzz::fail("an index suffix is cut to ORVSuffixLengthLimit units");
+    }
     return 0;
 }
