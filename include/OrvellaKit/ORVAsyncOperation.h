@@ -84,6 +84,10 @@ public:
     void start() override;
     // tryFinish() and, on yes, finishWithError() with no error.
     void didFinishExecution();
+    // Cancels (see ORVAsyncOperation) and lets go of a block that has not
+    // run yet: a queue drops a cancelled waiting operation without starting
+    // it, and a block holding its own operation would keep both alive.
+    void cancel() override;
 
 private:
     // The block of blockOperationWithBlock(), taken out once: to run it, or

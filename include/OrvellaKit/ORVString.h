@@ -125,7 +125,8 @@ void orv_enumerateSuffixesInSubstring(const QString &substring,
                                       const std::function<void(const QString &, bool *)> &block);
 
 // The longest suffix the two functions below hand out, in UTF-16 units: a
-// longer one is cut to its first 64 units (never inside a surrogate pair).
+// longer one is cut to its first 64 units (never inside a surrogate pair;
+// a combining mark right after the cut is left out with the rest).
 // A suffix serves a prefix search, which its start answers; without the cut
 // one 4,000,000-character word made 100 suffixes of about 4,000,000
 // characters each (800 MB), and all of its suffixes about 8 TB.
@@ -133,7 +134,8 @@ constexpr qsizetype ORVSuffixLengthLimit = 64;
 
 // All suffixes of all words (separated by white space and newlines), each
 // cut to ORVSuffixLengthLimit units: memory grows linearly with the longest
-// word (about 64 units per character of it), not with its square.
+// word (about 200 bytes per character of it: a 64-unit string and its set
+// entry), not with its square.
 QSet<QString> orv_suffixes(const QString &string);
 
 // The suffixes of the lower-cased text's words, each once, joined by single

@@ -57,20 +57,26 @@ public:
         }
         if (!isNew)
             return;
-        // An item started elsewhere would never call back here.
-        if (item->state() != ORVWorkItemStateNotStarted)
-            return finish(_shared, *key, notStartableError(QStringLiteral("was started already")), item);
-        // The handler holds the shared state, so a multiplexer destroyed
-        // while work runs still delivers to its waiters. It finishes the key
-        // only while this item is the one recorded for it.
-        item->setCompletionHandler([shared = _shared, key = *key](const std::shared_ptr<ORVWorkItem> &finished,
-                                                                  const ORVError &error) {
-            finish(shared, key, error, finished);
-        });
         try {
+            // An item started elsewhere would never call back here; nor
+            // would one whose handler could not be set (started meanwhile
+            // on another thread, the assertion handler returning).
+            if (item->state() != ORVWorkItemStateNotStarted)
+                return finish(_shared, *key, notStartableError(QStringLiteral("was started already")), item);
+            // The handler holds the shared state, so a multiplexer destroyed
+            // while work runs still delivers to its waiters. It finishes the
+            // key only while this item is the one recorded for it.
+            item->setCompletionHandler([shared = _shared, key = *key](const std::shared_ptr<ORVWorkItem> &finished,
+                                                                      const ORVError &error) {
+                finish(shared, key, error, finished);
+            });
+            if (!item->completionHandler())
+                return finish(_shared, *key, notStartableError(QStringLiteral("was started already")), item);
             item->start();
         } catch (...) {
-            finish(_shared, *key, notStartableError(QStringLiteral("threw from start()")), item);
+            // Whoever ends the key first answers every waiter once: this
+            // error, or the item's own result if its completion came first.
+            finish(_shared, *key, notStartableError(QStringLiteral("could not be started")), item);
             throw;
         }
     }

@@ -130,12 +130,34 @@ bool toUTF8(const QByteArray &data, QByteArray *utf8, ORVError *error)
         *utf8 = data;
         return true;
     }
-    QStringDecoder decoder(*encoding, QStringConverter::Flag::Stateless);
-    const QString text = decoder.decode(QByteArrayView(data).sliced(mark));
-    if (decoder.hasError()) {
+    const QByteArrayView body = QByteArrayView(data).sliced(mark);
+    const auto undecodable = [&] {
         *error = corruptError(QStringLiteral("Unable to convert data to a string"), 0);
         return false;
+    };
+    // Qt's UTF-32 decoder folds a value above U+10FFFF into other
+    // characters (a quote among them) instead of failing: such text is
+    // refused before it is decoded.
+    if (*encoding == QStringConverter::Utf32LE || *encoding == QStringConverter::Utf32BE) {
+        if (body.size() % 4 != 0)
+            return undecodable();
+        const bool little = *encoding == QStringConverter::Utf32LE;
+        for (qsizetype i = 0; i < body.size(); i += 4) {
+            const auto at = [&](int k) { return static_cast<quint32>(static_cast<uchar>(body[i + k])); };
+            const quint32 value = little ? at(0) | at(1) << 8 | at(2) << 16 | at(3) << 24
+                                         : at(3) | at(2) << 8 | at(1) << 16 | at(0) << 24;
+            if (value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF))
+                return undecodable();
+        }
     }
+    // Nor does Qt's UTF-16 decoder count a lone surrogate or a cut-off last
+    // unit as an error.
+    if (body.size() % 2 != 0)
+        return undecodable();
+    QStringDecoder decoder(*encoding, QStringConverter::Flag::Stateless);
+    const QString text = decoder.decode(body);
+    if (decoder.hasError() || !QStringView(text).isValidUtf16())
+        return undecodable();
     *utf8 = text.toUtf8();
     return true;
 }

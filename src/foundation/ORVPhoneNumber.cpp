@@ -56,8 +56,14 @@ Suffix splitSuffix(const QString &s)
 // national numbers then come back as typed: no region is guessed).
 QString currentRegion(const QString &region)
 {
-    if (!region.isEmpty())
-        return region.toUpper();
+    if (!region.isEmpty()) {
+        // ASCII letters only: toUpper() would also turn a dotless "ı" into "I".
+        QString upper = region;
+        for (QChar &c : upper)
+            if (c >= u'a' && c <= u'z')
+                c = QChar(c.unicode() - (u'a' - u'A'));
+        return upper;
+    }
     const QLocale::Territory territory = QLocale().territory();
     return territory == QLocale::AnyTerritory ? QString() : QLocale::territoryToCode(territory);
 }

@@ -248,8 +248,9 @@ QStringView boundedSuffix(QStringView suffix)
 template<class Visit>
 void forEachSuffix(QStringView word, Visit visit)
 {
-    // The boundaries are found as the walk goes: a caller that stops after
-    // a hundred suffixes of a huge word needs no list of all of them.
+    // The boundaries are taken as the walk goes instead of listed first: a
+    // caller that stops after a hundred suffixes of a huge word needs no
+    // list of all of them (the finder still reads the whole word once).
     const qsizetype size = word.size();
     const bool simple = std::all_of(word.begin(), word.end(), [](QChar c) { return c.unicode() < 0x300; }) &&
                         !word.contains(u"\r\n");
@@ -259,7 +260,7 @@ void forEachSuffix(QStringView word, Visit visit)
                 return;
         return;
     }
-    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, word.data(), static_cast<int>(size));
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, word.data(), size);
     for (qsizetype start = 0; start < size;) {
         if (!visit(word.mid(start)))
             return;

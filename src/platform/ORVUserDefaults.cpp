@@ -34,8 +34,9 @@ QString memoryKey(const QString &name)
 }
 
 // Whether a value as written and a value as read back are one setting: the
-// INI file keeps numbers and booleans as text and reads a list back as a
-// QStringList, whatever list it was given.
+// INI file keeps numbers and booleans as text, reads a list back as a
+// QStringList (one of a single element as its text, an empty one as no
+// value), whatever list it was given.
 bool sameSetting(const QVariant &written, const QVariant &read)
 {
     if (written == read)
@@ -43,6 +44,14 @@ bool sameSetting(const QVariant &written, const QVariant &read)
     const auto isList = [](const QVariant &value) {
         return value.typeId() == QMetaType::QVariantList || value.typeId() == QMetaType::QStringList;
     };
+    if (isList(written) && !isList(read)) {
+        const QVariantList elements = written.toList();
+        if (elements.isEmpty())
+            return !read.isValid();
+        if (elements.size() == 1)
+            return sameSetting(elements.first(), read);
+        return false;
+    }
     if (isList(written) && isList(read)) {
         const QVariantList a = written.toList();
         const QVariantList b = read.toList();

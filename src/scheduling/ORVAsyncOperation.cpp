@@ -193,6 +193,13 @@ void ORVBlockOperation::start()
         didFinishExecution();
 }
 
+void ORVBlockOperation::cancel()
+{
+    ORVAsyncOperation::cancel();
+    // Cancelled before its block was taken to run: it never will be.
+    takeBlock();
+}
+
 std::function<void(const std::shared_ptr<ORVBlockOperation> &)> ORVBlockOperation::takeBlock()
 {
     // Taken under the handler's lock, since start() may run on one thread

@@ -72,7 +72,11 @@ TEST(StringHelpers, FileNamesRemovalAndHash)
     EXPECT_EQ(orv_SHA256String(QString("")), "E3B0C44298FC1C149AFBF4C8996FB92427AE41E4649B934CA495991B7852B855");
     // A plain literal, with both the text and the bytes form in sight.
     EXPECT_EQ(orv_SHA256String("abc"), "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
-    EXPECT_EQ(orv_SHA256String(u8"Grüße"), orv_SHA256String(QString::fromUtf8("Grüße")));
+    // A non-ASCII literal too: its UTF-8 text, as the QString form hashes it.
+    EXPECT_EQ(orv_SHA256String("Gr\u00fc\u00dfe"),
+              QString::fromLatin1(QCryptographicHash::hash(QByteArray("Gr\xc3\xbc\xc3\x9f" "e"), QCryptographicHash::Sha256)
+                                      .toHex()
+                                      .toUpper()));
     // Short, multi-byte and long text (the scratch buffer and the heap path)
     // all hash their UTF-8 bytes.
     for (const QString &text : {QString("abc"), QString::fromUtf8("Grüße ") + kGrinning, QString(300, QChar(0x20AC)),

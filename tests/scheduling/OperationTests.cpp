@@ -105,16 +105,24 @@ TEST(AsyncOperation, CancelBeforeStart)
     }
     EXPECT_TRUE(weak.expired());
 
-    // A queue given an operation cancelled while waiting drops it.
+    // A queue given an operation cancelled while waiting drops it, without
+    // starting it; a block holding its own operation lets go there too.
     ORVOperationQueue queue;
     queue.setSuspended(true);
-    auto waiting = ORVBlockOperation::blockOperationWithBlock([](const auto &) { FAIL() << "must not run"; });
-    queue.addOperation(waiting);
+    std::weak_ptr<ORVBlockOperation> dropped;
+    {
+        auto self = std::make_shared<std::shared_ptr<ORVBlockOperation>>();
+        auto waiting = ORVBlockOperation::blockOperationWithBlock([self](const auto &) { FAIL() << "must not run"; });
+        *self = waiting;
+        dropped = waiting;
+        queue.addOperation(waiting);
+    }
     EXPECT_EQ(queue.operationCount(), 1);
     queue.cancelAllOperations();
     EXPECT_EQ(queue.operationCount(), 0);
     queue.setSuspended(false);
     queue.waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(dropped.expired());
 }
 
 TEST(AsyncOperation, AssertionTexts)

@@ -110,6 +110,8 @@ TEST_F(UserDefaultsTest, WritesOfAnotherProcessAreReportedOnce)
     // than they were given in; they are still the same settings.
     store->setObject(QVariantList{QStringLiteral("a"), 2, true}, "List");
     store->setObject(QStringList{"x", "y"}, "Names");
+    store->setObject(QVariantList{7}, "One");
+    store->setObject(QVariantList{}, "None");
     ASSERT_TRUE(store->synchronize());
     Heard heard;
     Heard untouched;
@@ -117,6 +119,8 @@ TEST_F(UserDefaultsTest, WritesOfAnotherProcessAreReportedOnce)
     store->addObserver(&untouched, "Untouched", untouched.handler());
     store->addObserver(&untouched, "List", untouched.handler());
     store->addObserver(&untouched, "Names", untouched.handler());
+    store->addObserver(&untouched, "One", untouched.handler());
+    store->addObserver(&untouched, "None", untouched.handler());
 
     QProcess writer;
     writer.start(ORV_DEFAULTS_WRITER_PATH, {store->filePath(), "Color", "teal"});
