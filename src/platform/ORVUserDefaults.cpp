@@ -33,6 +33,23 @@ QString memoryKey(const QString &name)
     return QStringLiteral("memory:") + name;
 }
 
+// Text, whole numbers and booleans: the INI file keeps each as its own text
+// form.
+bool isKeptAsItsText(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::QString:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::Bool:
+        return true;
+    default:
+        return false;
+    }
+}
+
 // Whether a value as written and a value as read back are one setting: the
 // INI file keeps numbers and booleans as text, reads a list back as a
 // QStringList (one of a single element as its text, an empty one as no
@@ -64,20 +81,8 @@ bool sameSetting(const QVariant &written, const QVariant &read)
         return true;
     }
     const auto isText = [](const QVariant &value) { return value.typeId() == QMetaType::QString; };
-    const auto isScalar = [&](const QVariant &value) {
-        switch (value.typeId()) {
-        case QMetaType::QString:
-        case QMetaType::Int:
-        case QMetaType::UInt:
-        case QMetaType::LongLong:
-        case QMetaType::ULongLong:
-        case QMetaType::Bool:
-        case QMetaType::Double:
-        case QMetaType::Float:
-            return true;
-        default:
-            return false;
-        }
+    const auto isScalar = [](const QVariant &value) {
+        return isKeptAsItsText(value) || value.typeId() == QMetaType::Double || value.typeId() == QMetaType::Float;
     };
     return (isText(written) || isText(read)) && isScalar(written) && isScalar(read) &&
            written.toString() == read.toString();
@@ -259,18 +264,7 @@ void ORVUserDefaults::setObject(const QVariant &value, const QString &key)
             // What the file will say once read back: INI keeps text, and
             // for whole numbers, booleans and text that is the value's own
             // text form; other types are asked for.
-            switch (value.typeId()) {
-            case QMetaType::QString:
-            case QMetaType::Int:
-            case QMetaType::UInt:
-            case QMetaType::LongLong:
-            case QMetaType::ULongLong:
-            case QMetaType::Bool:
-                _snapshot.insert(key, value.toString());
-                break;
-            default:
-                _snapshot.insert(key, _settings->value(key));
-            }
+            _snapshot.insert(key, isKeptAsItsText(value) ? QVariant(value.toString()) : _settings->value(key));
         } else {
             _settings->remove(key);
             _snapshot.remove(key);
