@@ -128,7 +128,8 @@ bool runsInThisSession(const QString &procRoot, const QString &pid, bool compare
         return false;
     const QByteArray ownBus = sessionBusOf(qgetenv("DBUS_SESSION_BUS_ADDRESS"), qgetenv("XDG_RUNTIME_DIR"));
     const QByteArray ownLogin = qgetenv("XDG_SESSION_ID");
-    return (!compareBus || session->bus == ownBus) && (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
+    return (!compareBus || session->bus == ownBus) &&
+           (session->login.isEmpty() || ownLogin.isEmpty() || session->login == ownLogin);
 }
 
 // This process's executable, as /proc shows it for another process.

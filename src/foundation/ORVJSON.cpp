@@ -87,7 +87,8 @@ ORVError corruptError(const QString &reason, qsizetype offset)
     return ORVError(ORVCocoaErrorDomain, ORVPropertyListReadCorruptError,
                     {{ORVLocalizedDescriptionKey,
                       QStringLiteral("The data couldn\u2019t be read because it isn\u2019t in the correct format.")},
-                     {QStringLiteral("NSDebugDescription"), QStringLiteral("%1 around character %2.").arg(reason).arg(offset)},
+                     {QStringLiteral("NSDebugDescription"),
+                      QStringLiteral("%1 around character %2.").arg(reason).arg(offset)},
                      {QStringLiteral("NSJSONSerializationErrorIndex"), offset}});
 }
 
@@ -110,14 +111,18 @@ bool toUTF8(const QByteArray &data, QByteArray *utf8, ORVError *error)
         *utf8 = data.mid(3);
         return true;
     }
+    const auto marked = [&](QStringConverter::Encoding named, qsizetype length) {
+        encoding = named;
+        mark = length;
+    };
     if (byte(0) == 0x00 && byte(1) == 0x00 && byte(2) == 0xFE && byte(3) == 0xFF)
-        encoding = QStringConverter::Utf32BE, mark = 4;
+        marked(QStringConverter::Utf32BE, 4);
     else if (byte(0) == 0xFF && byte(1) == 0xFE && byte(2) == 0x00 && byte(3) == 0x00)
-        encoding = QStringConverter::Utf32LE, mark = 4;
+        marked(QStringConverter::Utf32LE, 4);
     else if (byte(0) == 0xFE && byte(1) == 0xFF)
-        encoding = QStringConverter::Utf16BE, mark = 2;
+        marked(QStringConverter::Utf16BE, 2);
     else if (byte(0) == 0xFF && byte(1) == 0xFE)
-        encoding = QStringConverter::Utf16LE, mark = 2;
+        marked(QStringConverter::Utf16LE, 2);
     else if (data.size() >= 4 && byte(0) == 0 && byte(1) == 0 && byte(2) == 0 && byte(3) != 0)
         encoding = QStringConverter::Utf32BE;
     else if (data.size() >= 4 && byte(0) != 0 && byte(1) == 0 && byte(2) == 0 && byte(3) == 0)
@@ -221,34 +226,6 @@ qsizetype badNumberAt(const QByteArray &text)
     return -1;
 }
 
-std::optional<QJsonValue> parseUTF8(const QByteArray &data, quint32 options, ORVError *error);
-
-} // namespace
-
-std::optional<QJsonValue> orv_JSONObjectWithData(const QByteArray &data, quint32 options, ORVError *error)
-{
-    if (data.isNull()) {
-        setError(error, ORVError(ORVCocoaErrorDomain, 0,
-                                 {{ORVLocalizedFailureReasonErrorKey,
-                                   QStringLiteral("nil data passed to +[NSJSONSerialization "
-                                                  "orv_JSONObjectWithData:error:]")}}));
-        return std::nullopt;
-    }
-    QByteArray text;
-    ORVError encodingError;
-    if (!toUTF8(data, &text, &encodingError)) {
-        setError(error, encodingError);
-        return std::nullopt;
-    }
-    if (const qsizetype bad = badNumberAt(text); bad >= 0) {
-        setError(error, corruptError(QStringLiteral("Invalid number"), bad));
-        return std::nullopt;
-    }
-    return parseUTF8(text, options, error);
-}
-
-namespace {
-
 // Qt's reader on UTF-8 text, a top-level scalar read inside an array when
 // fragments are allowed.
 std::optional<QJsonValue> parseUTF8(const QByteArray &data, quint32 options, ORVError *error)
@@ -284,6 +261,29 @@ std::optional<QJsonValue> parseUTF8(const QByteArray &data, quint32 options, ORV
 }
 
 } // namespace
+
+std::optional<QJsonValue> orv_JSONObjectWithData(const QByteArray &data, quint32 options, ORVError *error)
+{
+    if (data.isNull()) {
+        setError(error, ORVError(ORVCocoaErrorDomain, 0,
+                                 {{ORVLocalizedFailureReasonErrorKey,
+                                   QStringLiteral("nil data passed to +[NSJSONSerialization "
+                                                  "orv_JSONObjectWithData:error:]")}}));
+        return std::nullopt;
+    }
+    QByteArray text;
+    ORVError encodingError;
+    if (!toUTF8(data, &text, &encodingError)) {
+        setError(error, encodingError);
+        return std::nullopt;
+    }
+    if (const qsizetype bad = badNumberAt(text); bad >= 0) {
+        setError(error, corruptError(QStringLiteral("Invalid number"), bad));
+        return std::nullopt;
+    }
+    return parseUTF8(text, options, error);
+}
+
 
 std::optional<QJsonValue> orv_JSONObjectWithData(const QByteArray &data, ORVError *error)
 {

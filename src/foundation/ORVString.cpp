@@ -637,7 +637,8 @@ QString orv_longestCommonSubstring(const QString &string, const QString &other, 
     // in the composed form.
     const QString composedString = string.normalized(QString::NormalizationForm_C);
     const QString composedOther = other.normalized(QString::NormalizationForm_C);
-    if (orv_stringByFoldingWithOptions(composedString, options) == orv_stringByFoldingWithOptions(composedOther, options))
+    if (orv_stringByFoldingWithOptions(composedString, options) ==
+        orv_stringByFoldingWithOptions(composedOther, options))
         return string;
 
     // 250 characters keep every length and count within the table's 8-bit

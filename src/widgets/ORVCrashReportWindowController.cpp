@@ -11,7 +11,6 @@
 #include <QCoreApplication>
 #include <QDialogButtonBox>
 #include <QLayout>
-#include <QPointer>
 #include <QThread>
 #include <QDBusArgument>
 #include <QDBusConnection>
@@ -33,13 +32,30 @@ namespace {
 
 constexpr int kAccountsServiceTimeoutMilliseconds = 2000;
 
-QVariantMap propertiesOf(const QDBusConnection &bus, const QString &path, const QString &interface)
+// AccountsService's lookup of this user's object, and the read of that
+// object's properties: the calls the blocking and the asynchronous card
+// reads both make.
+QDBusMessage findUserCall()
+{
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("/org/freedesktop/Accounts"),
+        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("FindUserById"));
+    call << static_cast<qint64>(getuid());
+    return call;
+}
+
+QDBusMessage userPropertiesCall(const QString &path)
 {
     QDBusMessage call = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Accounts"), path,
                                                        QStringLiteral("org.freedesktop.DBus.Properties"),
                                                        QStringLiteral("GetAll"));
-    call << interface;
-    const QDBusMessage reply = bus.call(call, QDBus::Block, kAccountsServiceTimeoutMilliseconds);
+    call << QStringLiteral("org.freedesktop.Accounts.User");
+    return call;
+}
+
+QVariantMap propertiesOf(const QDBusConnection &bus, const QString &path)
+{
+    const QDBusMessage reply = bus.call(userPropertiesCall(path), QDBus::Block, kAccountsServiceTimeoutMilliseconds);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
         return {};
     const QVariant argument = reply.arguments().first();
@@ -97,17 +113,13 @@ std::optional<ORVContactCard> ORVMeContactCard()
     const QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected())
         return std::nullopt;
-    QDBusMessage find = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("/org/freedesktop/Accounts"),
-        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("FindUserById"));
-    find << static_cast<qint64>(getuid());
-    const QDBusMessage reply = bus.call(find, QDBus::Block, kAccountsServiceTimeoutMilliseconds);
+    const QDBusMessage reply = bus.call(findUserCall(), QDBus::Block, kAccountsServiceTimeoutMilliseconds);
     if (reply.type() != QDBusMessage::ReplyMessage || reply.arguments().isEmpty())
         return std::nullopt;
     const QString path = qvariant_cast<QDBusObjectPath>(reply.arguments().first()).path();
     if (path.isEmpty())
         return std::nullopt;
-    return cardFromProperties(propertiesOf(bus, path, QStringLiteral("org.freedesktop.Accounts.User")));
+    return cardFromProperties(propertiesOf(bus, path));
 }
 
 void ORVMeContactCardInBackground(QObject *context, std::function<void(std::optional<ORVContactCard>)> handler)
@@ -135,30 +147,24 @@ void ORVMeContactCardInBackground(QObject *context, std::function<void(std::opti
     QDBusConnection bus = QDBusConnection::systemBus();
     if (!bus.isConnected())
         return answerLater();
-    QDBusMessage find = QDBusMessage::createMethodCall(
-        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("/org/freedesktop/Accounts"),
-        QStringLiteral("org.freedesktop.Accounts"), QStringLiteral("FindUserById"));
-    find << static_cast<qint64>(getuid());
-    auto *finding = new QDBusPendingCallWatcher(bus.asyncCall(find, kAccountsServiceTimeoutMilliseconds), owner);
-    QObject::connect(finding, &QDBusPendingCallWatcher::finished, owner, [bus, owner, finish](QDBusPendingCallWatcher *call) {
+    auto *finding =
+        new QDBusPendingCallWatcher(bus.asyncCall(findUserCall(), kAccountsServiceTimeoutMilliseconds), owner);
+    const auto cardRead = [bus, owner, finish](QDBusPendingCallWatcher *call) {
         call->deleteLater();
         const QDBusPendingReply<QDBusObjectPath> found = *call;
         const QString path = found.isValid() ? found.value().path() : QString();
         if (path.isEmpty())
             return (*finish)(std::nullopt);
-        QDBusMessage getAll = QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.Accounts"), path,
-                                                             QStringLiteral("org.freedesktop.DBus.Properties"),
-                                                             QStringLiteral("GetAll"));
-        getAll << QStringLiteral("org.freedesktop.Accounts.User");
-        auto *reading =
-            new QDBusPendingCallWatcher(bus.asyncCall(getAll, kAccountsServiceTimeoutMilliseconds), owner);
+        auto *reading = new QDBusPendingCallWatcher(
+            bus.asyncCall(userPropertiesCall(path), kAccountsServiceTimeoutMilliseconds), owner);
         QObject::connect(reading, &QDBusPendingCallWatcher::finished, owner, [finish](QDBusPendingCallWatcher *read) {
             read->deleteLater();
             const QDBusPendingReply<QVariantMap> reply = *read;
             const QVariantMap properties = reply.isValid() ? reply.value() : QVariantMap();
             (*finish)(cardFromProperties(properties));
         });
-    });
+    };
+    QObject::connect(finding, &QDBusPendingCallWatcher::finished, owner, cardRead);
 }
 
 // ---------------------------------------------------------------------------

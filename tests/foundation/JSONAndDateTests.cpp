@@ -116,8 +116,8 @@ TEST(JSONParsing, EveryUnicodeEncodingAndOnlyJSONNumbers)
         }
     }
     QStringEncoder utf16(Encoding::Utf16LE);
-    EXPECT_EQ(orv_JSONObjectWithData(QByteArray(utf16.encode(QStringLiteral("7"))), ORVJSONReadingFragmentsAllowed, nullptr),
-              QJsonValue(7));
+    const QByteArray seven(utf16.encode(QStringLiteral("7")));
+    EXPECT_EQ(orv_JSONObjectWithData(seven, ORVJSONReadingFragmentsAllowed, nullptr), QJsonValue(7));
     // What does not decode is refused as such: a UTF-16 text cut in the
     // middle of a unit, a lone surrogate, and a UTF-32 value above U+10FFFF
     // (which Qt's decoder would fold into a quote and a surrogate).

@@ -73,10 +73,9 @@ TEST(StringHelpers, FileNamesRemovalAndHash)
     // A plain literal, with both the text and the bytes form in sight.
     EXPECT_EQ(orv_SHA256String("abc"), "BA7816BF8F01CFEA414140DE5DAE2223B00361A396177A9CB410FF61F20015AD");
     // A non-ASCII literal too: its UTF-8 text, as the QString form hashes it.
+    const QByteArray utf8("Gr\xc3\xbc\xc3\x9f" "e");
     EXPECT_EQ(orv_SHA256String("Gr\u00fc\u00dfe"),
-              QString::fromLatin1(QCryptographicHash::hash(QByteArray("Gr\xc3\xbc\xc3\x9f" "e"), QCryptographicHash::Sha256)
-                                      .toHex()
-                                      .toUpper()));
+              QString::fromLatin1(QCryptographicHash::hash(utf8, QCryptographicHash::Sha256).toHex().toUpper()));
     // Short, multi-byte and long text (the scratch buffer and the heap path)
     // all hash their UTF-8 bytes.
     for (const QString &text : {QString("abc"), QString::fromUtf8("Grüße ") + kGrinning, QString(300, QChar(0x20AC)),
@@ -217,8 +216,7 @@ TEST(Searches, LongestCommonSubstring)
     const QString composed = QString::fromUtf8("caf\u00e9");
     const QString decomposed = QString::fromUtf8("cafe\u0301");
     EXPECT_EQ(orv_longestCommonSubstring(composed, decomposed), composed);
-    EXPECT_EQ(orv_longestCommonSubstring("x" + composed + "y", "z" + decomposed + "w").normalized(QString::NormalizationForm_C),
-              composed);
+    EXPECT_EQ(orv_longestCommonSubstring("x" + composed + "y", "z" + decomposed + "w"), composed);
     EXPECT_EQ(orv_longestCommonSubstring(QString::fromUtf8("crème brûlée"), "creme", ORVDiacriticInsensitiveSearch),
               "creme");
     EXPECT_EQ(orv_longestCommonSubstring(QString::fromUtf8("ＡＢＣd"), "abc",
