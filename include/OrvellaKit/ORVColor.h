@@ -4,8 +4,12 @@
 // component reads that never fail, tolerance equality, relative luminance
 // and contrast ratio, a luminance-weighted grey and a linear mix.
 //
-// Components are doubles from 0.0 to 1.0. A colour is "readable" when it is
-// valid (QColor::isValid()); an invalid QColor plays the unreadable colour.
+// Components are doubles from 0.0 to 1.0. Every valid QColor is readable
+// (Qt converts any spec to sRGB). An invalid QColor is no colour at all, and
+// every operation treats it so: reads return false and store nothing, it
+// prints as a null string, the contrast ratio with it is 1.0, and passed as
+// the other colour to the contrast ratio or the mix (or as a tint) it fails
+// the parameter assertion ("otherColor != nil", "color != nil").
 // Constructors read a NaN component as 0.0 and clamp alpha to 0.0 ... 1.0;
 // red, green and blue outside 0 ... 1 are kept (Qt's extended RGB) and
 // clamped when printed. QColor stores 16 bits per channel, so a component
@@ -29,33 +33,35 @@ QColor orv_colorWithHue(double hue, double saturation, double brightness, double
 QColor orv_colorWithHexColorString(const QString &hexString);
 
 // "#RRGGBBAA" or "#RRGGBB", upper case; each channel clamped to 0 ... 1,
-// times 255, rounded half away from zero. An unreadable colour prints as
-// opaque black.
+// times 255, rounded half away from zero. No colour prints as a null
+// string (not as black, which would read back as a colour).
 QString orv_hexString(const QColor &color, bool includeAlpha);
 
 // Whether every RGBA component differs by at most half an 8-bit step
-// (0.5/255, plus one 16-bit storage step for QColor's rounding). Unreadable
-// colours compare with QColor's own equality.
+// (0.5/255, plus one 16-bit storage step for QColor's rounding). No colour
+// equals only no colour.
 bool orv_isEqualToColor(const QColor &color, const QColor &other);
 
 // White and alpha. A colour whose red, green and blue are equal reads
 // directly; any other is converted to grey with gamma 2.2 (the white of its
-// luminance). False only for an unreadable colour. Pointers may be null.
+// luminance). False only for no colour. Pointers may be null.
 bool orv_getWhite(const QColor &color, double *white, double *alpha);
-// sRGB components; an unreadable colour reads as zeros. Always true.
+// sRGB components. True for every valid colour.
 bool orv_getRed(const QColor &color, double *red, double *green, double *blue, double *alpha);
-// HSB components (hue 0 for greys); zeros for an unreadable colour. Always true.
+// HSB components (hue 0 for greys). True for every valid colour.
 bool orv_getHue(const QColor &color, double *hue, double *saturation, double *brightness, double *alpha);
 
 // Relative luminance 0.2126 R + 0.7152 G + 0.0722 B of the linearised
 // components (c / 12.92 up to 0.03928, else ((c + 0.055) / 1.055)^2.4).
+// False for no colour.
 bool orv_getLuminance(const QColor &color, double *luminance);
-// (lighter + 0.05) / (darker + 0.05): 1.0 ... 21.0.
+// (lighter + 0.05) / (darker + 0.05): 1.0 ... 21.0; 1.0 when either is no
+// colour.
 double orv_contrastRatioToColor(const QColor &color, const QColor &otherColor);
 // Grey of 0.2126 R + 0.7152 G + 0.0722 B on the stored components, same
-// alpha; an unreadable colour comes back unchanged.
+// alpha; no colour comes back unchanged.
 QColor orv_grayscaleColor(const QColor &color);
 // other * amount + color * (1 - amount) per RGBA component. amount outside
 // 0 ... 1 fails "amount >= 0.0 && amount <= 1.0" (and is clamped after).
-// With an unreadable colour: other when amount > 0.5, else color.
+// With no colour on either side: other when amount > 0.5, else color.
 QColor orv_rgbMixWithColor(const QColor &color, const QColor &other, double amount);

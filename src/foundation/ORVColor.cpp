@@ -118,7 +118,9 @@ QColor orv_colorWithHexColorString(const QString &hexString)
 
 QString orv_hexString(const QColor &color, bool includeAlpha)
 {
-    const RGBA c = color.isValid() ? components(color) : RGBA{0, 0, 0, 1};
+    if (!color.isValid())
+        return {};
+    const RGBA c = components(color);
     QString text = QStringLiteral("#%1%2%3")
                        .arg(channel(c.red), 2, 16, QLatin1Char('0'))
                        .arg(channel(c.green), 2, 16, QLatin1Char('0'))
@@ -164,6 +166,8 @@ bool orv_getWhite(const QColor &color, double *white, double *alpha)
 
 bool orv_getRed(const QColor &color, double *red, double *green, double *blue, double *alpha)
 {
+    if (!color.isValid())
+        return false;
     const RGBA c = components(color);
     if (red)
         *red = c.red;
@@ -178,9 +182,10 @@ bool orv_getRed(const QColor &color, double *red, double *green, double *blue, d
 
 bool orv_getHue(const QColor &color, double *hue, double *saturation, double *brightness, double *alpha)
 {
+    if (!color.isValid())
+        return false;
     float h = 0, s = 0, v = 0, a = 0;
-    if (color.isValid())
-        color.toHsv().getHsvF(&h, &s, &v, &a);
+    color.toHsv().getHsvF(&h, &s, &v, &a);
     if (hue)
         *hue = h < 0 ? 0.0 : h; // Qt reports -1 for greys
     if (saturation)
@@ -194,10 +199,11 @@ bool orv_getHue(const QColor &color, double *hue, double *saturation, double *br
 
 bool orv_getLuminance(const QColor &color, double *luminance)
 {
-    // The RGB read never fails here (an unreadable colour reads as zeros), so
-    // the white read is never needed as a fallback.
+    // The RGB read fails only for no colour, and then the white read fails
+    // too, so it is never needed as a fallback.
     double red = 0, green = 0, blue = 0;
-    orv_getRed(color, &red, &green, &blue, nullptr);
+    if (!orv_getRed(color, &red, &green, &blue, nullptr))
+        return false;
     if (luminance)
         *luminance = 0.2126 * linearised(notNaN(red)) + 0.7152 * linearised(notNaN(green)) +
                      0.0722 * linearised(notNaN(blue));
@@ -206,6 +212,8 @@ bool orv_getLuminance(const QColor &color, double *luminance)
 
 double orv_contrastRatioToColor(const QColor &color, const QColor &otherColor)
 {
+    ORVMethodParameterAssert(otherColor.isValid(), "otherColor != nil", "orv_contrastRatioToColor:", kColorClass,
+                             kColorFile);
     double l1 = 0, l2 = 0;
     if (!orv_getLuminance(color, &l1) || !orv_getLuminance(otherColor, &l2))
         return 1.0;
@@ -222,6 +230,7 @@ QColor orv_grayscaleColor(const QColor &color)
 
 QColor orv_rgbMixWithColor(const QColor &color, const QColor &other, double amount)
 {
+    ORVMethodParameterAssert(other.isValid(), "color != nil", "orv_rgbMixWithColor:amount:", kColorClass, kColorFile);
     ORVMethodParameterAssert(amount >= 0.0 && amount <= 1.0, "amount >= 0.0 && amount <= 1.0",
                              "orv_rgbMixWithColor:amount:", kColorClass, kColorFile);
     amount = unit(amount);

@@ -57,7 +57,6 @@ TEST(ColorHex, PrintingClampsAndRoundsHalfAway)
 {
     EXPECT_EQ(orv_hexString(orv_colorWithWhite(1.0, 1.0), true), "#FFFFFFFF");
     EXPECT_EQ(orv_hexString(orv_colorWithRed(1.2, -0.5, 0.5, 1.0), false), "#FF0080") << "0.5 * 255 = 127.5 rounds up";
-    EXPECT_EQ(orv_hexString(QColor(), true), "#000000FF");
     for (int value : {0, 1, 127, 128, 254, 255}) {
         const QString text = QStringLiteral("#%1%1%1%1").arg(value, 2, 16, QLatin1Char('0')).toUpper();
         EXPECT_EQ(orv_hexString(orv_colorWithHexColorString(text), true), text);
@@ -70,8 +69,6 @@ TEST(ColorCompare, ToleranceAndReads)
     EXPECT_TRUE(orv_isEqualToColor(base, orv_colorWithRed(0.5 + 0.5 / 255.0, 0.5, 0.5, 1.0)));
     EXPECT_FALSE(orv_isEqualToColor(base, orv_colorWithRed(0.5 + 1.0 / 255.0, 0.5, 0.5, 1.0)));
     EXPECT_FALSE(orv_isEqualToColor(base, orv_colorWithRed(0.5, 0.5, 0.5, 0.99)));
-    EXPECT_TRUE(orv_isEqualToColor(QColor(), QColor()));
-    EXPECT_FALSE(orv_isEqualToColor(base, QColor()));
 
     double white = -1, alpha = -1;
     EXPECT_TRUE(orv_getWhite(orv_colorWithWhite(0.25, 0.5), &white, &alpha));
@@ -79,10 +76,6 @@ TEST(ColorCompare, ToleranceAndReads)
     EXPECT_NEAR(alpha, 0.5, kStep);
     EXPECT_TRUE(orv_getWhite(orv_colorWithRed(1, 0, 0, 1), &white, nullptr));
     EXPECT_NEAR(white, std::pow(0.2126, 1 / 2.2), 1e-4) << "gamma 2.2 grey of the luminance";
-    EXPECT_FALSE(orv_getWhite(QColor(), &white, &alpha));
-
-    const Components unreadable = rgba(QColor());
-    EXPECT_EQ(unreadable.red + unreadable.green + unreadable.blue + unreadable.alpha, 0.0);
 
     double hue = -1, saturation = -1, brightness = -1;
     EXPECT_TRUE(orv_getHue(orv_colorWithWhite(0.5, 1), &hue, &saturation, &brightness, nullptr));
@@ -130,13 +123,42 @@ TEST(ColorLuminance, ExtremesContrastGreyAndMix)
     EXPECT_NEAR(half.red, 0.75, kStep);
     EXPECT_NEAR(half.blue, 0.25, kStep);
     EXPECT_NEAR(half.alpha, 0.75, kStep);
-    EXPECT_EQ(orv_rgbMixWithColor(QColor(), blue, 0.6), blue);
-    EXPECT_EQ(orv_rgbMixWithColor(QColor(), blue, 0.5), QColor());
-
     RecordAssertions record;
     orv_rgbMixWithColor(red, blue, 1.5);
     EXPECT_EQ(record.descriptions(), QStringList{"Invalid parameter not satisfying: amount >= 0.0 && amount <= 1.0"});
     EXPECT_EQ(record.failures().front().file, "NSUIColor+OrvellaKit");
+}
+
+// An invalid QColor holds no colour: every read says so, nothing computes
+// with it as if it were black, and an invalid argument fails its assertion
+// as the tint's does.
+TEST(ColorInvalid, NoColourIsReadByNoOperation)
+{
+    const QColor none;
+    const QColor white = orv_colorWithWhite(1, 1);
+    double value = -1, alpha = -1;
+    EXPECT_FALSE(orv_getWhite(none, &value, &alpha));
+    EXPECT_FALSE(orv_getRed(none, &value, nullptr, nullptr, &alpha));
+    EXPECT_FALSE(orv_getHue(none, &value, nullptr, nullptr, &alpha));
+    EXPECT_FALSE(orv_getLuminance(none, &value));
+    EXPECT_EQ(value, -1.0) << "nothing is stored for no colour";
+    EXPECT_EQ(alpha, -1.0);
+
+    EXPECT_TRUE(orv_hexString(none, true).isNull());
+
+    EXPECT_TRUE(orv_isEqualToColor(none, QColor()));
+    EXPECT_FALSE(orv_isEqualToColor(orv_colorWithWhite(0, 1), none));
+    EXPECT_FALSE(orv_isEqualToColor(none, orv_colorWithWhite(0, 0)));
+    EXPECT_FALSE(orv_grayscaleColor(none).isValid());
+
+    RecordAssertions record;
+    EXPECT_EQ(orv_contrastRatioToColor(none, white), 1.0) << "no contrast is known, not black's 21";
+    EXPECT_EQ(orv_contrastRatioToColor(white, none), 1.0);
+    EXPECT_EQ(orv_rgbMixWithColor(none, white, 0.6), white);
+    EXPECT_FALSE(orv_rgbMixWithColor(none, white, 0.5).isValid());
+    EXPECT_EQ(orv_rgbMixWithColor(white, none, 0.4), white);
+    EXPECT_EQ(record.descriptions(), (QStringList{"Invalid parameter not satisfying: otherColor != nil",
+                                                  "Invalid parameter not satisfying: color != nil"}));
 }
 
 TEST(ColorRobustness, NaNAndInfinityNeverCrash)
