@@ -1,28 +1,33 @@
 #pragma once
 
-// Functional helpers on QList, QSet and ORVMapTable: mapping with dropping and
-// expansion, filtering, zipping, reduction, quantifiers, search, stack and
-// deque operations, reversal and shuffling.
-//
-// Conventions:
-// - Every helper takes the receiver first. Helpers named "...By..." return a
-//   new collection; the others work in place on a non-const receiver.
-// - "Nothing" is std::nullopt, or a null pointer for pointer-like elements
-//   (raw pointers, std::shared_ptr). A mapping callable may return an element,
-//   std::optional of one, an ORVMappingArray / ORVMappingSet carrier (one
-//   element becomes zero or more), or an ORVArrayMapResult / ORVSetMapResult
-//   holding any of these.
-// - Selector forms take a pointer to a member function called without
-//   arguments on each element (on the pointee for pointer-like elements).
-// - An empty callable (null function pointer, empty std::function, null
-//   member-function pointer) fails a parameter assertion ("mapfunc != NULL",
-//   "selector != NULL", ...) reported for the files "NSArray+OrvellaKit",
-//   "NSSet+OrvellaKit" or "NSMapTable+OrvellaKit"; when the assertion handler
-//   returns, the helper returns an empty result and changes nothing.
-// - Nothing locks: an in-place helper must not run while another thread uses
-//   the same collection.
+/// \file
+/// Functional helpers on QList, QSet and ORVMapTable: mapping with dropping and
+/// expansion, filtering, zipping, reduction, quantifiers, search, stack and
+/// deque operations, reversal and shuffling.
+///
+/// Conventions:
+/// - Every helper takes the receiver first. Helpers named "...By..." return a
+///   new collection; the others work in place on a non-const receiver.
+/// - "Nothing" is std::nullopt, or a null pointer for pointer-like elements
+///   (raw pointers, std::shared_ptr). A mapping callable may return an element,
+///   std::optional of one, an ORVMappingArray / ORVMappingSet carrier (one
+///   element becomes zero or more), or an ORVArrayMapResult / ORVSetMapResult
+///   holding any of these.
+/// - Selector forms take a pointer to a member function called without
+///   arguments on each element (on the pointee for pointer-like elements).
+/// - An empty callable (null function pointer, empty std::function, null
+///   member-function pointer) fails a parameter assertion ("mapfunc != NULL",
+///   "selector != NULL", ...) reported for the files "NSArray+OrvellaKit",
+///   "NSSet+OrvellaKit" or "NSMapTable+OrvellaKit"; when the assertion handler
+///   returns, the helper returns an empty result and changes nothing.
+/// - Nothing locks: an in-place helper must not run while another thread uses
+///   the same collection.
+///
+/// Threads: any thread, under the last rule above. Callables run on the
+/// calling thread, before the helper returns; none is kept.
 
 #include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVExport.h>
 
 #include <QHash>
 #include <QList>
@@ -40,12 +45,12 @@
 #include <utility>
 #include <variant>
 
-// The not-found index: the largest signed machine integer.
+/// The not-found index: the largest signed machine integer.
 inline constexpr qsizetype ORVNotFound = std::numeric_limits<qsizetype>::max();
 
-// Hashing of shared pointers by identity, so QSet<std::shared_ptr<T>> and map
-// tables keyed by shared pointers work (found by argument-dependent lookup for
-// classes in the global namespace).
+/// Hashing of shared pointers by identity, so QSet<std::shared_ptr<T>> and map
+/// tables keyed by shared pointers work (found by argument-dependent lookup for
+/// classes in the global namespace).
 template<class T>
 inline size_t qHash(const std::shared_ptr<T> &pointer, size_t seed = 0) noexcept
 {
@@ -60,7 +65,7 @@ inline constexpr const char kMapTableFile[] = "NSMapTable+OrvellaKit";
 template<class T> struct IsStdFunction : std::false_type {};
 template<class S> struct IsStdFunction<std::function<S>> : std::true_type {};
 
-// Whether a callable argument is "NULL": only things that can be empty are.
+/// Whether a callable argument is "NULL": only things that can be empty are.
 template<class F>
 bool isEmptyCallable(const F &callable)
 {
@@ -74,7 +79,7 @@ template<class T> struct IsPointerLike : std::bool_constant<std::is_pointer_v<T>
 template<class T> struct IsPointerLike<std::shared_ptr<T>> : std::true_type {};
 template<class T> struct IsPointerLike<std::optional<T>> : std::true_type {};
 
-// Whether a value stands for "nil".
+/// Whether a value stands for "nil".
 template<class T>
 bool isNil(const T &value)
 {
@@ -84,26 +89,32 @@ bool isNil(const T &value)
         return false;
 }
 
-// What the platform's collection construction does with a nil element.
-[[noreturn]] void rejectNilObject(const char *operation);
+/// What the platform's collection construction does with a nil element.
+[[noreturn]] ORVELLAKIT_EXPORT void rejectNilObject(const char *operation);
 
-// One draw from 0 ..< upperBound, uniform without modulo or multiply bias
-// (QRandomGenerator::bounded() multiplies and shifts without rejecting).
-quint32 uniformRandom(quint32 upperBound);
+/// One draw from 0 ..< upperBound, uniform without modulo or multiply bias
+/// (QRandomGenerator::bounded() multiplies and shifts without rejecting).
+ORVELLAKIT_EXPORT quint32 uniformRandom(quint32 upperBound);
 } // namespace orv::detail
 
 // ---------------------------------------------------------------------------
 // Expansion carriers
 
+/// The array operations' carrier: a mapping callable returns one to put zero
+/// or more objects where the element was (an empty carrier drops it).
+///
+/// Threads: any thread (a value).
+/// Ownership: holds copies of the objects.
 template<class T>
 class ORVMappingArray {
 public:
+    /// Carries nothing.
     ORVMappingArray() = default;
-    // Carries a copy of the objects.
+    /// Carries a copy of the objects.
     static ORVMappingArray mapTo(QList<T> objects) { return ORVMappingArray(std::move(objects)); }
-    // Carries `first` and the following arguments up to the first nothing
-    // (a null pointer-like argument), in order. A nothing `first` fails
-    // "first != nil" and carries nothing.
+    /// Carries `first` and the following arguments up to the first nothing
+    /// (a null pointer-like argument), in order. A nothing `first` fails
+    /// "first != nil" and carries nothing.
     template<class... Rest>
     static ORVMappingArray mapToObjects(T first, Rest &&...rest)
     {
@@ -123,6 +134,7 @@ public:
         (take(std::forward<Rest>(rest)), ...);
         return carrier;
     }
+    /// The objects carried, in order.
     const QList<T> &array() const { return _array; }
 
 private:
@@ -130,13 +142,20 @@ private:
     QList<T> _array;
 };
 
-// The set operations' carrier. It holds an array (not a set), like its array
-// sibling; only the set mapping helpers recognise it.
+/// The set operations' carrier. It holds an array (not a set), like its array
+/// sibling; only the set mapping helpers recognise it.
+///
+/// Threads: any thread (a value).
+/// Ownership: holds copies of the objects.
 template<class T>
 class ORVMappingSet {
 public:
+    /// Carries nothing.
     ORVMappingSet() = default;
+    /// Carries a copy of the objects.
     static ORVMappingSet mapTo(QList<T> objects) { return ORVMappingSet(std::move(objects)); }
+    /// Carries `first` and the following arguments up to the first nothing,
+    /// in order. A nothing `first` fails "first != nil" and carries nothing.
     template<class... Rest>
     static ORVMappingSet mapToObjects(T first, Rest &&...rest)
     {
@@ -146,6 +165,7 @@ public:
         return ORVMappingSet(
             ORVMappingArray<T>::mapToObjects(std::move(first), std::forward<Rest>(rest)...).array());
     }
+    /// The objects carried, in order.
     const QList<T> &array() const { return _array; }
 
 private:
@@ -157,7 +177,7 @@ namespace orv::detail {
 template<class T> struct IsOptional : std::false_type {};
 template<class T> struct IsOptional<std::optional<T>> : std::true_type {};
 
-// The answer of a mapping callable: nothing, one object, or a carrier.
+/// The answer of a mapping callable: nothing, one object, or a carrier.
 template<class T, class Carrier>
 class MapResult {
 public:
@@ -190,7 +210,7 @@ private:
     std::variant<std::monostate, T, Carrier> _value;
 };
 
-// The element type a mapping callable's answer stands for.
+/// The element type a mapping callable's answer stands for.
 template<class R> struct MappedElement { using type = std::remove_cvref_t<R>; };
 template<class T, class C> struct MappedElement<MapResult<T, C>> { using type = T; };
 template<class T> struct MappedElement<std::optional<T>> { using type = T; };
@@ -199,19 +219,20 @@ template<class T> struct MappedElement<ORVMappingSet<T>> { using type = T; };
 template<class R> using MappedElementT = typename MappedElement<std::remove_cvref_t<R>>::type;
 } // namespace orv::detail
 
+/// What an array mapping callable may return: nothing, an element (a
+/// nothing element counts as nothing), or an ORVMappingArray; it converts
+/// from each of them and from std::optional of an element.
 template<class T> using ORVArrayMapResult = orv::detail::MapResult<T, ORVMappingArray<T>>;
+/// The same for the set mapping helpers, with ORVMappingSet as carrier.
 template<class T> using ORVSetMapResult = orv::detail::MapResult<T, ORVMappingSet<T>>;
 
-// A class test for orv_addObject: orv_addObject(list, object, ORVClass<Circle>{}).
-template<class C> struct ORVClass { using type = C; };
+/// A class test for orv_addObject: orv_addObject(list, object, ORVClass<Circle>{}).
+template<class C> struct ORVClass {
+    using type = C; ///< The class tested for.
+};
 
 // ---------------------------------------------------------------------------
-// Map table with strong or weak keys and values.
-//
-// K and V are either ordinary value types (held strongly) or std::weak_ptr<X>
-// (held weakly). A weak entry whose object is gone reads as nothing (a null
-// shared pointer) and is left out by the helpers below; it is purged when its
-// key is set again. Weak keys are compared by object identity.
+// Map table
 
 namespace orv::detail {
 template<class X> struct MapSlot {
@@ -235,6 +256,17 @@ template<class X> struct MapKey<std::weak_ptr<X>> {
 };
 } // namespace orv::detail
 
+/// Map table with strong or weak keys and values.
+///
+/// K and V are either ordinary value types (held strongly) or std::weak_ptr<X>
+/// (held weakly). A weak entry whose object is gone reads as nothing (a null
+/// shared pointer) and is left out by the helpers below; it is purged when its
+/// key is set again. Weak keys are compared by object identity.
+///
+/// Threads: any thread; not locked: one table must not be changed while
+/// another thread uses it.
+/// Ownership: strong keys and values are held by value; weak ones do not keep
+/// their objects alive.
 template<class K, class V>
 class ORVMapTable {
     using KeySlot = orv::detail::MapSlot<K>;
@@ -242,17 +274,21 @@ class ORVMapTable {
     using KeyIndex = orv::detail::MapKey<K>;
 
 public:
+    /// The key as the table takes and hands it out: K, or std::shared_ptr<X>
+    /// for a weak key.
     using KeyType = typename KeySlot::Read;
+    /// The value as the table takes and hands it out: V, or std::shared_ptr<X>
+    /// for a weak value.
     using ValueType = typename ValueSlot::Read;
 
-    // Sets the value for the key; a nothing key or value is ignored.
+    /// Sets the value for the key; a nothing key or value is ignored.
     void setObject(const ValueType &value, const KeyType &key)
     {
         if (orv::detail::isNil(key) || orv::detail::isNil(value))
             return;
         _entries.insert(KeyIndex::hashed(key), Entry{K(key), V(value)});
     }
-    // The value, or nothing when the key is absent or its key or value is gone.
+    /// The value, or nothing when the key is absent or its key or value is gone.
     std::optional<ValueType> objectForKey(const KeyType &key) const
     {
         const auto found = _entries.constFind(KeyIndex::hashed(key));
@@ -260,18 +296,20 @@ public:
             return std::nullopt;
         return ValueSlot::read(found->value);
     }
+    /// Removes the entry for the key, if any.
     void removeObjectForKey(const KeyType &key) { _entries.remove(KeyIndex::hashed(key)); }
+    /// Removes every entry.
     void removeAllObjects() { _entries.clear(); }
-    // The number of entries held, vanished weak ones included until purged.
+    /// The number of entries held, vanished weak ones included until purged.
     qsizetype count() const { return _entries.size(); }
-    // Removes the entries whose weak key or value is gone.
+    /// Removes the entries whose weak key or value is gone.
     void purge()
     {
         _entries.removeIf([](const auto &entry) { return !entry.value().alive(); });
     }
 
-    // The keys and values as held; gone weak entries read as nothing. These
-    // are snapshots, so the table may change while they are walked.
+    /// The keys and values as held; gone weak entries read as nothing. These
+    /// are snapshots, so the table may change while they are walked.
     QList<KeyType> keyEnumerator() const
     {
         QList<KeyType> keys;
@@ -280,6 +318,7 @@ public:
             keys.append(KeySlot::read(entry.key));
         return keys;
     }
+    /// The values, in the order of keyEnumerator().
     QList<ValueType> objectEnumerator() const
     {
         QList<ValueType> values;
@@ -301,8 +340,8 @@ private:
 // ---------------------------------------------------------------------------
 // Arrays (new results)
 
-// Builds [block(0), ..., block(count - 1)]. A nothing result raises the
-// ORVException "NSInvalidArgumentException", as inserting nil would.
+/// Builds [block(0), ..., block(count - 1)]. A nothing result raises the
+/// ORVException "NSInvalidArgumentException", as inserting nil would.
 template<class F>
 auto orv_arrayWithCount(qsizetype count, F block) -> QList<std::remove_cvref_t<std::invoke_result_t<F &, qsizetype>>>
 {
@@ -321,8 +360,8 @@ auto orv_arrayWithCount(qsizetype count, F block) -> QList<std::remove_cvref_t<s
     return result;
 }
 
-// Maps in order: an element answer is appended, a carrier's objects are
-// spliced in, nothing drops the element. mapfunc(element, index).
+/// Maps in order: an element answer is appended, a carrier's objects are
+/// spliced in, nothing drops the element. mapfunc(element, index).
 template<class T, class F>
 auto orv_arrayByMappingWithBlock(const QList<T> &array, F mapfunc)
     -> QList<orv::detail::MappedElementT<std::invoke_result_t<F &, const T &, qsizetype>>>
@@ -343,6 +382,7 @@ auto orv_arrayByMappingWithBlock(const QList<T> &array, F mapfunc)
     return result;
 }
 
+/// orv_arrayByMappingWithBlock() with `selector` called on each element.
 template<class T, class M>
     requires std::is_member_function_pointer_v<M>
 auto orv_arrayByMappingWithSelector(const QList<T> &array, M selector)
@@ -356,8 +396,8 @@ auto orv_arrayByMappingWithSelector(const QList<T> &array, M selector)
     });
 }
 
-// A strong-to-strong table of element -> mapfunc(element); later equal keys
-// overwrite earlier ones.
+/// A strong-to-strong table of element -> mapfunc(element); later equal keys
+/// overwrite earlier ones.
 template<class T, class F>
 auto orv_mapTableWithBlock(const QList<T> &array, F mapfunc)
 {
@@ -371,6 +411,7 @@ auto orv_mapTableWithBlock(const QList<T> &array, F mapfunc)
     return table;
 }
 
+/// orv_mapTableWithBlock() with `selector` called on each element.
 template<class T, class M>
     requires std::is_member_function_pointer_v<M>
 auto orv_mapTableWithSelector(const QList<T> &array, M selector)
@@ -382,7 +423,7 @@ auto orv_mapTableWithSelector(const QList<T> &array, M selector)
     return orv_mapTableWithBlock(array, [selector](const T &object) { return std::invoke(selector, object); });
 }
 
-// Left fold in order: accumulator = reducefunc(element, index, accumulator).
+/// Left fold in order: accumulator = reducefunc(element, index, accumulator).
 template<class T, class A, class F>
 A orv_reduce(const QList<T> &array, F reducefunc, A initially)
 {
@@ -395,8 +436,8 @@ A orv_reduce(const QList<T> &array, F reducefunc, A initially)
     return accumulator;
 }
 
-// The same starting from "nothing": A's default value. Name A explicitly:
-// orv_reduce<int>(numbers, sum).
+/// The same starting from "nothing": A's default value. Name A explicitly:
+/// orv_reduce<int>(numbers, sum).
 template<class A, class T, class F>
 A orv_reduce(const QList<T> &array, F reducefunc)
 {
@@ -406,8 +447,8 @@ A orv_reduce(const QList<T> &array, F reducefunc)
     return orv_reduce(array, std::move(reducefunc), A());
 }
 
-// Whether predicate(element, index) holds for some element (false for an
-// empty array); stops at the first that does.
+/// Whether predicate(element, index) holds for some element (false for an
+/// empty array); stops at the first that does.
 template<class T, class F>
 bool orv_any(const QList<T> &array, F predicate)
 {
@@ -421,8 +462,8 @@ bool orv_any(const QList<T> &array, F predicate)
     return false;
 }
 
-// Whether predicate(element, index) holds for every element (true for an
-// empty array); stops at the first that does not.
+/// Whether predicate(element, index) holds for every element (true for an
+/// empty array); stops at the first that does not.
 template<class T, class F>
 bool orv_all(const QList<T> &array, F predicate)
 {
@@ -435,8 +476,8 @@ bool orv_all(const QList<T> &array, F predicate)
     return true;
 }
 
-// The first element passing predicate(element, index), or nothing. `index`
-// receives its position or ORVNotFound.
+/// The first element passing predicate(element, index), or nothing. `index`
+/// receives its position or ORVNotFound.
 template<class T, class F>
 std::optional<T> orv_objectPassingTest(const QList<T> &array, F predicate, qsizetype *index = nullptr)
 {
@@ -456,7 +497,7 @@ std::optional<T> orv_objectPassingTest(const QList<T> &array, F predicate, qsize
     return std::nullopt;
 }
 
-// Equal counts and comparator(own, other, index) for every position.
+/// Equal counts and comparator(own, other, index) for every position.
 template<class T, class O, class F>
 bool orv_isEqualToArray(const QList<T> &array, const QList<O> &other, F comparator)
 {
@@ -470,6 +511,7 @@ bool orv_isEqualToArray(const QList<T> &array, const QList<O> &other, F comparat
     });
 }
 
+/// The elements in reverse order.
 template<class T>
 QList<T> orv_arrayByReversing(const QList<T> &array)
 {
@@ -479,9 +521,9 @@ QList<T> orv_arrayByReversing(const QList<T> &array)
 // ---------------------------------------------------------------------------
 // Arrays (in place)
 
-// Maps in place. The index given to mapfunc is the current position plus the
-// number of elements dropped so far, so after an expansion it is not the
-// element's original index; the objects of a carrier are not visited again.
+/// Maps in place. The index given to mapfunc is the current position plus the
+/// number of elements dropped so far, so after an expansion it is not the
+/// element's original index; the objects of a carrier are not visited again.
 template<class T, class F>
 void orv_mapWithBlock(QList<T> &array, F mapfunc)
 {
@@ -513,6 +555,7 @@ void orv_mapWithBlock(QList<T> &array, F mapfunc)
     }
 }
 
+/// orv_mapWithBlock() with `selector` called on each element.
 template<class T, class M>
     requires std::is_member_function_pointer_v<M>
 void orv_mapWithSelector(QList<T> &array, M selector)
@@ -524,8 +567,8 @@ void orv_mapWithSelector(QList<T> &array, M selector)
                      [selector](const T &object, qsizetype) { return ORVArrayMapResult<T>(std::invoke(selector, object)); });
 }
 
-// Keeps the elements passing filterFunc(element, index) and returns the
-// removed ones in their former order. The index follows orv_mapWithBlock.
+/// Keeps the elements passing filterFunc(element, index) and returns the
+/// removed ones in their former order. The index follows orv_mapWithBlock.
 template<class T, class F>
 QList<T> orv_filterWithBlock(QList<T> &array, F filterFunc)
 {
@@ -544,9 +587,9 @@ QList<T> orv_filterWithBlock(QList<T> &array, F filterFunc)
     return removed;
 }
 
-// Zips in place: for every index below the larger count the block gets
-// (own or null, other or null, index). An answer replaces or appends; nothing
-// marks an existing element for removal after the walk.
+/// Zips in place: for every index below the larger count the block gets
+/// (own or null, other or null, index). An answer replaces or appends; nothing
+/// marks an existing element for removal after the walk.
 template<class T, class O, class F>
 void orv_zipWithArray(QList<T> &array, const QList<O> &other, F combineFunc)
 {
@@ -572,6 +615,9 @@ void orv_zipWithArray(QList<T> &array, const QList<O> &other, F combineFunc)
         array.remove(*it);
 }
 
+/// Inserts the object at the front. A nothing object fails "obj != nil" and,
+/// when the handler returns, raises the ORVException
+/// "NSInvalidArgumentException" (as inserting nil would).
 template<class T>
 void orv_pushFront(QList<T> &array, T object)
 {
@@ -581,6 +627,7 @@ void orv_pushFront(QList<T> &array, T object)
     array.prepend(std::move(object));
 }
 
+/// Appends the object; a nothing object fails as in orv_pushFront().
 template<class T>
 void orv_pushBack(QList<T> &array, T object)
 {
@@ -590,6 +637,7 @@ void orv_pushBack(QList<T> &array, T object)
     array.append(std::move(object));
 }
 
+/// Removes and returns the first element; nothing for an empty array.
 template<class T>
 std::optional<T> orv_popFront(QList<T> &array)
 {
@@ -598,6 +646,7 @@ std::optional<T> orv_popFront(QList<T> &array)
     return array.takeFirst();
 }
 
+/// Removes and returns the last element; nothing for an empty array.
 template<class T>
 std::optional<T> orv_popBack(QList<T> &array)
 {
@@ -606,6 +655,7 @@ std::optional<T> orv_popBack(QList<T> &array)
     return array.takeLast();
 }
 
+/// Reverses the order of the elements in place.
 template<class T>
 void orv_reverse(QList<T> &array)
 {
@@ -616,8 +666,8 @@ void orv_reverse(QList<T> &array)
         array.swapItemsAt(i, count - 1 - i);
 }
 
-// Fisher-Yates: for i from count-1 down to 1, exchange i with a uniform draw
-// from 0 ... i.
+/// Fisher-Yates: for i from count-1 down to 1, exchange i with a uniform draw
+/// from 0 ... i.
 template<class T>
 void orv_shuffleUsingFisherYates(QList<T> &array)
 {
@@ -627,8 +677,8 @@ void orv_shuffleUsingFisherYates(QList<T> &array)
         array.swapItemsAt(i, orv::detail::uniformRandom(static_cast<quint32>(i + 1)));
 }
 
-// Appends the object when it is something and its pointee is a C (or derived
-// from C); returns whether it did.
+/// Appends the object when it is something and its pointee is a C (or derived
+/// from C); returns whether it did.
 template<class T, class U, class C>
 bool orv_addObject(QList<T> &array, const U &object, ORVClass<C>)
 {
@@ -641,8 +691,8 @@ bool orv_addObject(QList<T> &array, const U &object, ORVClass<C>)
     return true;
 }
 
-// The elements passing filterFunc(element, index); `filteredObjects`
-// receives the rejected ones (an empty list for an empty array).
+/// The elements passing filterFunc(element, index); `filteredObjects`
+/// receives the rejected ones (an empty list for an empty array).
 template<class T, class F>
 QList<T> orv_arrayByFilteringWithBlock(const QList<T> &array, F filterFunc, QList<T> *filteredObjects = nullptr)
 {
@@ -658,7 +708,7 @@ QList<T> orv_arrayByFilteringWithBlock(const QList<T> &array, F filterFunc, QLis
     return kept;
 }
 
-// Zips into a copy; see orv_zipWithArray.
+/// Zips into a copy; see orv_zipWithArray.
 template<class T, class O, class F>
 QList<T> orv_arrayByZippingWithArray(const QList<T> &array, const QList<O> &other, F combineFunc)
 {
@@ -670,6 +720,7 @@ QList<T> orv_arrayByZippingWithArray(const QList<T> &array, const QList<O> &othe
     return zipped;
 }
 
+/// A shuffled copy; see orv_shuffleUsingFisherYates().
 template<class T>
 QList<T> orv_arrayByShufflingUsingFisherYates(const QList<T> &array)
 {
@@ -678,8 +729,8 @@ QList<T> orv_arrayByShufflingUsingFisherYates(const QList<T> &array)
     return shuffled;
 }
 
-// A uniformly drawn element; the only element without drawing; nothing for
-// an empty array.
+/// A uniformly drawn element; the only element without drawing; nothing for
+/// an empty array.
 template<class T>
 std::optional<T> orv_randomObject(const QList<T> &array)
 {
@@ -693,8 +744,8 @@ std::optional<T> orv_randomObject(const QList<T> &array)
 // ---------------------------------------------------------------------------
 // Sets
 
-// mapfunc(element): an answer is added, an ORVMappingSet adds its objects,
-// nothing adds nothing.
+/// mapfunc(element): an answer is added, an ORVMappingSet adds its objects,
+/// nothing adds nothing.
 template<class T, class F>
 auto orv_setByMappingWithBlock(const QSet<T> &set, F mapfunc)
     -> QSet<orv::detail::MappedElementT<std::invoke_result_t<F &, const T &>>>
@@ -717,6 +768,7 @@ auto orv_setByMappingWithBlock(const QSet<T> &set, F mapfunc)
     return result;
 }
 
+/// orv_setByMappingWithBlock() with `selector` called on each element.
 template<class T, class M>
     requires std::is_member_function_pointer_v<M>
 auto orv_setByMappingWithSelector(const QSet<T> &set, M selector)
@@ -729,6 +781,7 @@ auto orv_setByMappingWithSelector(const QSet<T> &set, M selector)
         set, [selector](const T &object) { return ORVSetMapResult<U>(std::invoke(selector, object)); });
 }
 
+/// A strong-to-strong table of element -> mapfunc(element).
 template<class T, class F>
 auto orv_mapTableWithBlock(const QSet<T> &set, F mapfunc)
 {
@@ -742,6 +795,7 @@ auto orv_mapTableWithBlock(const QSet<T> &set, F mapfunc)
     return table;
 }
 
+/// orv_mapTableWithBlock() with `selector` called on each element.
 template<class T, class M>
     requires std::is_member_function_pointer_v<M>
 auto orv_mapTableWithSelector(const QSet<T> &set, M selector)
@@ -753,7 +807,7 @@ auto orv_mapTableWithSelector(const QSet<T> &set, M selector)
     return orv_mapTableWithBlock(set, [selector](const T &object) { return std::invoke(selector, object); });
 }
 
-// accumulator = reducefunc(element, accumulator) in the set's order.
+/// accumulator = reducefunc(element, accumulator) in the set's order.
 template<class T, class A, class F>
 A orv_reduce(const QSet<T> &set, F reducefunc, A initially)
 {
@@ -766,6 +820,7 @@ A orv_reduce(const QSet<T> &set, F reducefunc, A initially)
     return accumulator;
 }
 
+/// The same starting from A's default value: orv_reduce<int>(numbers, sum).
 template<class A, class T, class F>
 A orv_reduce(const QSet<T> &set, F reducefunc)
 {
@@ -775,6 +830,9 @@ A orv_reduce(const QSet<T> &set, F reducefunc)
     return orv_reduce(set, std::move(reducefunc), A());
 }
 
+/// Whether predicate(element) holds for some element (false for an empty
+/// set). The assertion's condition text is "reducefunc != NULL", as for the
+/// arrays.
 template<class T, class F>
 bool orv_any(const QSet<T> &set, F predicate)
 {
@@ -784,6 +842,8 @@ bool orv_any(const QSet<T> &set, F predicate)
     return std::any_of(set.cbegin(), set.cend(), [&](const T &object) { return std::invoke(predicate, object); });
 }
 
+/// Whether predicate(element) holds for every element (true for an empty
+/// set).
 template<class T, class F>
 bool orv_all(const QSet<T> &set, F predicate)
 {
@@ -793,6 +853,8 @@ bool orv_all(const QSet<T> &set, F predicate)
     return std::all_of(set.cbegin(), set.cend(), [&](const T &object) { return std::invoke(predicate, object); });
 }
 
+/// An element passing predicate(element) (the first in the set's order), or
+/// nothing.
 template<class T, class F>
 std::optional<T> orv_objectPassingTest(const QSet<T> &set, F predicate)
 {
@@ -805,7 +867,7 @@ std::optional<T> orv_objectPassingTest(const QSet<T> &set, F predicate)
     return std::nullopt;
 }
 
-// In place: the set becomes orv_setByMappingWithBlock(set, mapfunc).
+/// In place: the set becomes orv_setByMappingWithBlock(set, mapfunc).
 template<class T, class F>
 void orv_mapWithBlock(QSet<T> &set, F mapfunc)
 {
@@ -815,6 +877,7 @@ void orv_mapWithBlock(QSet<T> &set, F mapfunc)
     set = orv_setByMappingWithBlock(std::as_const(set), std::move(mapfunc));
 }
 
+/// orv_mapWithBlock() with `selector` called on each element.
 template<class T, class M>
     requires std::is_member_function_pointer_v<M>
 void orv_mapWithSelector(QSet<T> &set, M selector)
@@ -825,6 +888,7 @@ void orv_mapWithSelector(QSet<T> &set, M selector)
     set = orv_setByMappingWithSelector(std::as_const(set), selector);
 }
 
+/// Removes and returns some element; nothing for an empty set.
 template<class T>
 std::optional<T> orv_removeAnyObject(QSet<T> &set)
 {
@@ -836,6 +900,7 @@ std::optional<T> orv_removeAnyObject(QSet<T> &set)
     return object;
 }
 
+/// Removes and returns the element orv_objectPassingTest() finds, or nothing.
 template<class T, class F>
 std::optional<T> orv_removeObjectPassingTest(QSet<T> &set, F predicate)
 {
@@ -851,6 +916,7 @@ std::optional<T> orv_removeObjectPassingTest(QSet<T> &set, F predicate)
 // ---------------------------------------------------------------------------
 // Map tables
 
+/// Every key held, once (a set), gone weak keys left out.
 template<class K, class V>
 auto orv_allKeys(const ORVMapTable<K, V> &table)
 {
@@ -861,7 +927,7 @@ auto orv_allKeys(const ORVMapTable<K, V> &table)
     return keys;
 }
 
-// Every value once (a set), gone weak values left out.
+/// Every value once (a set), gone weak values left out.
 template<class K, class V>
 auto orv_allObjects(const ORVMapTable<K, V> &table)
 {
@@ -872,9 +938,9 @@ auto orv_allObjects(const ORVMapTable<K, V> &table)
     return values;
 }
 
-// block(key, value, &stop) for every entry whose key and value are there;
-// stop ends the walk. The walk is over a snapshot of the keys, so the block
-// may change the table.
+/// block(key, value, &stop) for every entry whose key and value are there;
+/// stop ends the walk. The walk is over a snapshot of the keys, so the block
+/// may change the table.
 template<class K, class V, class F>
 void orv_enumerateKeysAndObjectsUsingBlock(const ORVMapTable<K, V> &table, F block)
 {

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <OrvellaKit/ORVExport.h>
+#include <OrvellaKit/ORVVersionMacros.h>
+
 #include <QString>
 
-// The library's version, "major.minor.patch".
-QString ORVOrvellaKitVersionString();
+/// The loaded library's version, "major.minor.patch" (ORVELLAKIT_VERSION_STR
+/// is the version of the headers compiled against).
+ORVELLAKIT_EXPORT QString ORVOrvellaKitVersionString();

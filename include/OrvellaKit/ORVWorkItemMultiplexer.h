@@ -1,18 +1,7 @@
 #pragma once
 
-// ORVWorkItemMultiplexer joins identical work: while an item for a key is
-// running, further requests for that key start nothing; their handlers wait
-// and are all called with the item that ran and its error, in arrival order,
-// one task each on that item's completion queue, after the item's own
-// completion. Work without a key starts directly.
-//
-// A key is never left waiting: when the first request's item was started
-// already (its completion is someone else's) or its start() throws, the key
-// is released at once and every handler recorded for it runs with the
-// error "com.orvella.orvellakit" ORVWorkItemMultiplexerItemNotStartableErrorCode
-// (what start() threw is rethrown to the first caller afterwards).
-//
-// Key is any type that QHash can hash and compare (QString by default).
+/// \file
+/// ORVWorkItemMultiplexer: one run of a work item for many identical requests.
 
 #include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVWorkItem.h>
@@ -25,16 +14,37 @@
 #include <mutex>
 #include <optional>
 
+/// Joins identical work: while an item for a key is running, further
+/// requests for that key start nothing; their handlers wait and are all
+/// called with the item that ran and its error, in arrival order, one task
+/// each on that item's completion queue, after the item's own completion.
+/// Work without a key starts directly.
+///
+/// A key is never left waiting: when the first request's item was started
+/// already (its completion is someone else's) or its start() throws, the key
+/// is released at once and every handler recorded for it runs with the
+/// error "com.orvella.orvellakit" ORVWorkItemMultiplexerItemNotStartableErrorCode
+/// (what start() threw is rethrown to the first caller afterwards).
+///
+/// Key is any type that QHash can hash and compare (QString by default).
+///
+/// Thread rule: any thread; handlers run on the item's completion queue.
+/// Ownership: the multiplexer keeps the running item and the waiting handlers
+/// of a key until the key is finished. The item's completion handler shares
+/// that state, so a multiplexer destroyed while work runs still answers its
+/// waiters.
 template <typename Key = QString>
 class ORVWorkItemMultiplexer {
 public:
+    /// What a request is answered with: the item that ran and its error.
     using CompletionHandler = ORVWorkItem::CompletionHandler;
 
+    /// A multiplexer with no running item.
     ORVWorkItemMultiplexer() : _shared(std::make_shared<Shared>()) {}
 
-    // With no key: the item gets the handler and starts. With a key: the
-    // first request records and starts its item; later ones, while it runs,
-    // only queue their handler (their own item is never started or kept).
+    /// With no key: the item gets the handler and starts. With a key: the
+    /// first request records and starts its item; later ones, while it runs,
+    /// only queue their handler (their own item is never started or kept).
     void startWorkItemIfNeeded(const std::shared_ptr<ORVWorkItem> &item, const std::optional<Key> &key,
                                CompletionHandler handler)
     {
@@ -81,10 +91,12 @@ public:
         }
     }
 
-    // Called by the running item's own completion.
+    /// Called by the running item's own completion: ends the key's waiting
+    /// and answers its handlers with the recorded item and `error`. Does
+    /// nothing for a key without a running item.
     void finishWorkItemForKey(const Key &key, const ORVError &error) { finish(_shared, key, error, nullptr); }
 
-    // Keys with a running item.
+    /// Keys with a running item.
     qsizetype runningCount() const
     {
         std::lock_guard lock(_shared->lock);
@@ -104,9 +116,9 @@ private:
                         {{ORVLocalizedDescriptionKey, QStringLiteral("The work item %1.").arg(what)}});
     }
 
-    // Ends the key's waiting: its handlers get the recorded item and the
-    // error. With `expected`, only while that item is the one recorded (a
-    // late completion must not end a later item's key).
+    /// Ends the key's waiting: its handlers get the recorded item and the
+    /// error. With `expected`, only while that item is the one recorded (a
+    /// late completion must not end a later item's key).
     static void finish(const std::shared_ptr<Shared> &shared, const Key &key, const ORVError &error,
                        const std::shared_ptr<ORVWorkItem> &expected)
     {

@@ -1,6 +1,12 @@
 #pragma once
 
-// The core headers of OrvellaKit.
+/// \file
+/// The core headers of OrvellaKit: includes every public header of the
+/// OrvellaKit library (everything but the window components, which are in
+/// `<OrvellaKitWidgets/OrvellaKitWidgets.h>`).
+///
+/// Link OrvellaKit::OrvellaKit. Each header states the thread rule of what it
+/// declares; unless it says otherwise, objects are used on the main thread.
 
 #include <OrvellaKit/ORVAsyncOperation.h>
 #include <OrvellaKit/ORVBezierPath.h>
@@ -20,6 +26,7 @@
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVException.h>
+#include <OrvellaKit/ORVExport.h>
 #include <OrvellaKit/ORVGeometry.h>
 #include <OrvellaKit/ORVISO8601DateFormatter.h>
 #include <OrvellaKit/ORVImage.h>
@@ -48,5 +55,6 @@
 #include <OrvellaKit/ORVUbiquitousKeyValueStore.h>
 #include <OrvellaKit/ORVUserDefaults.h>
 #include <OrvellaKit/ORVVersion.h>
+#include <OrvellaKit/ORVVersionMacros.h>
 #include <OrvellaKit/ORVWorkItem.h>
 #include <OrvellaKit/ORVWorkItemMultiplexer.h>

@@ -1,8 +1,12 @@
 #pragma once
 
-// The window components of OrvellaKit, on Qt Widgets.
+/// \file
+/// The window components of OrvellaKit, on Qt Widgets.
+
+#include <OrvellaKitWidgets/ORVWidgetsExport.h>
 
 #include <QString>
 
-// The version of the widgets library; it matches ORVOrvellaKitVersionString().
-QString ORVOrvellaKitWidgetsVersionString();
+/// The version of the widgets library; it matches ORVOrvellaKitVersionString().
+/// Any thread.
+ORVELLAKIT_WIDGETS_EXPORT QString ORVOrvellaKitWidgetsVersionString();

@@ -27,7 +27,7 @@ class ORVDistributedNotificationRelay : public QObject {
 public:
     explicit ORVDistributedNotificationRelay(ORVDistributedNotificationCenter *center) : _center(center) {}
 
-public slots:
+public Q_SLOTS:
     // The message names its sender's unique bus name, which the bus daemon
     // can map to a process.
     void deliver(const QString &name, const QString &object, const QDBusMessage &message)

@@ -45,7 +45,7 @@ public:
     qint64 memoryCacheSize() const { return _memoryUsed; }
     qint64 diskCacheSize() const;
 
-public slots:
+public Q_SLOTS:
     void clear() override;
 
 private:

@@ -289,7 +289,7 @@ void ORVCrashReportWindowController::contactCardArrived(const std::optional<ORVC
             (!focused || focused == nameField || focused == emailField) && nameUntouched && emailUntouched)
             _ui->_commentsTextView->setFocus();
     }
-    emit contactCardLookupFinished();
+    Q_EMIT contactCardLookupFinished();
 }
 
 void ORVCrashReportWindowController::send()

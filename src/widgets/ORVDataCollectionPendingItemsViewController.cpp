@@ -74,7 +74,7 @@ public:
     void datesChanged()
     {
         if (!_controller->_rows.isEmpty())
-            emit dataChanged(index(0, 1), index(rowCount() - 1, 1));
+            Q_EMIT dataChanged(index(0, 1), index(rowCount() - 1, 1));
     }
     void removeRowAt(int row, const std::function<void()> &remove)
     {

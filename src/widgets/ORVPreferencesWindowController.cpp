@@ -96,7 +96,7 @@ void ORVPreferencesWindow::cancelOperation()
 void ORVPreferencesWindow::setVisible(bool visible)
 {
     if (!visible && isVisible())
-        emit willHide();
+        Q_EMIT willHide();
     QMainWindow::setVisible(visible);
 }
 
@@ -111,7 +111,7 @@ void ORVPreferencesWindow::keyPressEvent(QKeyEvent *event)
 
 void ORVPreferencesWindow::closeEvent(QCloseEvent *event)
 {
-    emit willClose();
+    Q_EMIT willClose();
     QMainWindow::closeEvent(event);
 }
 
@@ -119,7 +119,7 @@ void ORVPreferencesWindow::showEvent(QShowEvent *event)
 {
     QMainWindow::showEvent(event);
     if (!event->spontaneous())
-        emit didShow();
+        Q_EMIT didShow();
 }
 
 // ---------------------------------------------------------------------------
@@ -324,7 +324,7 @@ void ORVPreferencesWindowController::selectPreferencesViewController(ORVPreferen
     setSelectedItemIdentifier(QString::number(index));
     QPointer<ORVPreferencesViewController> previous = _activeViewController;
     _activeViewController = viewController;
-    emit activeViewControllerChanged(viewController);
+    Q_EMIT activeViewControllerChanged(viewController);
 
     // Lift the previous pane's size limits, or the new frame would be held
     // to them, and lay the window out so the content height is current.
@@ -424,7 +424,7 @@ void ORVPreferencesWindowController::finishTransition(ORVPreferencesViewControll
             first->setFocus();
         activeViewDidAppear();
     }
-    emit transitionFinished();
+    Q_EMIT transitionFinished();
     if (ORVPreferencesViewController *requested = std::exchange(_requestedViewController, nullptr))
         selectPreferencesViewController(requested, true);
 }
