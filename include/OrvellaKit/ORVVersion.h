@@ -1,5 +1,9 @@
 #pragma once
 
+/// \file
+/// The version of the loaded library. The version of the headers compiled
+/// against is in ORVVersionMacros.h. Any thread.
+
 #include <OrvellaKit/ORVExport.h>
 #include <OrvellaKit/ORVVersionMacros.h>
 

@@ -17,8 +17,10 @@
 # Either way the block's #include lines go first in the file, before
 # ReadmePrelude.h (a precompiled prelude comes before everything, though),
 # and #line directives point every diagnostic at README's own lines.
-# Blocks of other languages (```sh, ```text, a bare ```) are skipped
-# whole, whatever they contain. A file is rewritten only when its text
+# Blocks are fenced with three or more backticks or tildes; those marked
+# cpp, c++, cxx, cc or hpp (any case) are compiled, and blocks of other
+# languages (```sh, ```text, a bare ```) are skipped whole, whatever they
+# contain. A file is rewritten only when its text
 # changes, so an edit that moves no example recompiles nothing.
 #
 # The number of blocks must be EXPECTED_COUNT; CMake asks for it with
@@ -57,6 +59,11 @@ function fail(line, message) {
     failed = 1
     exit 1
 }
+function closes(line,    closing) {
+    closing = line
+    gsub(/[ \t]/, "", closing)
+    return substr(closing, 1, 1) == substr(fence, 1, 1) && length(closing) >= length(fence)
+}
 function isInclude(line) {
     return line ~ /^[ \t]*#[ \t]*include[ \t]*[<"]/
 }
@@ -92,7 +99,9 @@ BEGIN {
 {
     sub(/\r$/, "")
     if (block != "") {
-        if ($0 ~ /^[ \t]*```[ \t]*$/) {
+        # A fence closes with at least as many of its own characters and
+        # nothing after them, so a longer fence can show a shorter one.
+        if (match($0, /^[ \t]*(```+|~~~+)[ \t]*$/) && closes($0)) {
             if (block == "cpp")
                 flush()
             block = ""
@@ -101,23 +110,30 @@ BEGIN {
         }
         next
     }
-    if ($0 ~ /^[ \t]*```[ \t]*(cpp|c\+\+|cxx)([ \t].*)?$/) {
-        block = "cpp"
-        ++count
+    if (match($0, /^[ \t]*(```+|~~~+)/)) {
+        fence = substr($0, RSTART, RLENGTH)
+        sub(/^[ \t]*/, "", fence)
+        info = tolower(substr($0, RSTART + RLENGTH))
+        sub(/^[ \t]*/, "", info)
+        sub(/[ \t].*$/, "", info)
         start = NR
-        first = NR + 1
-        lines = 0
-        scope = marked ? "file" : "function"
-        marked = 0
+        # Every spelling that renders as C++ is compiled.
+        if (info ~ /^(cpp|c\+\+|cxx|cc|hpp)$/) {
+            block = "cpp"
+            ++count
+            first = NR + 1
+            lines = 0
+            scope = marked ? "file" : "function"
+            marked = 0
+            next
+        }
+        if (marked)
+            fail(NR - 1, "`<!-- snippet: file scope -->` must be the line just before a ```cpp fence")
+        block = "other"
         next
     }
     if (marked)
         fail(NR - 1, "`<!-- snippet: file scope -->` must be the line just before a ```cpp fence")
-    if ($0 ~ /^[ \t]*```/) {
-        block = "other"
-        start = NR
-        next
-    }
     if ($0 ~ /^[ \t]*<!--[ \t]*snippet:/) {
         if ($0 !~ /^[ \t]*<!--[ \t]*snippet:[ \t]*file scope[ \t]*-->[ \t]*$/)
             fail(NR, "unknown snippet marker (the one there is: <!-- snippet: file scope -->)")

@@ -1,0 +1,25 @@
+# Install-time part of the pkg-config files: fills in the folders of this
+# installation (absolute ones kept as they are) and writes the files into
+# <libdir>/pkgconfig, under DESTDIR when packaging.
+function(orv_absolute_install_dir dir out)
+    if(IS_ABSOLUTE "${dir}")
+        set(${out} "${dir}" PARENT_SCOPE)
+    else()
+        set(${out} "${CMAKE_INSTALL_PREFIX}/${dir}" PARENT_SCOPE)
+    endif()
+endfunction()
+
+orv_absolute_install_dir("${ORVELLAKIT_PC_LIBDIR}" libdir)
+orv_absolute_install_dir("${ORVELLAKIT_PC_INCLUDEDIR}" includedir)
+orv_absolute_install_dir("${ORVELLAKIT_PC_TRANSLATIONSDIR}" translationsdir)
+foreach(pc orvellakit orvellakit-widgets)
+    file(READ "${ORVELLAKIT_PC_TEMPLATES}/${pc}.pc.in" text)
+    string(REPLACE "%PREFIX%" "${CMAKE_INSTALL_PREFIX}" text "${text}")
+    string(REPLACE "%LIBDIR%" "${libdir}" text "${text}")
+    string(REPLACE "%INCLUDEDIR%" "${includedir}" text "${text}")
+    string(REPLACE "%TRANSLATIONSDIR%" "${translationsdir}" text "${text}")
+    set(destination "$ENV{DESTDIR}${libdir}/pkgconfig/${pc}.pc")
+    message(STATUS "Installing: ${destination}")
+    file(WRITE "${destination}" "${text}")
+    list(APPEND CMAKE_INSTALL_MANIFEST_FILES "${destination}")
+endforeach()
