@@ -212,8 +212,8 @@ void BM_AccountRequestsCached(benchmark::State &state)
 
 BENCHMARK(BM_TokenQueuedReply)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iterations(20);
 BENCHMARK(BM_TokenCachedReply)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iterations(20);
-BENCHMARK(BM_AccountRequestsCold)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5)->Repetitions(3);
-BENCHMARK(BM_AccountRequestsCached)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5)->Repetitions(3);
+BENCHMARK(BM_AccountRequestsCold)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+BENCHMARK(BM_AccountRequestsCached)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 
 static orv::bench::RegisterReport queuedReply("token_queued_reply_median", "BM_TokenQueuedReply");
 static orv::bench::RegisterReport cachedReply("token_cached_reply_median", "BM_TokenCachedReply");

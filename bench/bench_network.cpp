@@ -138,9 +138,9 @@ void BM_NetworkAccountOurs(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(BM_NetworkQNAM)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(3);
-BENCHMARK(BM_NetworkSimpleOurs)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(3);
-BENCHMARK(BM_NetworkAccountOurs)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(3);
+BENCHMARK(BM_NetworkQNAM)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NetworkSimpleOurs)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_NetworkAccountOurs)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 static orv::bench::RegisterComparison simpleVsQNAM("network_simple_vs_qnam", "BM_NetworkSimpleOurs", "BM_NetworkQNAM");
 static orv::bench::RegisterComparison accountVsQNAM("network_account_vs_qnam", "BM_NetworkAccountOurs", "BM_NetworkQNAM");

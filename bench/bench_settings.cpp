@@ -69,8 +69,8 @@ void BM_QSettingsSet(benchmark::State &state)
 
 } // namespace
 
-BENCHMARK(BM_DefaultsSetObserved)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(3);
-BENCHMARK(BM_QSettingsSet)->Unit(benchmark::kMillisecond)->UseRealTime()->Repetitions(3);
+BENCHMARK(BM_DefaultsSetObserved)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_QSettingsSet)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 static orv::bench::RegisterComparison setVsQSettings("defaults_set_vs_qsettings", "BM_DefaultsSetObserved",
                                                      "BM_QSettingsSet");
