@@ -12,6 +12,7 @@
 #include <QString>
 
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <functional>
 #include <map>
@@ -178,9 +179,13 @@ private:
     std::map<QString, std::vector<std::shared_ptr<ORVDefaultsObserverInfo>>> _infoForKeys;
     void changeArrived(const QString &keyPath);
     void scheduleDelivery(const QString &keyPath);
-    /// Keys with a change on its way to the main queue (any thread).
+    /// Per key, whether a change is on its way to the main queue (any
+    /// thread). The store's handler for the key holds the same flag and
+    /// reads it before anything else, so the sets that follow the first in a
+    /// pass of the loop cost one atomic load here.
+    std::shared_ptr<std::atomic<bool>> changePostedFlag(const QString &keyPath);
     std::mutex _changesLock;
-    QSet<QString> _changeTaskPosted;
+    QHash<QString, std::shared_ptr<std::atomic<bool>>> _changeTaskPosted;
     /// Main thread only: per key, the changes seen and the delivery waiting.
     struct PendingDelivery {
         quint64 changes = 0;

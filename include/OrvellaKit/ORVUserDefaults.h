@@ -5,17 +5,22 @@
 
 #include <OrvellaKit/ORVExport.h>
 
+#include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QVariant>
 #include <QVariantMap>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <utility>
+#include <vector>
 
 class QFileSystemWatcher;
 class QSettings;
@@ -122,16 +127,34 @@ private:
     ORVUserDefaults(QString filePath, QString registryKey);
     static std::shared_ptr<ORVUserDefaults> defaultsInMemory(const QString &name);
     void fileMayHaveChanged();
-    void notify(const QStringList &keys);
+    void syncLocked();
+    void foldSetsIntoSnapshotLocked();
+    /// One key's handlers, by context. Replaced (never changed) when one is
+    /// added or removed, so a change report copies one pointer under the lock.
+    using Handlers = std::vector<std::pair<const void *, std::shared_ptr<ChangeHandler>>>;
+    std::shared_ptr<const Handlers> handlersLocked(const QString &key) const;
+    void notify(const QString &key);
+    void notify(const QString &key, const std::shared_ptr<const Handlers> &handlers);
 
     QString _filePath;
     QString _registryKey;
     mutable std::mutex _lock;
     QSettings *_settings = nullptr;
     QFileSystemWatcher *_watcher = nullptr;
-    QVariantMap _snapshot;   ///< what the file held at the last look, plus our sets
+    QVariantMap _snapshot;   ///< what the file held at the last look, plus our folded sets
+    /// Keys set here since the last fold into the snapshot. A set only marks
+    /// its key; the snapshot form of the value is worked out once per pass of
+    /// the event loop (or when the file changes), not on every set.
+    QSet<QString> _setSinceSnapshot;
+    QString _lastSetKey; ///< the key last marked, which a run of sets repeats
     QVariantMap _registered; ///< registered defaults
     QVariantMap _values;     ///< the values of a store without a file
-    mutable std::mutex _observersLock;
-    std::map<QString, std::map<const void *, std::shared_ptr<ChangeHandler>>> _observers;
+    /// The observed keys' handlers, under _lock (the lock a set takes
+    /// anyway, so a set takes one lock in all).
+    QHash<QString, std::shared_ptr<const Handlers>> _observers;
+    std::atomic<int> _observedKeys = 0; ///< _observers.size(), read without the lock
+    /// The handlers of the key set last, while no observer came or went: a
+    /// run of sets of one key looks them up once.
+    QString _cachedHandlersKey;
+    std::shared_ptr<const Handlers> _cachedHandlers;
 };

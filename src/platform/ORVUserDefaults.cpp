@@ -183,7 +183,7 @@ bool ORVUserDefaults::eventFilter(QObject *watched, QEvent *event)
 {
     if (watched == _settings && event->type() == QEvent::UpdateRequest) {
         std::lock_guard lock(_lock);
-        _settings->sync();
+        syncLocked();
         return true;
     }
     return QObject::eventFilter(watched, event);
@@ -252,8 +252,14 @@ void ORVUserDefaults::setObject(const QVariant &value, const QString &key)
 {
     if (key.isEmpty())
         return;
+    std::shared_ptr<const Handlers> handlers;
     {
         std::lock_guard lock(_lock);
+        if (key != _cachedHandlersKey) {
+            _cachedHandlers = handlersLocked(key);
+            _cachedHandlersKey = key;
+        }
+        handlers = _cachedHandlers;
         if (!_settings) {
             if (value.isValid())
                 _values.insert(key, value);
@@ -261,16 +267,34 @@ void ORVUserDefaults::setObject(const QVariant &value, const QString &key)
                 _values.remove(key);
         } else if (value.isValid()) {
             _settings->setValue(key, value);
-            // What the file will say once read back: INI keeps text, and
-            // for whole numbers, booleans and text that is the value's own
-            // text form; other types are asked for.
-            _snapshot.insert(key, isKeptAsItsText(value) ? QVariant(value.toString()) : _settings->value(key));
+            if (key != _lastSetKey) {
+                _setSinceSnapshot.insert(key);
+                _lastSetKey = key;
+            }
         } else {
             _settings->remove(key);
             _snapshot.remove(key);
+            _setSinceSnapshot.remove(key);
+            _lastSetKey.clear();
         }
     }
-    notify({key});
+    notify(key, handlers);
+}
+
+// Before the settings object reads the file again: the values set here are
+// what the file says from now on, in the form it will give them back (INI
+// keeps whole numbers, booleans and text as their own text; other types are
+// asked for). Done after that read, another process's value would be taken
+// for ours and its change never reported.
+void ORVUserDefaults::foldSetsIntoSnapshotLocked()
+{
+    for (const QString &key : std::as_const(_setSinceSnapshot)) {
+        const QVariant value = _settings->value(key);
+        if (value.isValid())
+            _snapshot.insert(key, isKeptAsItsText(value) ? QVariant(value.toString()) : value);
+    }
+    _setSinceSnapshot.clear();
+    _lastSetKey.clear();
 }
 
 void ORVUserDefaults::registerDefaults(const QVariantMap &defaults)
@@ -286,7 +310,7 @@ bool ORVUserDefaults::synchronize()
     // A store in memory has nowhere to write to.
     if (!_settings)
         return false;
-    _settings->sync();
+    syncLocked();
     return _settings->status() == QSettings::NoError;
 }
 
@@ -297,6 +321,7 @@ void ORVUserDefaults::fileMayHaveChanged()
     QStringList changed;
     {
         std::lock_guard lock(_lock);
+        foldSetsIntoSnapshotLocked();
         _settings->sync();
         const QVariantMap now = readAll(*_settings);
         for (auto it = now.begin(); it != now.end(); ++it) {
@@ -309,47 +334,82 @@ void ORVUserDefaults::fileMayHaveChanged()
         }
         _snapshot = now;
     }
-    if (!changed.isEmpty())
-        notify(changed);
+    for (const QString &key : std::as_const(changed))
+        notify(key);
 }
 
-void ORVUserDefaults::notify(const QStringList &keys)
+std::shared_ptr<const ORVUserDefaults::Handlers> ORVUserDefaults::handlersLocked(const QString &key) const
 {
-    for (const QString &key : keys) {
-        std::vector<std::shared_ptr<ChangeHandler>> handlers;
-        {
-            std::lock_guard lock(_observersLock);
-            const auto found = _observers.find(key);
-            if (found == _observers.end())
-                continue;
-            for (const auto &[context, handler] : found->second)
-                handlers.push_back(handler);
-        }
-        for (const auto &handler : handlers)
-            (*handler)(key, *this);
+    // Most stores, and most keys, have no observer.
+    if (_observedKeys.load(std::memory_order_acquire) == 0)
+        return nullptr;
+    const auto found = _observers.constFind(key);
+    return found == _observers.cend() ? nullptr : found.value();
+}
+
+// Writes the store's changes; what was set is in the snapshot first.
+void ORVUserDefaults::syncLocked()
+{
+    foldSetsIntoSnapshotLocked();
+    _settings->sync();
+}
+
+void ORVUserDefaults::notify(const QString &key)
+{
+    std::shared_ptr<const Handlers> handlers;
+    {
+        std::lock_guard lock(_lock);
+        handlers = handlersLocked(key);
     }
+    notify(key, handlers);
+}
+
+// Without the lock: a handler may call back into the store.
+void ORVUserDefaults::notify(const QString &key, const std::shared_ptr<const Handlers> &handlers)
+{
+    if (!handlers)
+        return;
+    for (const auto &[context, handler] : *handlers)
+        (*handler)(key, *this);
 }
 
 void ORVUserDefaults::addObserver(const void *context, const QString &key, ChangeHandler handler)
 {
-    std::lock_guard lock(_observersLock);
-    _observers[key][context] = std::make_shared<ChangeHandler>(std::move(handler));
+    std::lock_guard lock(_lock);
+    auto &current = _observers[key];
+    auto handlers = current ? std::make_shared<Handlers>(*current) : std::make_shared<Handlers>();
+    auto made = std::make_shared<ChangeHandler>(std::move(handler));
+    const auto same = std::find_if(handlers->begin(), handlers->end(), [&](const auto &entry) { return entry.first == context; });
+    if (same != handlers->end())
+        same->second = std::move(made);
+    else
+        handlers->emplace_back(context, std::move(made));
+    current = std::move(handlers);
+    _cachedHandlersKey.clear();
+    _cachedHandlers.reset();
+    _observedKeys.store(static_cast<int>(_observers.size()), std::memory_order_release);
 }
 
 void ORVUserDefaults::removeObserver(const void *context, const QString &key)
 {
-    std::lock_guard lock(_observersLock);
+    std::lock_guard lock(_lock);
     const auto found = _observers.find(key);
     if (found == _observers.end())
         return;
-    found->second.erase(context);
-    if (found->second.empty())
+    auto handlers = std::make_shared<Handlers>(*found.value());
+    std::erase_if(*handlers, [&](const auto &entry) { return entry.first == context; });
+    if (handlers->empty())
         _observers.erase(found);
+    else
+        found.value() = std::move(handlers);
+    _cachedHandlersKey.clear();
+    _cachedHandlers.reset();
+    _observedKeys.store(static_cast<int>(_observers.size()), std::memory_order_release);
 }
 
 int ORVUserDefaults::observerCount(const QString &key) const
 {
-    std::lock_guard lock(_observersLock);
-    const auto found = _observers.find(key);
-    return found == _observers.end() ? 0 : static_cast<int>(found->second.size());
+    std::lock_guard lock(_lock);
+    const auto found = _observers.constFind(key);
+    return found == _observers.cend() ? 0 : static_cast<int>(found.value()->size());
 }

@@ -86,7 +86,10 @@ void ORVDefaultsObserver::addInfo(std::weak_ptr<void> object, const void *identi
     if (infos.empty()) {
         std::weak_ptr<ORVDefaultsObserver> weakSelf = weak_from_this();
         const void *context = this;
-        _defaults->addObserver(this, key, [weakSelf, context](const QString &changed, ORVUserDefaults &store) {
+        auto posted = changePostedFlag(key);
+        _defaults->addObserver(this, key, [weakSelf, context, posted](const QString &changed, ORVUserDefaults &store) {
+            if (posted->load(std::memory_order_acquire))
+                return; // the change on its way covers this one
             if (auto self = weakSelf.lock())
                 self->observeValueForKeyPath(changed, &store, context);
         });
@@ -142,12 +145,8 @@ void ORVDefaultsObserver::observeValueForKeyPath(const QString &keyPath, const O
         return;
     // One main-queue task per key at a time: changes that come while one is
     // waiting are already covered by it.
-    {
-        std::lock_guard lock(_changesLock);
-        if (_changeTaskPosted.contains(keyPath))
-            return;
-        _changeTaskPosted.insert(keyPath);
-    }
+    if (changePostedFlag(keyPath)->exchange(true, std::memory_order_acq_rel))
+        return;
     std::weak_ptr<ORVDefaultsObserver> weakSelf = weak_from_this();
     ORVDispatchQueue::mainQueue()->async([weakSelf, keyPath] {
         if (auto self = weakSelf.lock())
@@ -155,12 +154,18 @@ void ORVDefaultsObserver::observeValueForKeyPath(const QString &keyPath, const O
     });
 }
 
+std::shared_ptr<std::atomic<bool>> ORVDefaultsObserver::changePostedFlag(const QString &keyPath)
+{
+    std::lock_guard lock(_changesLock);
+    auto &flag = _changeTaskPosted[keyPath];
+    if (!flag)
+        flag = std::make_shared<std::atomic<bool>>(false);
+    return flag;
+}
+
 void ORVDefaultsObserver::changeArrived(const QString &keyPath)
 {
-    {
-        std::lock_guard lock(_changesLock);
-        _changeTaskPosted.remove(keyPath);
-    }
+    changePostedFlag(keyPath)->store(false, std::memory_order_release);
     PendingDelivery &pending = _pendingDeliveries[keyPath];
     ++pending.changes;
     if (!pending.scheduled) {
