@@ -12,6 +12,7 @@
 
 #include <functional>
 #include <memory>
+#include <atomic>
 #include <mutex>
 
 /// An asynchronous operation whose life follows the work item's state
@@ -79,9 +80,12 @@ public:
     void setCompletionHandler(CompletionHandler handler);
 
 private:
-    qint8 _state = ORVWorkItemStateNotStarted;
+    /// Changed under _stateLock (with its notifications); read without it,
+    /// since the queue asks an operation whether it finished several times
+    /// per operation.
+    std::atomic<qint8> _state = ORVWorkItemStateNotStarted;
     mutable ORVRecursiveLock _stateLock;  ///< "state"
-    bool _cancelled = false;
+    std::atomic<bool> _cancelled = false; ///< changed under _cancelLock, read without it
     mutable ORVRecursiveLock _cancelLock; ///< "cancel"
     CompletionHandler _completionHandler;
     mutable ORVUnfairLock _completionHandlerLock;

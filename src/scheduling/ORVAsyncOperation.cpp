@@ -12,22 +12,21 @@ const QString kExecutionHandler = QStringLiteral("executionHandler");
 ORVAsyncOperation::ORVAsyncOperation() = default;
 ORVAsyncOperation::~ORVAsyncOperation() = default;
 
+// The state changes under its lock; a read needs none. A reader on another
+// thread may see the new state while its observers are still being told.
 bool ORVAsyncOperation::isExecuting() const
 {
-    std::lock_guard lock(_stateLock);
-    return _state == ORVWorkItemStateStarted;
+    return _state.load(std::memory_order_acquire) == ORVWorkItemStateStarted;
 }
 
 bool ORVAsyncOperation::isFinished() const
 {
-    std::lock_guard lock(_stateLock);
-    return _state == ORVWorkItemStateFinished;
+    return _state.load(std::memory_order_acquire) == ORVWorkItemStateFinished;
 }
 
 bool ORVAsyncOperation::isCancelled() const
 {
-    std::lock_guard lock(_cancelLock);
-    return _cancelled;
+    return _cancelled.load(std::memory_order_acquire);
 }
 
 // Observers may drop the last reference to the operation from inside a
@@ -42,7 +41,7 @@ bool ORVAsyncOperation::tryStart()
     if (_state != ORVWorkItemStateNotStarted)
         return false;
     willChangeValueForKey(kIsExecuting);
-    _state = ORVWorkItemStateStarted;
+    _state.store(ORVWorkItemStateStarted, std::memory_order_release);
     didChangeValueForKey(kIsExecuting);
     return true;
 }
@@ -56,7 +55,7 @@ bool ORVAsyncOperation::tryFinish()
     // "isExecuting": the operation stops executing here and is finished only
     // in finishWithError().
     willChangeValueForKey(kIsExecuting);
-    _state = ORVWorkItemStateFinishing;
+    _state.store(ORVWorkItemStateFinishing, std::memory_order_release);
     didChangeValueForKey(kIsExecuting);
     return true;
 }
@@ -68,7 +67,7 @@ bool ORVAsyncOperation::tryCancel()
     if (_cancelled)
         return false;
     willChangeValueForKey(kIsCancelled);
-    _cancelled = true;
+    _cancelled.store(true, std::memory_order_release);
     didChangeValueForKey(kIsCancelled);
     return true;
 }
@@ -90,7 +89,7 @@ void ORVAsyncOperation::finishWithError(const ORVError &error)
         misuse = _state != ORVWorkItemStateNotStarted && _state != ORVWorkItemStateFinishing;
         if (!misuse) {
             willChangeValueForKey(kIsFinished);
-            _state = ORVWorkItemStateFinished;
+            _state.store(ORVWorkItemStateFinished, std::memory_order_release);
             didChangeValueForKey(kIsFinished);
         }
     }
