@@ -524,7 +524,21 @@ QSet<QString> orv_suffixes(const QString &string)
 
 QString orv_suffixStringForFTSIndex(const QString &string)
 {
-    const QString lowered = string.toLower();
+    // Only the first 10,000 words are visited, so only they are lower-cased:
+    // a long text past them costs a scan for white space, not a second copy
+    // of itself (which, for tens of megabytes, is fresh memory from the
+    // system on every call). Lower-casing neither makes nor takes white
+    // space, so the words are the same before and after it.
+    const auto &separators = ORVCharacterSet::whitespaceAndNewlineCharacterSet();
+    qsizetype visitedEnd = string.size();
+    int counted = 0;
+    forEachWord(string, separators, [&](QStringView word) {
+        if (++counted <= 9999)
+            return true;
+        visitedEnd = word.data() + word.size() - string.constData();
+        return false;
+    });
+    const QString lowered = visitedEnd == string.size() ? string.toLower() : string.left(visitedEnd).toLower();
     // Views into `lowered`: no suffix is copied until the final join.
     QSet<QStringView> suffixes;
     // A word met before as a word added exactly the suffixes it would add
@@ -532,7 +546,7 @@ QString orv_suffixStringForFTSIndex(const QString &string)
     // of up to a hundred. It still counts as a word visited.
     QSet<QStringView> words;
     int wordCount = 0;
-    forEachWord(lowered, ORVCharacterSet::whitespaceAndNewlineCharacterSet(), [&](QStringView word) {
+    forEachWord(lowered, separators, [&](QStringView word) {
         const qsizetype knownWords = words.size();
         words.insert(word);
         if (words.size() == knownWords)
