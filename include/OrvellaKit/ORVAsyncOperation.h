@@ -12,7 +12,6 @@
 
 #include <functional>
 #include <memory>
-#include <atomic>
 #include <mutex>
 
 /// An asynchronous operation whose life follows the work item's state
@@ -80,12 +79,9 @@ public:
     void setCompletionHandler(CompletionHandler handler);
 
 private:
-    /// Changed under _stateLock (with its notifications); read without it,
-    /// since the queue asks an operation whether it finished several times
-    /// per operation.
-    std::atomic<qint8> _state = ORVWorkItemStateNotStarted;
+    qint8 _state = ORVWorkItemStateNotStarted;
     mutable ORVRecursiveLock _stateLock;  ///< "state"
-    std::atomic<bool> _cancelled = false; ///< changed under _cancelLock, read without it
+    bool _cancelled = false;
     mutable ORVRecursiveLock _cancelLock; ///< "cancel"
     CompletionHandler _completionHandler;
     mutable ORVUnfairLock _completionHandlerLock;

@@ -12,21 +12,22 @@ const QString kExecutionHandler = QStringLiteral("executionHandler");
 ORVAsyncOperation::ORVAsyncOperation() = default;
 ORVAsyncOperation::~ORVAsyncOperation() = default;
 
-// The state changes under its lock; a read needs none. A reader on another
-// thread may see the new state while its observers are still being told.
 bool ORVAsyncOperation::isExecuting() const
 {
-    return _state.load(std::memory_order_acquire) == ORVWorkItemStateStarted;
+    std::lock_guard lock(_stateLock);
+    return _state == ORVWorkItemStateStarted;
 }
 
 bool ORVAsyncOperation::isFinished() const
 {
-    return _state.load(std::memory_order_acquire) == ORVWorkItemStateFinished;
+    std::lock_guard lock(_stateLock);
+    return _state == ORVWorkItemStateFinished;
 }
 
 bool ORVAsyncOperation::isCancelled() const
 {
-    return _cancelled.load(std::memory_order_acquire);
+    std::lock_guard lock(_cancelLock);
+    return _cancelled;
 }
 
 // Observers may drop the last reference to the operation from inside a
@@ -41,7 +42,7 @@ bool ORVAsyncOperation::tryStart()
     if (_state != ORVWorkItemStateNotStarted)
         return false;
     willChangeValueForKey(kIsExecuting);
-    _state.store(ORVWorkItemStateStarted, std::memory_order_release);
+    _state = ORVWorkItemStateStarted;
     didChangeValueForKey(kIsExecuting);
     return true;
 }
@@ -55,7 +56,7 @@ bool ORVAsyncOperation::tryFinish()
     // "isExecuting": the operation stops executing here and is finished only
     // in finishWithError().
     willChangeValueForKey(kIsExecuting);
-    _state.store(ORVWorkItemStateFinishing, std::memory_order_release);
+    _state = ORVWorkItemStateFinishing;
     didChangeValueForKey(kIsExecuting);
     return true;
 }
@@ -67,7 +68,7 @@ bool ORVAsyncOperation::tryCancel()
     if (_cancelled)
         return false;
     willChangeValueForKey(kIsCancelled);
-    _cancelled.store(true, std::memory_order_release);
+    _cancelled = true;
     didChangeValueForKey(kIsCancelled);
     return true;
 }
@@ -89,7 +90,7 @@ void ORVAsyncOperation::finishWithError(const ORVError &error)
         misuse = _state != ORVWorkItemStateNotStarted && _state != ORVWorkItemStateFinishing;
         if (!misuse) {
             willChangeValueForKey(kIsFinished);
-            _state.store(ORVWorkItemStateFinished, std::memory_order_release);
+            _state = ORVWorkItemStateFinished;
             didChangeValueForKey(kIsFinished);
         }
     }
