@@ -6,6 +6,7 @@
 #include <OrvellaKit/ORVOperation.h>
 
 #include <atomic>
+#include <chrono>
 #include <thread>
 
 using namespace orv::test;
@@ -180,6 +181,44 @@ TEST(AsyncOperation, HandlerThatFinishesLater)
     queue.waitUntilAllOperationsAreFinished();
     EXPECT_TRUE(secondRan);
     EXPECT_TRUE(first->isFinished());
+}
+
+// A change of state is one step with its notifications: another thread
+// that asks, or a queue the operation is added to meanwhile, sees it
+// finished only once the "isFinished" observers have run.
+TEST(AsyncOperation, OtherThreadsSeeTheFinishOnlyAfterItsObservers)
+{
+    struct SlowObserver : ORVOperationObserver {
+        std::atomic<bool> entered = false;
+        std::atomic<bool> done = false;
+        void operationDidChangeValueForKey(ORVOperation &, const QString &key) override
+        {
+            if (key != ORVOperationIsFinishedKey)
+                return;
+            entered = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(200));
+            done = true;
+        }
+    };
+    for (const bool throughAQueue : {false, true}) {
+        SCOPED_TRACE(throughAQueue ? "added to a queue meanwhile" : "asked directly");
+        auto operation = std::make_shared<ORVAsyncOperation>();
+        auto observer = std::make_shared<SlowObserver>();
+        operation->addObserver(observer);
+        std::thread canceller([&] { operation->cancel(); });
+        while (!observer->entered)
+            std::this_thread::yield();
+        if (throughAQueue) {
+            ORVOperationQueue queue;
+            queue.addOperation(operation);
+            queue.waitUntilAllOperationsAreFinished();
+            EXPECT_TRUE(observer->done) << "the queue let the operation go before its observers ran";
+        } else {
+            EXPECT_TRUE(operation->isFinished());
+            EXPECT_TRUE(observer->done) << "finished was visible before its observers ran";
+        }
+        canceller.join();
+    }
 }
 
 TEST(OperationQueue, RespectsTheMaximumAndRunsEverything)
