@@ -121,6 +121,52 @@ constexpr int kDefaultLimit = 64;
 constexpr auto kRunnerLinger = std::chrono::milliseconds(2);
 } // namespace
 
+// The waiting operations, first in first out. A deque allocates a block
+// every few dozen pushes that the runner then frees while the producer holds
+// malloc's arena lock; here the storage is kept and reused, so the queue's
+// critical sections make no allocation once it has grown to its working size.
+class OperationFifo {
+public:
+    using Slots = std::vector<std::shared_ptr<ORVOperation>>;
+    bool empty() const { return _head == _slots.size(); }
+    size_t size() const { return _slots.size() - _head; }
+    Slots::iterator begin() { return _slots.begin() + static_cast<std::ptrdiff_t>(_head); }
+    Slots::iterator end() { return _slots.end(); }
+    Slots::const_iterator begin() const { return _slots.begin() + static_cast<std::ptrdiff_t>(_head); }
+    Slots::const_iterator end() const { return _slots.end(); }
+    void push_back(const std::shared_ptr<ORVOperation> &operation)
+    {
+        // Full, with the front half taken already: slide down instead of
+        // growing, so a steady stream stays in the same storage.
+        if (_slots.size() == _slots.capacity() && _head >= _slots.size() / 2 && _head > 0) {
+            _slots.erase(_slots.begin(), begin());
+            _head = 0;
+        }
+        _slots.push_back(operation);
+    }
+    std::shared_ptr<ORVOperation> pop_front()
+    {
+        auto operation = std::move(_slots[_head++]);
+        if (_head == _slots.size()) {
+            _slots.clear(); // keeps the capacity
+            _head = 0;
+        }
+        return operation;
+    }
+    void erase(Slots::iterator at)
+    {
+        _slots.erase(at);
+        if (_head == _slots.size()) {
+            _slots.clear();
+            _head = 0;
+        }
+    }
+
+private:
+    Slots _slots;
+    size_t _head = 0;
+};
+
 // The queue's state. It observes its operations and is shared with the
 // runner tasks, so it outlives a queue object destroyed while work runs.
 //
@@ -132,11 +178,12 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
     // from putting each other to sleep in the kernel on every collision.
     mutable ORVUnfairLock mutex;
     std::condition_variable_any idle;
+    int idleWaiters = 0; // threads in waitUntilAllOperationsAreFinished()
     QString name;
     int maxCount = ORVOperationQueueDefaultMaxConcurrentOperationCount;
     ORVDispatchQueue::QualityOfService qos = ORVDispatchQueue::QualityOfService::Default;
     bool suspended = false;
-    std::deque<std::shared_ptr<ORVOperation>> waiting;
+    OperationFifo waiting;
     std::vector<std::shared_ptr<ORVOperation>> running;
     int runners = 0;
     int idleRunners = 0;
@@ -169,6 +216,38 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
         return !suspended && !waiting.empty() && running.size() < static_cast<size_t>(limit());
     }
 
+    // With the mutex held: takes the operation out of the running (or
+    // waiting) list and wakes waiters once the queue is empty.
+    std::shared_ptr<ORVOperation> removeLocked(const ORVOperation *operation)
+    {
+        std::shared_ptr<ORVOperation> removed;
+        auto it = std::find_if(running.begin(), running.end(), [&](const auto &op) { return op.get() == operation; });
+        if (it != running.end()) {
+            removed = std::move(*it);
+            running.erase(it);
+        } else {
+            auto waitingIt =
+                std::find_if(waiting.begin(), waiting.end(), [&](const auto &op) { return op.get() == operation; });
+            if (waitingIt == waiting.end())
+                return nullptr;
+            removed = std::move(*waitingIt);
+            waiting.erase(waitingIt);
+            waitingCount.store(waiting.size(), std::memory_order_relaxed);
+        }
+        if (idleWaiters > 0 && waiting.empty() && running.empty())
+            idle.notify_all();
+        return removed;
+    }
+
+    // With the mutex held: moves the next waiting operation to the running list.
+    std::shared_ptr<ORVOperation> takeNextLocked()
+    {
+        auto operation = waiting.pop_front();
+        waitingCount.store(waiting.size(), std::memory_order_relaxed);
+        running.push_back(operation);
+        return operation;
+    }
+
     // A runner takes operations one after another while the limit allows,
     // so a stream of short operations needs no thread hand-off per operation.
     // Out of work, it lingers a moment for more before it gives its thread
@@ -176,45 +255,50 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
     // runner instead of starting a new one for each.
     void run()
     {
+        // A synchronous operation (or one whose start() threw) ends when
+        // start() returns; it is taken out under the same lock as the next
+        // one is taken. Held, so that its address names it until then.
+        std::shared_ptr<ORVOperation> done;
         for (;;) {
             std::shared_ptr<ORVOperation> operation;
             {
+                std::shared_ptr<ORVOperation> removed; // released without the mutex
+                const std::shared_ptr<ORVOperation> ended = std::move(done);
                 std::unique_lock lock(mutex);
-                if (!canStartOne() && waitingCount.load(std::memory_order_relaxed) == 0) {
+                if (ended)
+                    removed = removeLocked(ended.get());
+                if (!canStartOne()) {
+                    lock.unlock();
+                    removed.reset();
                     // A producer adding one operation after another is
                     // usually a moment behind: look again for a few
                     // microseconds before sleeping, which spares it a wake-up
                     // call per operation.
-                    lock.unlock();
                     for (int spin = 0; spin < 512 && waitingCount.load(std::memory_order_relaxed) == 0; ++spin)
                         ORV_CPU_RELAX();
                     lock.lock();
-                }
-                if (!canStartOne()) {
-                    ++idleRunners;
-                    const bool more = workAvailable.wait_for(lock, kRunnerLinger, [&] { return canStartOne(); });
-                    --idleRunners;
-                    if (!more) {
-                        --runners;
-                        return;
+                    if (!canStartOne()) {
+                        ++idleRunners;
+                        const bool more = workAvailable.wait_for(lock, kRunnerLinger, [&] { return canStartOne(); });
+                        --idleRunners;
+                        if (!more) {
+                            --runners;
+                            return;
+                        }
                     }
                 }
-                operation = std::move(waiting.front());
-                waiting.pop_front();
-                waitingCount.store(waiting.size(), std::memory_order_relaxed);
-                running.push_back(operation);
+                operation = takeNextLocked();
             }
             try {
                 operation->start();
+                if (!operation->isAsynchronous())
+                    done = std::move(operation);
             } catch (const std::exception &e) {
                 // The operation cannot finish any more; do not let it hold a
                 // place in the queue for ever.
                 qCritical("ORVOperationQueue: an operation's start() threw: %s", e.what());
-                finished(operation.get());
-                continue;
+                done = std::move(operation);
             }
-            if (!operation->isAsynchronous())
-                finished(operation.get());
         }
     }
 
@@ -224,24 +308,12 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
         bool spawn = false;
         {
             std::lock_guard lock(mutex);
-            auto it = std::find_if(running.begin(), running.end(), [&](const auto &op) { return op.get() == operation; });
-            if (it != running.end()) {
-                removed = std::move(*it);
-                running.erase(it);
-            } else {
-                auto waitingIt = std::find_if(waiting.begin(), waiting.end(),
-                                              [&](const auto &op) { return op.get() == operation; });
-                if (waitingIt == waiting.end())
-                    return;
-                removed = std::move(*waitingIt);
-                waiting.erase(waitingIt);
-                waitingCount.store(waiting.size(), std::memory_order_relaxed);
-            }
+            removed = removeLocked(operation);
+            if (!removed)
+                return;
             spawn = needsRunner();
             if (spawn)
                 ++runners;
-            if (waiting.empty() && running.empty())
-                idle.notify_all();
         }
         if (spawn)
             startRunner();
@@ -379,5 +451,7 @@ void ORVOperationQueue::cancelAllOperations()
 void ORVOperationQueue::waitUntilAllOperationsAreFinished()
 {
     std::unique_lock lock(_shared->mutex);
+    ++_shared->idleWaiters;
     _shared->idle.wait(lock, [&] { return _shared->waiting.empty() && _shared->running.empty(); });
+    --_shared->idleWaiters;
 }

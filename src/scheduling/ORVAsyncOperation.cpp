@@ -2,6 +2,8 @@
 #include <OrvellaKit/ORVErrors.h>
 #include <OrvellaKit/ORVException.h>
 
+#include "ORVRecycledAllocator.h"
+
 namespace {
 const QString &kIsExecuting = ORVOperationIsExecutingKey;
 const QString &kIsFinished = ORVOperationIsFinishedKey;
@@ -140,7 +142,9 @@ ORVBlockOperation::~ORVBlockOperation() = default;
 std::shared_ptr<ORVBlockOperation>
 ORVBlockOperation::blockOperationWithBlock(std::function<void(const std::shared_ptr<ORVBlockOperation> &)> block)
 {
-    auto operation = std::make_shared<ORVBlockOperation>();
+    // Made here and usually freed by the pool thread that ran it: recycled
+    // between the two in batches rather than through malloc's arena lock.
+    auto operation = std::allocate_shared<ORVBlockOperation>(orv::detail::RecycledAllocator<ORVBlockOperation>());
     // The block waits in a member, so the handler captures nothing and needs
     // no allocation of its own.
     operation->_block = std::move(block);

@@ -7,7 +7,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <thread>
+#include <vector>
 
 using namespace orv::test;
 
@@ -246,6 +248,85 @@ TEST(OperationQueue, RespectsTheMaximumAndRunsEverything)
     operation->setCompletionBlock([&] { completionBlockRan = true; });
     queue.addOperation(operation);
     EXPECT_TRUE(waitUntil([&] { return completionBlockRan.load(); }));
+}
+
+// Operations made on several threads and freed on the queue's: each runs
+// once and in the order its thread added it, a new operation never shares its
+// address with one still held, and cancelled waiting operations leave the
+// order of the rest as it was.
+TEST(OperationQueue, StreamsFromSeveralThreadsRunOnceInOrder)
+{
+    constexpr int kProducers = 3;
+    constexpr int kEach = 3000;
+    ORVOperationQueue queue;
+    queue.setMaxConcurrentOperationCount(1);
+    std::vector<int> next(kProducers, 0);
+    std::atomic<int> outOfOrder = 0;
+    std::atomic<int> sharedAddress = 0;
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&, p] {
+            std::deque<std::shared_ptr<ORVBlockOperation>> held; // the last 64 made here
+            for (int i = 0; i < kEach; ++i) {
+                auto operation = ORVBlockOperation::blockOperationWithBlock([&, p, i](const auto &) {
+                    // One at a time (serial queue), so the counters need no lock.
+                    if (next[p] != i)
+                        ++outOfOrder;
+                    next[p] = i + 1;
+                });
+                for (const auto &other : held)
+                    if (other.get() == operation.get())
+                        ++sharedAddress;
+                held.push_back(operation);
+                if (held.size() > 64)
+                    held.pop_front();
+                queue.addOperation(operation);
+            }
+        });
+    }
+    for (auto &producer : producers)
+        producer.join();
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(next, std::vector<int>(kProducers, kEach));
+    EXPECT_EQ(outOfOrder.load(), 0);
+    EXPECT_EQ(sharedAddress.load(), 0) << "a live operation's memory was handed out again";
+    EXPECT_EQ(queue.operationCount(), 0);
+
+    // Synchronous operations end when start() returns.
+    struct Counting : ORVOperation {
+        std::atomic<int> *runs;
+        explicit Counting(std::atomic<int> *counter) : runs(counter) {}
+        void start() override { ++*runs; }
+        void cancel() override {}
+        bool isExecuting() const override { return false; }
+        bool isFinished() const override { return false; }
+        bool isCancelled() const override { return false; }
+    };
+    std::atomic<int> runs = 0;
+    for (int i = 0; i < 500; ++i)
+        queue.addOperation(std::make_shared<Counting>(&runs));
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(runs.load(), 500);
+    EXPECT_EQ(queue.operationCount(), 0);
+
+    queue.setSuspended(true);
+    std::vector<int> ran;
+    std::vector<std::shared_ptr<ORVBlockOperation>> operations;
+    for (int i = 0; i < 200; ++i) {
+        operations.push_back(ORVBlockOperation::blockOperationWithBlock([&ran, i](const auto &) { ran.push_back(i); }));
+        queue.addOperation(operations.back());
+    }
+    std::vector<int> expected;
+    for (int i = 0; i < 200; ++i) {
+        if (i % 3 == 0)
+            operations[static_cast<size_t>(i)]->cancel();
+        else
+            expected.push_back(i);
+    }
+    EXPECT_EQ(queue.operationCount(), static_cast<qsizetype>(expected.size()));
+    queue.setSuspended(false);
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(ran, expected);
 }
 
 TEST(MainQueueFunctions, InlineOnTheMainQueue)
