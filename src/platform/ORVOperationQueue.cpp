@@ -147,22 +147,30 @@ public:
     std::shared_ptr<ORVOperation> pop_front()
     {
         auto operation = std::move(_slots[_head++]);
-        if (_head == _slots.size()) {
-            _slots.clear(); // keeps the capacity
-            _head = 0;
-        }
+        if (_head == _slots.size())
+            clear();
         return operation;
     }
     void erase(Slots::iterator at)
     {
         _slots.erase(at);
-        if (_head == _slots.size()) {
-            _slots.clear();
-            _head = 0;
-        }
+        if (_head == _slots.size())
+            clear();
     }
 
 private:
+    // Empty: the storage is kept for the next run of operations, unless a
+    // burst made it larger than a steady stream needs.
+    void clear()
+    {
+        if (_slots.capacity() > kKeptCapacity)
+            Slots().swap(_slots);
+        else
+            _slots.clear();
+        _head = 0;
+    }
+    static constexpr size_t kKeptCapacity = 1024;
+
     Slots _slots;
     size_t _head = 0;
 };
@@ -262,14 +270,17 @@ struct ORVOperationQueue::Shared final : ORVOperationObserver, std::enable_share
         for (;;) {
             std::shared_ptr<ORVOperation> operation;
             {
+                std::shared_ptr<ORVOperation> ended = std::move(done);
                 std::shared_ptr<ORVOperation> removed; // released without the mutex
-                const std::shared_ptr<ORVOperation> ended = std::move(done);
                 std::unique_lock lock(mutex);
                 if (ended)
                     removed = removeLocked(ended.get());
                 if (!canStartOne()) {
                     lock.unlock();
+                    // Let go before lingering: a queue that has let an
+                    // operation go no longer keeps it alive.
                     removed.reset();
+                    ended.reset();
                     // A producer adding one operation after another is
                     // usually a moment behind: look again for a few
                     // microseconds before sleeping, which spares it a wake-up

@@ -15,7 +15,9 @@
 //
 // What is kept is bounded: a thread keeps at most 2 * kBatch blocks of a
 // type, the shared list at most kSpareBatches batches; the rest goes back to
-// malloc. A thread's blocks go back to malloc when it ends.
+// malloc. A thread's own blocks go back to malloc when its thread_local
+// objects are destroyed; a thread that first frees a block after that (in a
+// pthread key destructor) keeps up to 2 * kBatch - 1 of them for good.
 //
 // Under AddressSanitizer every block comes from and goes to operator new and
 // delete, so a use after free is still caught.
@@ -51,7 +53,8 @@ public:
     {
 #if ORV_RECYCLE_BLOCKS
         Local &local = localBlocks();
-        if (!local.head)
+        // A thread whose blocks were let go at its end takes no more.
+        if (!local.head && !local.ended)
             takeSpareBatch(local);
         if (Node *node = local.head) {
             local.head = node->next;
