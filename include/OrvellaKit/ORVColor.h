@@ -6,9 +6,10 @@
 /// and contrast ratio, a luminance-weighted grey and a linear mix.
 ///
 /// Components are doubles from 0.0 to 1.0. Every valid QColor is readable
-/// (Qt converts any spec to sRGB). An invalid QColor is no colour at all, and
-/// every operation treats it so: reads return false and store nothing, it
-/// prints as a null string, the contrast ratio with it is 1.0, and passed as
+/// (Qt converts any colour model to sRGB). An invalid QColor is no colour at
+/// all, and every operation treats it so: reads return false and store
+/// nothing, it prints as a null string, the contrast ratio with it is 1.0,
+/// and passed as
 /// the other colour to the contrast ratio or the mix (or as a tint) it fails
 /// the parameter assertion ("otherColor != nil", "color != nil").
 /// Constructors read a NaN component as 0.0 and clamp alpha to 0.0 ... 1.0;
