@@ -144,6 +144,25 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
     EXPECT_TRUE(repeatedFTS.split(' ').contains("last"));
     EXPECT_FALSE(repeatedFTS.split(' ').contains("over"));
 
+    // A result of megabytes (its buffer is faulted in at once) holds
+    // exactly every word's cut suffixes, each once.
+    QStringList many;
+    QSet<QString> expected;
+    quint32 letters = 7;
+    for (int w = 0; w < 700; ++w) {
+        QString word;
+        for (int i = 0; i < 164; ++i) {
+            letters = letters * 1103515245u + 12345u;
+            word += QChar(u'a' + (letters >> 16) % 26);
+        }
+        many << word;
+        for (int start = 0; start < 100; ++start)
+            expected.insert(word.mid(start, ORVSuffixLengthLimit));
+    }
+    const QStringList big = orv_suffixStringForFTSIndex(many.join('\n')).split(' ');
+    EXPECT_EQ(big.size(), expected.size());
+    EXPECT_EQ(QSet<QString>(big.begin(), big.end()), expected);
+
     // One huge word costs what its cut suffixes cost, not their full
     // lengths: a hundred of at most 64 units in the index string, and at
     // most 64 units per character in the set of all suffixes.
