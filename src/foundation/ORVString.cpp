@@ -533,17 +533,18 @@ namespace {
 // about ten times a 4 MiB one. One request faults the whole buffer in at
 // once. Only an optimisation: a kernel without it (before 5.14) answers
 // EINVAL and the pages fault as before.
-void prefault(QString &buffer)
+void prefault([[maybe_unused]] QString &buffer)
 {
+#ifdef MADV_POPULATE_WRITE
     constexpr qsizetype kWorthIt = qsizetype(8) << 20; // bytes
     const qsizetype bytes = buffer.capacity() * qsizetype(sizeof(QChar));
     if (bytes < kWorthIt)
         return;
+    // Whole pages inside the buffer only.
     static const auto pageSize = static_cast<quintptr>(::sysconf(_SC_PAGESIZE));
     const auto begin = reinterpret_cast<quintptr>(buffer.data());
     const quintptr first = (begin + pageSize - 1) & ~(pageSize - 1);
     const quintptr last = (begin + static_cast<quintptr>(bytes)) & ~(pageSize - 1);
-#ifdef MADV_POPULATE_WRITE
     if (last > first)
         ::madvise(reinterpret_cast<void *>(first), last - first, MADV_POPULATE_WRITE);
 #endif

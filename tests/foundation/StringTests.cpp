@@ -144,8 +144,8 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
     EXPECT_TRUE(repeatedFTS.split(' ').contains("last"));
     EXPECT_FALSE(repeatedFTS.split(' ').contains("over"));
 
-    // A result of megabytes (its buffer is faulted in at once) holds
-    // exactly every word's cut suffixes, each once.
+    // A result of megabytes (past the size whose pages are faulted in
+    // ahead) holds exactly every word's cut suffixes, each once.
     QStringList many;
     QSet<QString> expected;
     quint32 letters = 7;
@@ -159,7 +159,9 @@ TEST(Suffixes, WordsComposedCharactersAndLimits)
         for (int start = 0; start < 100; ++start)
             expected.insert(word.mid(start, ORVSuffixLengthLimit));
     }
-    const QStringList big = orv_suffixStringForFTSIndex(many.join('\n')).split(' ');
+    const QString bigString = orv_suffixStringForFTSIndex(many.join('\n'));
+    EXPECT_GE(bigString.size() * qsizetype(sizeof(QChar)), qsizetype(8) << 20);
+    const QStringList big = bigString.split(' ');
     EXPECT_EQ(big.size(), expected.size());
     EXPECT_EQ(QSet<QString>(big.begin(), big.end()), expected);
 
