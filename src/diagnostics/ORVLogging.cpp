@@ -3,11 +3,8 @@
 #include <OrvellaKit/ORVDebug.h>
 #include <OrvellaKit/ORVLogging.h>
 
-#include <spdlog/async.h>
-#include <spdlog/async_logger.h>
-#include <spdlog/details/periodic_worker.h>
-#include <spdlog/details/thread_pool.h>
-#include <spdlog/sinks/base_sink.h>
+#include <spdlog/details/log_msg.h>
+#include <spdlog/details/os.h>
 #include <spdlog/sinks/dist_sink.h>
 #include <spdlog/spdlog.h>
 
@@ -18,107 +15,63 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
 
 namespace orv::detail {
 
 namespace {
 
+// The most messages waiting for the worker: a thread that logs faster than
+// the sinks write waits for room rather than let the queue grow without end.
 constexpr size_t kQueueSize = 8192;
+constexpr size_t kKeptTextCapacity = size_t(1) << 20;
 
-// Set on the pool's worker thread once it writes its first message: an
-// error logged from there (by a sink, or by Qt while a sink runs) cannot
-// wait for the worker, which is itself.
+// Set on the worker thread: an error logged from there (by a sink, or by Qt
+// while a sink runs) cannot wait for the worker, which is itself, and a
+// message from there never waits for room.
 thread_local bool isLogWorker = false;
 
-// What the asynchronous logger writes into: it marks the worker thread,
-// hands the message to the sinks and counts it as written.
-class WorkerSink final : public spdlog::sinks::sink {
-public:
-    WorkerSink(std::shared_ptr<spdlog::sinks::sink> sinks, std::atomic<quint64> *written)
-        : _sinks(std::move(sinks)), _written(written)
+// The messages handed to the worker and not yet taken: their texts end to
+// end in one buffer, so that queueing a message allocates nothing once the
+// buffers have grown, and nothing made on one thread is freed on another.
+struct Batch {
+    struct Entry {
+        spdlog::log_clock::time_point time;
+        size_t threadId;
+        spdlog::source_loc location;
+        spdlog::level::level_enum level;
+        size_t offset;
+        size_t length;
+    };
+    std::vector<Entry> entries;
+    std::string text;
+    void clear()
     {
+        entries.clear();
+        text.clear();
     }
-    void log(const spdlog::details::log_msg &msg) override
-    {
-        isLogWorker = true;
-        // Counted even when a sink throws: a message the worker has dealt
-        // with must not leave the queue looking busy for good.
-        struct Counted {
-            std::atomic<quint64> *written;
-            ~Counted() { written->fetch_add(1, std::memory_order_release); }
-        } counted{_written};
-        _sinks->log(msg);
-    }
-    void flush() override { _sinks->flush(); }
-    void set_pattern(const std::string &pattern) override { _sinks->set_pattern(pattern); }
-    void set_formatter(std::unique_ptr<spdlog::formatter> formatter) override
-    {
-        _sinks->set_formatter(std::move(formatter));
-    }
-
-private:
-    std::shared_ptr<spdlog::sinks::sink> _sinks;
-    std::atomic<quint64> *_written;
-};
-
-// Counts the markers the pool's worker has reached, so that a thread can
-// wait until everything queued before its marker has been written.
-class MarkerSink final : public spdlog::sinks::base_sink<std::mutex> {
-public:
-    bool waitFor(quint64 marker, std::chrono::milliseconds timeout)
-    {
-        std::unique_lock lock(_countMutex);
-        return _written.wait_for(lock, timeout, [&] { return _reached >= marker || _abandoned; });
-    }
-    // The pool is gone: a marker that did not make it will never come.
-    void abandon()
-    {
-        std::lock_guard lock(_countMutex);
-        _abandoned = true;
-        _written.notify_all();
-    }
-
-protected:
-    void sink_it_(const spdlog::details::log_msg &) override
-    {
-        std::lock_guard lock(_countMutex);
-        ++_reached;
-        _written.notify_all();
-    }
-    void flush_() override {}
-
-private:
-    std::mutex _countMutex;
-    std::condition_variable _written;
-    quint64 _reached = 0;
-    bool _abandoned = false;
 };
 
 // Created on first use and never destroyed, so that logging from other
 // static destructors stays safe; an exit handler drains the queue instead.
+//
+// One worker thread writes what the logging threads queue. A logging thread
+// takes the queue's lock only to append its message, and the worker takes
+// it once per batch, to swap the whole queue for its own empty one: the two
+// do not take turns at a lock for every message, and the worker is woken
+// only when it sleeps.
 struct LoggingCore {
     LoggingCore()
         : sinks(std::make_shared<spdlog::sinks::dist_sink_mt>()),
-          sync(std::make_shared<spdlog::logger>("orvellakit", sinks)),
-          pool(std::make_shared<spdlog::details::thread_pool>(kQueueSize, 1)),
-          async(std::make_shared<spdlog::async_logger>("orvellakit-async", std::make_shared<WorkerSink>(sinks, &written),
-                                                        pool, spdlog::async_overflow_policy::block))
+          sync(std::make_shared<spdlog::logger>("orvellakit", sinks))
     {
-        // Lives as long as the process: the pool's worker drops its
-        // references to it inside the uninstrumented spdlog library, which
-        // ThreadSanitizer would take for an unsynchronised free.
-        markers = std::make_shared<MarkerSink>();
-        markerLogger = std::make_shared<spdlog::async_logger>("orvellakit-flush-marker", markers, pool,
-                                                               spdlog::async_overflow_policy::block);
-        markerLogger->set_error_handler([](const std::string &) {});
         sync->set_level(spdlog::level::trace);
-        async->set_level(spdlog::level::trace);
         // A failing sink must never take the process down or spam stderr.
         sync->set_error_handler([](const std::string &) {});
-        async->set_error_handler([](const std::string &) {});
-        // Buffered file text reaches the disk within a second.
-        flusher = std::make_unique<spdlog::details::periodic_worker>([this] { async->flush(); },
-                                                                      std::chrono::seconds(1));
+        worker = std::thread([this] { work(); });
         std::atexit([] { instance().shutDown(); });
     }
 
@@ -128,40 +81,139 @@ struct LoggingCore {
         return *core;
     }
 
+    // Hands a message to the worker; false once the worker has stopped (the
+    // process is exiting), and the caller then writes it itself.
+    bool enqueue(const spdlog::source_loc &location, spdlog::level::level_enum level, spdlog::string_view_t text)
+    {
+        const auto now = spdlog::log_clock::now();
+        const size_t threadId = spdlog::details::os::thread_id();
+        bool wake = false;
+        {
+            std::unique_lock lock(queueMutex);
+            if (!isLogWorker && pending.entries.size() >= kQueueSize && !stopping) {
+                if (workerSleeps) {
+                    workerSleeps = false;
+                    queueChanged.notify_one();
+                }
+                ++waitingForRoom;
+                roomMade.wait(lock, [&] { return pending.entries.size() < kQueueSize || stopping; });
+                --waitingForRoom;
+            }
+            if (stopping)
+                return false;
+            // The text first: an entry never points past it, even when
+            // memory runs out half way (the caller then writes the line
+            // itself).
+            const size_t offset = pending.text.size();
+            try {
+                pending.text.append(text.data(), text.size());
+                pending.entries.push_back({now, threadId, location, level, offset, text.size()});
+            } catch (const std::bad_alloc &) {
+                pending.text.resize(offset);
+                return false;
+            }
+            queued.fetch_add(1, std::memory_order_release);
+            wake = workerSleeps;
+            workerSleeps = false;
+        }
+        if (wake)
+            queueChanged.notify_one();
+        return true;
+    }
+
     // Waits until the worker has written everything queued so far.
     void waitForWorker()
     {
-        // The pool has one worker that takes messages in order: once it
-        // reaches a marker sent after everything logged so far, all of that
-        // has been written.
-        quint64 marker = 0;
-        {
-            std::lock_guard lock(markerMutex);
-            try {
-                markerLogger->log(spdlog::level::info, "flush");
-            } catch (const std::exception &) {
-                // The pool has shut down (the process is exiting): it
-                // writes out what it holds as it goes; there is no worker
-                // left to wait for.
-                return;
-            }
-            marker = ++markersSent;
-        }
-        markers->waitFor(marker, std::chrono::seconds(5));
+        const quint64 target = queued.load(std::memory_order_acquire);
+        std::unique_lock lock(writtenMutex);
+        writtenChanged.wait_for(lock, std::chrono::seconds(5), [&] {
+            return written.load(std::memory_order_acquire) >= target || workerGone;
+        });
     }
 
-    // Hands a message to the worker. A thread that saw the logger open may
-    // get here after the exit handler shut the pool down, and spdlog then
-    // throws: the message is written on this thread instead.
-    void enqueue(const spdlog::source_loc &location, spdlog::level::level_enum level, spdlog::string_view_t text)
+    void work()
     {
-        queued.fetch_add(1, std::memory_order_relaxed);
+        isLogWorker = true;
+        Batch batch;
+        auto lastFlush = std::chrono::steady_clock::now();
+        bool unflushed = false;
+        std::unique_lock lock(queueMutex);
+        for (;;) {
+            if (pending.entries.empty()) {
+                if (stopping)
+                    break;
+                // Buffered file text reaches the disk within a second.
+                if (unflushed && std::chrono::steady_clock::now() - lastFlush >= std::chrono::seconds(1)) {
+                    lock.unlock();
+                    flushSinks();
+                    unflushed = false;
+                    lastFlush = std::chrono::steady_clock::now();
+                    lock.lock();
+                    continue;
+                }
+                workerSleeps = true;
+                if (unflushed)
+                    queueChanged.wait_until(lock, lastFlush + std::chrono::seconds(1));
+                else
+                    queueChanged.wait(lock);
+                workerSleeps = false;
+                continue;
+            }
+            std::swap(batch, pending);
+            const bool someoneWaits = waitingForRoom > 0;
+            lock.unlock();
+            if (someoneWaits)
+                roomMade.notify_all();
+            write(batch);
+            unflushed = true;
+            if (std::chrono::steady_clock::now() - lastFlush >= std::chrono::seconds(1)) {
+                flushSinks();
+                unflushed = false;
+                lastFlush = std::chrono::steady_clock::now();
+            }
+            // The buffers keep their size for the next batch, unless one
+            // huge message grew them.
+            if (batch.text.capacity() > kKeptTextCapacity)
+                batch = Batch();
+            else
+                batch.clear();
+            lock.lock();
+        }
+        lock.unlock();
+        flushSinks();
+        {
+            std::lock_guard writtenLock(writtenMutex);
+            workerGone = true;
+        }
+        writtenChanged.notify_all();
+    }
+
+    void write(const Batch &batch)
+    {
+        for (const Batch::Entry &entry : batch.entries) {
+            spdlog::details::log_msg message(entry.time, entry.location, kLoggerName, entry.level,
+                                             spdlog::string_view_t(batch.text.data() + entry.offset, entry.length));
+            message.thread_id = entry.threadId;
+            try {
+                sinks->log(message);
+            } catch (...) {
+                // A failing sink costs this line, not the worker.
+            }
+        }
+        {
+            // Under the lock a waiter checks under, so that no wake-up is
+            // lost between its check and its wait.
+            std::lock_guard writtenLock(writtenMutex);
+            written.fetch_add(batch.entries.size(), std::memory_order_release);
+        }
+        writtenChanged.notify_all();
+    }
+
+    void flushSinks()
+    {
         try {
-            async->log(location, level, text);
-        } catch (const std::exception &) {
-            queued.fetch_sub(1, std::memory_order_relaxed);
-            sync->log(location, level, text);
-            sync->flush();
+            sinks->flush();
+        } catch (...) {
         }
     }
 
@@ -173,27 +225,38 @@ struct LoggingCore {
         if (!isLogWorker)
             waitForWorker();
         closed.store(true, std::memory_order_release);
-        flusher.reset();
-        // The pool's destructor lets its thread write out what is queued.
-        pool.reset();
-        markers->abandon();
+        {
+            std::lock_guard lock(queueMutex);
+            stopping = true;
+        }
+        queueChanged.notify_one();
+        roomMade.notify_all();
+        // The worker writes out what is still queued before it ends. An exit
+        // from the worker itself (a sink calling exit()) cannot wait for it.
+        if (worker.joinable() && !isLogWorker)
+            worker.join();
         sync->flush();
     }
 
-    // Messages handed to the queue, and messages the worker has written
-    // (declared first: the asynchronous logger's sink counts into it).
+    static constexpr const char *kLoggerName = "orvellakit";
+
+    // Messages handed to the queue, and messages the worker has written.
     // When the two are equal, nothing logged before is still on its way.
     std::atomic<quint64> queued = 0;
     std::atomic<quint64> written = 0;
     std::shared_ptr<spdlog::sinks::dist_sink_mt> sinks;
     std::shared_ptr<spdlog::logger> sync;
-    std::shared_ptr<spdlog::details::thread_pool> pool;
-    std::shared_ptr<spdlog::async_logger> async;
-    std::unique_ptr<spdlog::details::periodic_worker> flusher;
-    std::shared_ptr<MarkerSink> markers;
-    std::shared_ptr<spdlog::async_logger> markerLogger;
-    std::mutex markerMutex;
-    quint64 markersSent = 0;
+    std::mutex queueMutex;
+    std::condition_variable queueChanged;
+    std::condition_variable roomMade;
+    int waitingForRoom = 0;   ///< under queueMutex
+    Batch pending;            ///< under queueMutex
+    bool workerSleeps = false; ///< under queueMutex
+    bool stopping = false;     ///< under queueMutex
+    std::mutex writtenMutex;
+    std::condition_variable writtenChanged;
+    bool workerGone = false; ///< under writtenMutex
+    std::thread worker;
     std::atomic<bool> closed = false;
 };
 
@@ -252,11 +315,18 @@ void logMessage(ORVLogFlag flag, const char *category, const char *file, const c
             core.sync->log(location, levelFor(flag), view);
             return;
         }
-        core.enqueue(location, levelFor(flag), view);
-        core.waitForWorker();
+        if (core.enqueue(location, levelFor(flag), view))
+            core.waitForWorker();
+        else
+            core.sync->log(location, levelFor(flag), view);
         return;
     }
-    core.enqueue(location, levelFor(flag), view);
+    if (!core.enqueue(location, levelFor(flag), view)) {
+        // The worker has stopped (the process is on its way out), or there
+        // was no memory to queue the line: it is written here.
+        core.sync->log(location, levelFor(flag), view);
+        core.sync->flush();
+    }
 }
 
 void registerFileLogLevel(std::atomic<ORVLogLevel> *level, const char *file, const char *category)

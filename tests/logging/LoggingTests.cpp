@@ -17,6 +17,8 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
+#include <algorithm>
+#include <array>
 #include <thread>
 
 #include <spawn.h>
@@ -291,6 +293,45 @@ TEST_F(LoggingTest, AnErrorIsWrittenAfterEverythingLoggedBeforeIt)
     ASSERT_GE(error, 0);
     EXPECT_GT(error, log.indexOf("info line 4999"));
     EXPECT_GE(log.indexOf("info line 4999"), 0);
+}
+
+TEST_F(LoggingTest, ThreadsLoggingFasterThanTheFileLoseNothingAndKeepTheirOrder)
+{
+    // Far more than the queue holds, from four threads at once, in lines
+    // long enough that the file cannot keep up: the threads wait for room,
+    // no line is lost or doubled, and each thread's lines keep their order
+    // (across the files the log rolls into). An error at the end still
+    // waits for all of them.
+    debug->setupLogging();
+    orvRegisterFileLogLevel();
+    constexpr int kThreads = 4;
+    constexpr int kLines = 2500;
+    const QString padding(3000, u'p');
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([t, &padding] {
+            for (int i = 0; i < kLines; ++i)
+                ORVLogInfo("flood %d %05d %@", t, i, padding);
+        });
+    for (auto &thread : threads)
+        thread.join();
+    ORVLogError("after the flood");
+    QString log;
+    QStringList files = debug->fileLogger()->sortedLogFilePaths();
+    std::reverse(files.begin(), files.end()); // oldest first
+    for (const QString &file : files)
+        log += readAll(file);
+    std::array<int, kThreads> next{};
+    static const QRegularExpression line(QStringLiteral("flood (\\d) (\\d{5}) p"));
+    for (auto match = line.globalMatch(log); match.hasNext();) {
+        const auto found = match.next();
+        const int t = found.captured(1).toInt();
+        ASSERT_EQ(found.captured(2).toInt(), next[t]) << "thread " << t;
+        ++next[t];
+    }
+    for (int t = 0; t < kThreads; ++t)
+        EXPECT_EQ(next[t], kLines) << "thread " << t;
+    EXPECT_GT(log.indexOf("after the flood"), log.lastIndexOf("flood "));
 }
 
 TEST_F(LoggingTest, LinesShowTheirLevelAndCategory)
