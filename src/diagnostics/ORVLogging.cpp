@@ -27,7 +27,7 @@ namespace {
 // The most messages waiting for the worker: a thread that logs faster than
 // the sinks write waits for room rather than let the queue grow without end.
 constexpr size_t kQueueSize = 8192;
-constexpr size_t kKeptTextCapacity = size_t(1) << 20;
+constexpr size_t kKeptTextCapacity = size_t(16) << 20;
 
 // Set on the worker thread: an error logged from there (by a sink, or by Qt
 // while a sink runs) cannot wait for the worker, which is itself, and a
@@ -36,7 +36,7 @@ thread_local bool isLogWorker = false;
 
 // The messages handed to the worker and not yet taken: their texts end to
 // end in one buffer, so that queueing a message allocates nothing once the
-// buffers have grown, and nothing made on one thread is freed on another.
+// buffers have grown, and no message is freed on its own on another thread.
 struct Batch {
     struct Entry {
         spdlog::log_clock::time_point time;
@@ -81,13 +81,18 @@ struct LoggingCore {
         return *core;
     }
 
-    // Hands a message to the worker; false once the worker has stopped (the
-    // process is exiting), and the caller then writes it itself.
-    bool enqueue(const spdlog::source_loc &location, spdlog::level::level_enum level, spdlog::string_view_t text)
+    // Hands a message to the worker and answers its place in the queue
+    // (counted from 1), or 0 when it was not queued: the worker has stopped
+    // (the process is exiting) or there was no memory for it, and the caller
+    // then writes it itself. Once the exit handler has begun, a thread other
+    // than the worker waits until the worker has written out what it holds,
+    // so that the line it then writes itself comes after them.
+    quint64 enqueue(const spdlog::source_loc &location, spdlog::level::level_enum level, spdlog::string_view_t text)
     {
         const auto now = spdlog::log_clock::now();
         const size_t threadId = spdlog::details::os::thread_id();
         bool wake = false;
+        quint64 sequence = 0;
         {
             std::unique_lock lock(queueMutex);
             if (!isLogWorker && pending.entries.size() >= kQueueSize && !stopping) {
@@ -99,8 +104,11 @@ struct LoggingCore {
                 roomMade.wait(lock, [&] { return pending.entries.size() < kQueueSize || stopping; });
                 --waitingForRoom;
             }
-            if (stopping)
-                return false;
+            if (stopping && !isLogWorker) {
+                lock.unlock();
+                waitUntilWorkerGone();
+                return 0;
+            }
             // The text first: an entry never points past it, even when
             // memory runs out half way (the caller then writes the line
             // itself).
@@ -110,21 +118,29 @@ struct LoggingCore {
                 pending.entries.push_back({now, threadId, location, level, offset, text.size()});
             } catch (const std::bad_alloc &) {
                 pending.text.resize(offset);
-                return false;
+                return 0;
             }
-            queued.fetch_add(1, std::memory_order_release);
+            sequence = queued.fetch_add(1, std::memory_order_release) + 1;
             wake = workerSleeps;
             workerSleeps = false;
         }
         if (wake)
             queueChanged.notify_one();
-        return true;
+        return sequence;
     }
 
-    // Waits until the worker has written everything queued so far.
-    void waitForWorker()
+    void waitUntilWorkerGone()
     {
-        const quint64 target = queued.load(std::memory_order_acquire);
+        std::unique_lock lock(writtenMutex);
+        writtenChanged.wait(lock, [&] { return workerGone; });
+    }
+
+    // Waits until the worker has written everything queued so far, or up to
+    // the given place in the queue.
+    void waitForWorker(quint64 target = 0)
+    {
+        if (target == 0)
+            target = queued.load(std::memory_order_acquire);
         std::unique_lock lock(writtenMutex);
         writtenChanged.wait_for(lock, std::chrono::seconds(5), [&] {
             return written.load(std::memory_order_acquire) >= target || workerGone;
@@ -221,20 +237,24 @@ struct LoggingCore {
     {
         // What is queued is written first, so the last lines of an exiting
         // process stay in the order they were logged; only then do the
-        // remaining messages go straight to the sinks.
-        if (!isLogWorker)
-            waitForWorker();
-        closed.store(true, std::memory_order_release);
+        // remaining messages go straight to the sinks. From the moment the
+        // worker is told to stop, a line logged on another thread waits for
+        // it to finish (see enqueue()).
         {
             std::lock_guard lock(queueMutex);
             stopping = true;
         }
         queueChanged.notify_one();
         roomMade.notify_all();
-        // The worker writes out what is still queued before it ends. An exit
-        // from the worker itself (a sink calling exit()) cannot wait for it.
-        if (worker.joinable() && !isLogWorker)
+        // An exit from the worker itself (a sink calling exit()) can neither
+        // wait for the worker nor flush the sinks, whose lock it holds.
+        if (isLogWorker) {
+            closed.store(true, std::memory_order_release);
+            return;
+        }
+        if (worker.joinable())
             worker.join();
+        closed.store(true, std::memory_order_release);
         sync->flush();
     }
 
@@ -315,15 +335,23 @@ void logMessage(ORVLogFlag flag, const char *category, const char *file, const c
             core.sync->log(location, levelFor(flag), view);
             return;
         }
-        if (core.enqueue(location, levelFor(flag), view))
-            core.waitForWorker();
-        else
-            core.sync->log(location, levelFor(flag), view);
+        if (const quint64 place = core.enqueue(location, levelFor(flag), view)) {
+            core.waitForWorker(place);
+            return;
+        }
+        // Not queued: written here, after what was queued before it.
+        core.waitForWorker();
+        core.sync->log(location, levelFor(flag), view);
         return;
     }
-    if (!core.enqueue(location, levelFor(flag), view)) {
+    if (core.enqueue(location, levelFor(flag), view) == 0) {
         // The worker has stopped (the process is on its way out), or there
-        // was no memory to queue the line: it is written here.
+        // was no memory to queue the line: it is written here, after what
+        // was queued before it. On the worker, inside a sink whose lock it
+        // holds, it cannot be written at all.
+        if (isLogWorker)
+            return;
+        core.waitForWorker();
         core.sync->log(location, levelFor(flag), view);
         core.sync->flush();
     }
