@@ -153,17 +153,24 @@ struct LoggingCore {
         Batch batch;
         auto lastFlush = std::chrono::steady_clock::now();
         bool unflushed = false;
+        // Buffered file text reaches the disk within a second, whether lines
+        // keep coming or stop. Flushed without the queue's lock.
+        const auto flushDue = [&] {
+            return unflushed && std::chrono::steady_clock::now() - lastFlush >= std::chrono::seconds(1);
+        };
+        const auto flushNow = [&] {
+            flushSinks();
+            unflushed = false;
+            lastFlush = std::chrono::steady_clock::now();
+        };
         std::unique_lock lock(queueMutex);
         for (;;) {
             if (pending.entries.empty()) {
                 if (stopping)
                     break;
-                // Buffered file text reaches the disk within a second.
-                if (unflushed && std::chrono::steady_clock::now() - lastFlush >= std::chrono::seconds(1)) {
+                if (flushDue()) {
                     lock.unlock();
-                    flushSinks();
-                    unflushed = false;
-                    lastFlush = std::chrono::steady_clock::now();
+                    flushNow();
                     lock.lock();
                     continue;
                 }
@@ -182,11 +189,8 @@ struct LoggingCore {
                 roomMade.notify_all();
             write(batch);
             unflushed = true;
-            if (std::chrono::steady_clock::now() - lastFlush >= std::chrono::seconds(1)) {
-                flushSinks();
-                unflushed = false;
-                lastFlush = std::chrono::steady_clock::now();
-            }
+            if (flushDue())
+                flushNow();
             // The buffers keep their size for the next batch, unless one
             // huge message grew them.
             if (batch.text.capacity() > kKeptTextCapacity)
