@@ -187,6 +187,7 @@ bool AccountServer::start(int port)
         _port = _server->bind_to_port("127.0.0.1", port) ? port : -1;
     if (_port <= 0)
         return false;
+    _service.setBaseURL(baseURL());
     _thread = std::thread([this] { _server->listen_after_bind(); });
     return true;
 }
@@ -258,8 +259,10 @@ void AccountServer::handle(const void *rawRequest, void *rawResponse)
 
     if (!scripted) {
         if (auto reply = _service.handle(request.method, request.path, request.body,
-                                         recorded.header("authorization"))) {
+                                         recorded.header("authorization"), request.params)) {
             response.status = reply->status;
+            for (const auto &[name, value] : reply->headers)
+                response.set_header(name, value);
             response.set_content(reply->body, reply->contentType);
             return;
         }

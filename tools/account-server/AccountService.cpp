@@ -1,4 +1,5 @@
 #include "AccountService.h"
+#include "ServiceHelpers.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -19,66 +20,6 @@
 
 namespace orv::server {
 
-namespace {
-
-QByteArray base64url(const QByteArray &bytes)
-{
-    return bytes.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals);
-}
-
-std::string json(const QJsonObject &object)
-{
-    return QJsonDocument(object).toJson(QJsonDocument::Compact).toStdString();
-}
-
-ServiceReply error(int status, const char *code, const char *message)
-{
-    return {status, json({{"code", code}, {"message", message}})};
-}
-
-// A field error in the shape the registration form expects:
-// {"<field>": [{"code": ..., "message": ...}]}.
-ServiceReply fieldError(const char *field, const char *code, const char *message)
-{
-    return {400, json({{field, QJsonArray{QJsonObject{{"code", code}, {"message", message}}}}})};
-}
-
-QString q(const std::string &text)
-{
-    return QString::fromStdString(text);
-}
-
-std::string text(const QJsonObject &object, const char *key)
-{
-    return object.value(key).toString().toStdString();
-}
-
-std::optional<QJsonObject> parse(const std::string &body)
-{
-    QJsonParseError parseError;
-    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(body), &parseError);
-    if (parseError.error != QJsonParseError::NoError || !document.isObject())
-        return std::nullopt;
-    return document.object();
-}
-
-QByteArray sign(const std::string &key, const QByteArray &input)
-{
-    unsigned char mac[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), reinterpret_cast<const unsigned char *>(input.data()),
-         static_cast<size_t>(input.size()), mac, &length);
-    return QByteArray(reinterpret_cast<const char *>(mac), static_cast<int>(length));
-}
-
-std::string bearer(const std::string &authorization)
-{
-    const std::string prefix = "Bearer ";
-    return authorization.rfind(prefix, 0) == 0 ? authorization.substr(prefix.size()) : std::string();
-}
-
-} // namespace
-
 AccountService::AccountService()
 {
     unsigned char bytes[32];
@@ -88,8 +29,14 @@ AccountService::AccountService()
 }
 
 std::optional<ServiceReply> AccountService::handle(const std::string &method, const std::string &path,
-                                                   const std::string &body, const std::string &authorization)
+                                                   const std::string &body, const std::string &authorization,
+                                                   const std::multimap<std::string, std::string> &query)
 {
+    for (const char *provider : {"google", "apple"}) {
+        const std::string prefix = std::string("/oidc/") + provider + "/";
+        if (path.rfind(prefix, 0) == 0)
+            return openID(method, provider, path.substr(prefix.size()), body, query);
+    }
     if (method == "POST" && path == "/v1/auth/login/")
         return login(body);
     if (method == "POST" && path == "/v1/auth/apple/login/")
@@ -308,10 +255,13 @@ ServiceReply AccountService::identityLogin(const std::string &provider, const st
     if (!request)
         return error(400, "malformed_request", "The request body is not a JSON object");
     std::lock_guard lock(_lock);
-    const auto found = _identityTokens.find(text(*request, "id_token"));
-    if (found == _identityTokens.end() || found->second.provider != provider)
+    const std::string idToken = text(*request, "id_token");
+    std::optional<Identity> issued = identityFromIDToken(provider, idToken);
+    if (const auto found = _identityTokens.find(idToken); !issued && found != _identityTokens.end())
+        issued = found->second;
+    if (!issued || issued->provider != provider)
         return error(401, "invalid_id_token", "The identity token was not issued by this server.");
-    const Identity identity = found->second;
+    const Identity identity = *issued;
     if (const auto user = userForEmailLocked(identity.email)) {
         if (_accounts.at(*user).kind == "password")
             return error(409, "email_in_use", "An account with a password uses this e-mail address.");

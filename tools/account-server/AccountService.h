@@ -10,9 +10,10 @@
 // device token with each grant, so only the newest one works.
 //
 // Apple and Google identity tokens cannot be verified offline, so the server
-// accepts only identity tokens it issued itself (issueIdentityToken(), or
-// POST /v1/test/identity-token/). Magic sign-in tokens are issued the same
-// way and work once.
+// accepts only identity tokens it issued itself: those of issueIdentityToken()
+// (or POST /v1/test/identity-token/), and the ID tokens of its own OpenID
+// provider under /oidc/google/ and /oidc/apple/ (see AccountServiceOpenID.cpp).
+// Magic sign-in tokens are issued the same way and work once.
 //
 // With a state file, everything but the issued access tokens' signatures is
 // kept across restarts (the signing key is kept too, so tokens stay valid).
@@ -22,23 +23,52 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace orv::server {
 
 struct ServiceReply {
-    int status = 200;
+    ServiceReply(int status = 200, std::string body = {}, std::string contentType = "application/json",
+                 std::vector<std::pair<std::string, std::string>> headers = {})
+        : status(status), body(std::move(body)), contentType(std::move(contentType)), headers(std::move(headers))
+    {
+    }
+    int status;
     std::string body; // JSON unless contentType says otherwise
-    std::string contentType = "application/json";
+    std::string contentType;
+    std::vector<std::pair<std::string, std::string>> headers;
+};
+
+// What the provider's authorization endpoint answers without asking anyone.
+struct AuthorizationAnswer {
+    std::string email;      // approve as this person...
+    std::string givenName;  // ...with these names (optional)
+    std::string familyName;
+    std::string error;      // or, when set, refuse with this OAuth error ("access_denied")
 };
 
 class AccountService {
 public:
     AccountService();
 
-    // Answers the routes it knows; nothing for other paths.
+    // Answers the routes it knows; nothing for other paths. `query` holds
+    // the decoded query parameters.
     std::optional<ServiceReply> handle(const std::string &method, const std::string &path, const std::string &body,
-                                       const std::string &authorization);
+                                       const std::string &authorization,
+                                       const std::multimap<std::string, std::string> &query = {});
+
+    // The server's own URL ("http://127.0.0.1:PORT"): the OpenID provider's
+    // issuers are below it.
+    void setBaseURL(const std::string &url);
+    // The issuer of the provider "google" or "apple".
+    std::string issuer(const std::string &provider) const;
+    // From now on the authorization endpoint answers every request at once
+    // (a redirect with a code or with the error) instead of showing its page;
+    // nothing brings the page back.
+    void setAuthorizationAnswer(std::optional<AuthorizationAnswer> answer);
+    // Lifetime of the provider's ID tokens (default ten minutes).
+    void setIdentityTokenLifetime(std::chrono::seconds lifetime);
 
     // Loads the state from `path` when the file exists and saves every change
     // there from now on. False when the file exists but cannot be read.
@@ -99,6 +129,24 @@ private:
                                  const std::string &authorization);
     ServiceReply collect(const std::string &body);
     ServiceReply testToken(const std::string &path, const std::string &body);
+    // The OpenID provider.
+    struct AuthorizationCode {
+        std::string provider;
+        std::string clientId;
+        std::string redirectURI;
+        std::string challenge;
+        std::string nonce;
+        AuthorizationAnswer person;
+        std::chrono::steady_clock::time_point expiry;
+    };
+    std::optional<ServiceReply> openID(const std::string &method, const std::string &provider,
+                                       const std::string &route, const std::string &body,
+                                       const std::multimap<std::string, std::string> &query);
+    ServiceReply discovery(const std::string &provider) const;
+    ServiceReply authorize(const std::string &provider, const std::multimap<std::string, std::string> &parameters,
+                           bool decided);
+    ServiceReply tokenGrant(const std::string &provider, const std::string &body);
+    std::optional<Identity> identityFromIDToken(const std::string &provider, const std::string &token) const;
     // The reply of a successful sign-in: a new device and a first token.
     ServiceReply signedInLocked(const std::string &user);
     std::optional<std::string> userForEmailLocked(const std::string &email) const;
@@ -121,6 +169,10 @@ private:
     int _generation = 1;
     int _grants = 0;
     std::string _stateFile;
+    std::string _baseURL;
+    std::optional<AuthorizationAnswer> _authorizationAnswer;
+    std::map<std::string, AuthorizationCode> _authorizationCodes;
+    std::chrono::seconds _identityTokenLifetime{600};
 };
 
 } // namespace orv::server
