@@ -9,22 +9,6 @@ using orv::server::ScriptedResponse;
 
 namespace {
 
-// What a sign-in's completion received.
-struct SignInResult {
-    std::atomic<int> calls = 0;
-    std::shared_ptr<ORVOrvellaAccount> account;
-    ORVError error;
-    ORVOrvellaTokenManager::SignInCompletion handler()
-    {
-        return [this](std::shared_ptr<ORVOrvellaAccount> a, const ORVError &e) {
-            account = std::move(a);
-            error = e;
-            ++calls;
-        };
-    }
-    bool wait() { return waitUntil([&] { return calls.load() > 0; }); }
-};
-
 struct ErrorResult {
     std::atomic<int> calls = 0;
     ORVError error;

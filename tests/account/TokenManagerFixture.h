@@ -91,6 +91,22 @@ struct Replies {
     }
 };
 
+// What a sign-in's completion received.
+struct SignInResult {
+    std::atomic<int> calls = 0;
+    std::shared_ptr<ORVOrvellaAccount> account;
+    ORVError error;
+    ORVOrvellaTokenManager::SignInCompletion handler()
+    {
+        return [this](std::shared_ptr<ORVOrvellaAccount> a, const ORVError &e) {
+            account = std::move(a);
+            error = e;
+            ++calls;
+        };
+    }
+    bool wait(std::chrono::milliseconds timeout = 5s) { return waitUntil([&] { return calls.load() > 0; }, timeout); }
+};
+
 class TokenManagerTest : public AccountServerTest {
 protected:
     void SetUp() override
