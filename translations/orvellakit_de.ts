@@ -147,6 +147,58 @@
         <source>The logs folder cannot be created.</source>
         <translation>Der Ordner für die Protokolle kann nicht angelegt werden.</translation>
     </message>
+    <message>
+        <source>Could not sign in with the browser.</source>
+        <translation>Die Anmeldung über den Browser ist fehlgeschlagen.</translation>
+    </message>
+    <message>
+        <source>The sign-in provider is not available (%@).</source>
+        <translation>Der Anmeldedienst ist nicht erreichbar (%@).</translation>
+    </message>
+    <message>
+        <source>The sign-in was not approved.</source>
+        <translation>Die Anmeldung wurde nicht bestätigt.</translation>
+    </message>
+    <message>
+        <source>The sign-in provider refused (%@).</source>
+        <translation>Der Anmeldedienst hat abgelehnt (%@).</translation>
+    </message>
+    <message>
+        <source>The sign-in provider's ID token is not valid (%@).</source>
+        <translation>Das ID-Token des Anmeldedienstes ist ungültig (%@).</translation>
+    </message>
+    <message>
+        <source>A sign-in is already under way.</source>
+        <translation>Eine Anmeldung läuft bereits.</translation>
+    </message>
+    <message>
+        <source>The sign-in provider is not configured.</source>
+        <translation>Der Anmeldedienst ist nicht eingerichtet.</translation>
+    </message>
+    <message>
+        <source>No port on this computer can receive the answer.</source>
+        <translation>Auf diesem Computer kann kein Port die Antwort empfangen.</translation>
+    </message>
+    <message>
+        <source>%@ has the answer. You can close this tab.</source>
+        <translation>%@ hat die Antwort erhalten. Du kannst diesen Tab schließen.</translation>
+    </message>
+    <message>
+        <source>No answer came from the browser in time.</source>
+        <translation>Vom Browser kam nicht rechtzeitig eine Antwort.</translation>
+    </message>
+    <message>
+        <source>The browser could not be opened.</source>
+        <translation>Der Browser konnte nicht geöffnet werden.</translation>
+    </message>
+    <message>
+        <source>The answer does not belong to this sign-in.</source>
+        <translation>Die Antwort gehört nicht zu dieser Anmeldung.</translation>
+    </message>
+    <message>
+        <source>The sign-in was cancelled.</source>
+        <translation>Die Anmeldung wurde abgebrochen.</translation>
+    </message>
 </context>
 <context>
     <name>ORVCrashReportWindowController</name>

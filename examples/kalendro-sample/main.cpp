@@ -2,7 +2,10 @@
 // signed-in session against the account server.
 //
 //   kalendro-sample [--server URL] [--email E] [--password P] [--name N]
-//                   [--sign-out] [--refresh] [--verbose] [--gui] [--screenshots DIR]
+//                   [--sign-in-with password|google|apple] [--approve-as EMAIL]
+//                   [--browser COMMAND] [--oidc-issuer URL --oidc-client-id ID
+//                   [--oidc-client-secret S]] [--sign-out] [--refresh]
+//                   [--verbose] [--gui] [--screenshots DIR]
 //
 // Without --server it runs the reference account server inside the process
 // on 127.0.0.1 (its state kept in the data folder, so a second run finds the
@@ -20,11 +23,13 @@
 
 #include <OrvellaKit/OrvellaKit.h>
 #include <OrvellaKitWidgets/ORVDuplicateAppManager.h>
+#include <OrvellaKitWidgets/ORVOpenIDSignIn.h>
 
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
 #include <QJsonDocument>
+#include <QProcess>
 #include <QTextStream>
 #include <QThread>
 #include <QTimer>
@@ -67,6 +72,10 @@ public:
     {
     }
 
+    // With a browser sign-in, nobody types a password: the provider says
+    // who the user is.
+    void useBrowserSignIn(std::unique_ptr<ORVOpenIDSignIn> browser) { _browser = std::move(browser); }
+
     // What happens when the session ends (0: every step passed); the
     // application exits with the code unless something else is set.
     std::function<void(int)> finished = [](int code) { QCoreApplication::exit(code); };
@@ -79,6 +88,8 @@ public:
                                     _refresh ? "exchanging the device credential for a fresh access token"
                                              : "asking for an access token (a stored one is used while it lasts)"));
             requestToken(/*signInOnFailure=*/true);
+        } else if (_browser) {
+            signIn();
         } else {
             say(ORVStringWithFormat("nobody is signed in; creating the account %@ (or using it if it exists)", _email));
             createAccount();
@@ -101,18 +112,38 @@ private:
 
     void signIn()
     {
+        if (_browser)
+            return signInWithBrowser();
         say(ORVStringWithFormat("signing in as %@ with the password", _email));
         _tokens->registerDevice({_email, _password}, [this](std::shared_ptr<ORVOrvellaAccount> account,
                                                             const ORVError &error) {
             if (!account)
                 return fail("sign-in failed", error);
-            say(ORVStringWithFormat("signed in: user %@, this device is registered, the device credential is in %@",
-                                    account->username().value_or(QString()), _secrets));
-            say(ORVStringWithFormat("last sign-in remembered: %@ (%@)",
-                                    ORVOrvellaAccountTypeString(ORVOrvellaTokenManager::lastUsedAccountType()),
-                                    ORVOrvellaTokenManager::lastUsedEmail()));
-            requestToken(/*signInOnFailure=*/false);
+            signedIn(account);
         });
+    }
+
+    void signInWithBrowser()
+    {
+        const auto &provider = _browser->configuration();
+        say(ORVStringWithFormat("signing in with %@ through the browser (provider %@, client %@); approve there",
+                                ORVOrvellaAccountTypeString(provider.accountType), provider.issuer,
+                                provider.clientIdentifier));
+        _browser->signIn(_tokens, [this](std::shared_ptr<ORVOrvellaAccount> account, const ORVError &error) {
+            if (!account)
+                return fail("sign-in through the browser failed", error);
+            signedIn(account);
+        });
+    }
+
+    void signedIn(const std::shared_ptr<ORVOrvellaAccount> &account)
+    {
+        say(ORVStringWithFormat("signed in: user %@ <%@>, this device is registered, the device credential is in %@",
+                                account->username().value_or(QString()), account->emailAddress(), _secrets));
+        say(ORVStringWithFormat("last sign-in remembered: %@ (%@)",
+                                ORVOrvellaAccountTypeString(ORVOrvellaTokenManager::lastUsedAccountType()),
+                                ORVOrvellaTokenManager::lastUsedEmail()));
+        requestToken(/*signInOnFailure=*/false);
     }
 
     void requestToken(bool signInOnFailure)
@@ -188,7 +219,42 @@ private:
     QString _password;
     QString _name;
     bool _refresh;
+    std::unique_ptr<ORVOpenIDSignIn> _browser;
 };
+
+// The provider of a browser sign-in: the account server's own stand-in
+// unless the command line names a real one.
+ORVOpenIDProviderConfiguration browserProvider(const QString &kind, const QUrl &serverURL, const QCommandLineParser &parser,
+                                              const QCommandLineOption &issuer, const QCommandLineOption &client,
+                                              const QCommandLineOption &secret)
+{
+    ORVOpenIDProviderConfiguration provider;
+    provider.accountType = kind == QLatin1String("apple") ? ORVOrvellaAccountTypeApple : ORVOrvellaAccountTypeGoogle;
+    if (parser.isSet(issuer)) {
+        provider.issuer = QUrl(parser.value(issuer));
+        provider.clientIdentifier = parser.value(client);
+        provider.clientSecret = parser.value(secret);
+    } else {
+        provider.issuer = serverURL.resolved(QUrl(QStringLiteral("oidc/") + kind));
+        provider.clientIdentifier = QStringLiteral("kalendro-sample");
+    }
+    return provider;
+}
+
+// Opens the authorization address with the command (its words, then the
+// address) instead of the desktop's browser.
+ORVOpenIDSignIn::OpenURLHandler browserCommand(const QString &command)
+{
+    return [command](const QUrl &url) {
+        QStringList words = QProcess::splitCommand(command);
+        if (words.isEmpty())
+            return false;
+        const QString program = words.takeFirst();
+        words << url.toString(QUrl::FullyEncoded);
+        // The browser outlives nothing of ours: it is left to end by itself.
+        return QProcess::startDetached(program, words);
+    };
+}
 
 } // namespace
 
@@ -213,9 +279,30 @@ int main(int argc, char **argv)
     const QCommandLineOption guiOption("gui", "Show the preferences window afterwards (its menu opens the crash report "
                                               "dialog and the pending usage reports).");
     const QCommandLineOption screenshotsOption("screenshots", "Write a PNG of each window into DIR, then end.", "DIR");
+    const QCommandLineOption signInWithOption("sign-in-with",
+                                              "How to sign in when nobody is: password (the default), or google or "
+                                              "apple through the browser.", "KIND", "password");
+    const QCommandLineOption approveAsOption("approve-as", "The embedded server's identity provider approves every "
+                                                           "browser sign-in at once as EMAIL (for scripts).", "EMAIL");
+    const QCommandLineOption browserOption("browser", "Open the sign-in page with COMMAND (the address is added) "
+                                                      "instead of the desktop's browser.", "COMMAND");
+    const QCommandLineOption issuerOption("oidc-issuer", "A real OpenID provider's issuer for the browser sign-in.", "URL");
+    const QCommandLineOption clientOption("oidc-client-id", "This application's client identifier there.", "ID");
+    const QCommandLineOption secretOption("oidc-client-secret", "Its client secret, if the provider gave one.", "S");
     parser.addOptions({serverOption, emailOption, passwordOption, nameOption, signOutOption, refreshOption, verboseOption,
-                       guiOption, screenshotsOption});
+                       guiOption, screenshotsOption, signInWithOption, approveAsOption, browserOption, issuerOption,
+                       clientOption, secretOption});
     parser.process(app);
+    const QString signInKind = parser.value(signInWithOption);
+    if (signInKind != QLatin1String("password") && signInKind != QLatin1String("google") &&
+        signInKind != QLatin1String("apple")) {
+        say(ORVStringWithFormat("--sign-in-with wants password, google or apple, not \"%@\"", signInKind));
+        return 2;
+    }
+    if (parser.isSet(issuerOption) != parser.isSet(clientOption)) {
+        say("--oidc-issuer and --oidc-client-id go together");
+        return 2;
+    }
 
     const ORVBundle &bundle = ORVBundle::mainBundle();
     say(ORVStringWithFormat("OrvellaKit %@, bundle %@ (version %@)", ORVOrvellaKitVersionString(),
@@ -247,6 +334,9 @@ int main(int argc, char **argv)
             return 1;
         }
         serverURL = QUrl(QString::fromStdString(embedded->baseURL()) + QStringLiteral("/"));
+        if (parser.isSet(approveAsOption))
+            embedded->service().setAuthorizationAnswer(
+                orv::server::AuthorizationAnswer{parser.value(approveAsOption).toStdString(), "", "", ""});
         say(ORVStringWithFormat("started the embedded account server at %@ (state in %@)", serverURL, state));
     } else if (!serverURL.isValid() || serverURL.host().isEmpty()) {
         say(ORVStringWithFormat("--server wants a URL such as http://127.0.0.1:8080/, not \"%@\"",
@@ -332,12 +422,22 @@ int main(int argc, char **argv)
     // 8. The session: account, sign-in, token, a request, the key.
     Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
                     parser.value(nameOption), parser.isSet(refreshOption));
+    const bool browserSignIn = signInKind != QLatin1String("password");
+    if (browserSignIn) {
+        auto browser = std::make_unique<ORVOpenIDSignIn>(
+            browserProvider(signInKind, serverURL, parser, issuerOption, clientOption, secretOption));
+        if (parser.isSet(browserOption))
+            browser->setOpenURLHandler(browserCommand(parser.value(browserOption)));
+        session.useBrowserSignIn(std::move(browser));
+    }
     std::unique_ptr<KalendroWindows> windows;
     int sessionStatus = 0;
     QTimer giveUp;
     giveUp.setSingleShot(true);
-    QObject::connect(&giveUp, &QTimer::timeout, &app, [] {
-        say("gave up after 60 seconds without an answer");
+    // A person approving in the browser gets more time than a server.
+    const int patienceSeconds = browserSignIn ? 360 : 60;
+    QObject::connect(&giveUp, &QTimer::timeout, &app, [patienceSeconds] {
+        say(ORVStringWithFormat("gave up after %d seconds without an answer", patienceSeconds));
         QCoreApplication::exit(1);
     });
     if (parser.isSet(guiOption) || parser.isSet(screenshotsOption)) {
@@ -360,7 +460,7 @@ int main(int argc, char **argv)
         };
     }
     ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
-    giveUp.start(60000);
+    giveUp.start(patienceSeconds * 1000);
     int status = QApplication::exec();
     if (windows && status == 0)
         status = sessionStatus;

@@ -399,6 +399,7 @@ void ORVOpenIDSignIn::Private::dispose()
 
 ORVOpenIDSignIn::ORVOpenIDSignIn(ORVOpenIDProviderConfiguration configuration) : d(std::make_shared<Private>())
 {
+    orvRegisterFileLogLevel();
     d->configuration = std::move(configuration);
 }
 

@@ -13,6 +13,7 @@
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
+#include <QStandardPaths>
 
 using namespace orv::test;
 
@@ -56,6 +57,20 @@ protected:
         return found;
     }
 
+    // Every log file and the command log, by name relative to the home.
+    std::map<QString, QString> logs() const
+    {
+        std::map<QString, QString> found;
+        QDirIterator files(home.filePath(".local/state/Logs"), QDir::Files, QDirIterator::Subdirectories);
+        while (files.hasNext()) {
+            const QString path = files.next();
+            QFile file(path);
+            if (file.open(QIODevice::ReadOnly))
+                found[QDir(home.path()).relativeFilePath(path)] = QString::fromUtf8(file.readAll());
+        }
+        return found;
+    }
+
     QString output;
 };
 
@@ -80,17 +95,9 @@ TEST_F(SampleSecurityTest, NoSecretReachesLogsCommandLogOrOutput)
     EXPECT_EQ(secretsFile.permissions() & (QFileDevice::ReadGroup | QFileDevice::ReadOther), QFileDevice::Permissions());
 
     // Every file under the logs folder: the log files and the command log.
-    std::map<QString, QString> scanned{{QStringLiteral("process output"), output}};
-    QDirIterator files(home.filePath(".local/state/Logs"), QDir::Files, QDirIterator::Subdirectories);
-    bool sawCommandLog = false;
-    while (files.hasNext()) {
-        const QString path = files.next();
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
-        scanned[QDir(home.path()).relativeFilePath(path)] = QString::fromUtf8(file.readAll());
-        sawCommandLog = sawCommandLog || path.endsWith("commands.log");
-    }
-    ASSERT_TRUE(sawCommandLog);
+    std::map<QString, QString> scanned = logs();
+    scanned[QStringLiteral("process output")] = output;
+    ASSERT_TRUE(std::any_of(scanned.begin(), scanned.end(), [](const auto &e) { return e.first.endsWith("commands.log"); }));
     ASSERT_GE(scanned.size(), 3u);
     // The verbose logs did record the exchanges.
     bool sawRefresh = false;
@@ -124,4 +131,50 @@ TEST_F(SampleSecurityTest, QueuesOneUsageReportAtLaunch)
     const double due = report.value("scheduledSubmissionDate").toDouble();
     const double now = QDateTime(QDate(2001, 1, 1), QTime(0, 0), Qt::UTC).msecsTo(QDateTime::currentDateTimeUtc()) / 1000.0;
     EXPECT_NEAR(due - now, 604800, 120);
+}
+
+// A sign-in through a real browser (headless Chromium, recording its network
+// log): the code, state, nonce and PKCE challenge it carried, and the ID
+// token, appear in no log, in the command log, in the sample's output or in
+// its secrets file.
+TEST_F(SampleSecurityTest, BrowserSignInLeavesNoCodeStateNonceOrIDTokenBehind)
+{
+    const QString chromium = QStandardPaths::findExecutable(QStringLiteral("chromium"));
+    ASSERT_FALSE(chromium.isEmpty()) << "Debian's chromium package is needed (scripts/debian-packages.txt)";
+    const QString netLog = home.filePath("browser-net-log.json");
+    const QString browser = QStringLiteral("%1 --headless=new --no-sandbox --disable-gpu --no-first-run "
+                                           "--user-data-dir=%2 --log-net-log=%3 --dump-dom")
+                                .arg(chromium, home.filePath("browser-profile"), netLog);
+    ASSERT_EQ(runSample({"--sign-in-with", "google", "--approve-as", "grace@example.org", "--browser", browser}), 0)
+        << qPrintable(output);
+    EXPECT_TRUE(output.contains("signed in: user grace <grace@example.org>"));
+
+    // The browser ends on its own, after the sample; its log is whole once it parses.
+    QByteArray recorded;
+    EXPECT_TRUE(waitUntil([&] {
+        QFile file(netLog);
+        recorded = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+        return QJsonDocument::fromJson(recorded).isObject();
+    }, 60s));
+    QStringList carried;
+    const QRegularExpression parameter(QStringLiteral("[?&](code|state|nonce|code_challenge)=([A-Za-z0-9_-]{20,})"));
+    for (auto it = parameter.globalMatch(QString::fromUtf8(recorded)); it.hasNext();)
+        carried << it.next().captured(2);
+    carried.removeDuplicates();
+    // The code, the state (in the request and the redirect), the nonce and the challenge.
+    ASSERT_GE(carried.size(), 4) << "the browser's network log shows no sign-in";
+
+    std::map<QString, QString> scanned = logs();
+    // The browser's own page dump is not the sample's output.
+    scanned[QStringLiteral("process output")] = output.split('\n').filter(QRegularExpression("^kalendro-sample: ")).join('\n');
+    QFile secretsFile(QDir(dataFolder()).filePath("secrets.json"));
+    ASSERT_TRUE(secretsFile.open(QIODevice::ReadOnly));
+    const QString secretsText = QString::fromUtf8(secretsFile.readAll());
+    for (const auto &[name, text] : scanned) {
+        for (int i = 0; i < carried.size(); ++i)
+            EXPECT_FALSE(text.contains(carried[i])) << "sign-in value #" << i << " found in " << qPrintable(name);
+        EXPECT_FALSE(text.contains(QStringLiteral("eyJ"))) << "a JSON Web Token found in " << qPrintable(name);
+    }
+    for (int i = 0; i < carried.size(); ++i)
+        EXPECT_FALSE(secretsText.contains(carried[i])) << "sign-in value #" << i << " kept in secrets.json";
 }
