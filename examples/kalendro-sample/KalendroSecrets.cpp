@@ -1,8 +1,11 @@
 #include "KalendroSecrets.h"
 
+#include <OrvellaKit/ORVOrvellaTokenManager.h>
+
 #include <OrvellaKit/ORVStringWithFormat.h>
 
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QEventLoop>
 #include <QFile>
@@ -102,40 +105,63 @@ void KalendroSecrets::writeChanged()
         return;
     }
     // The token manager calls in from its own threads; keyring jobs run on
-    // the main thread, one write per burst of changes.
+    // the main thread, one at a time, each writing everything there is.
     {
         std::lock_guard lock(_lock);
-        if (_keyringWritePending)
-            return;
         _keyringWritePending = true;
+        if (_keyringWriting)
+            return;
+        _keyringWriting = true;
     }
     QMetaObject::invokeMethod(
-        QCoreApplication::instance(), [this] { flush(); }, Qt::QueuedConnection);
+        QCoreApplication::instance(), [this] { writeKeyring(); }, Qt::QueuedConnection);
+}
+
+// Asynchronous, without a nested event loop: an application quitting while
+// a job runs (QCoreApplication::exit() ends every running event loop) would
+// otherwise lose the write; an unfinished job is waited for by flush().
+void KalendroSecrets::writeKeyring()
+{
+    QByteArray json;
+    {
+        std::lock_guard lock(_lock);
+        if (!_keyringWritePending) {
+            _keyringWriting = false;
+            return;
+        }
+        _keyringWritePending = false;
+        json = QJsonDocument(_values).toJson(QJsonDocument::Compact);
+    }
+    auto *job = new QKeychain::WritePasswordJob(kService);
+    job->setKey(kKey);
+    job->setInsecureFallback(false);
+    job->setBinaryData(json);
+    job->setAutoDelete(true);
+    QObject::connect(job, &QKeychain::Job::finished, job, [this, job] {
+        if (job->error() != QKeychain::NoError)
+            qWarning("kalendro-sample: the keyring did not store the secrets: %s", qPrintable(job->errorString()));
+        writeKeyring(); // what changed meanwhile
+    });
+    job->start();
+}
+
+bool KalendroSecrets::keyringWriting() const
+{
+    std::lock_guard lock(_lock);
+    return _keyringWriting;
 }
 
 void KalendroSecrets::flush()
 {
     if (!_keyring)
         return;
-    QByteArray json;
-    {
-        std::lock_guard lock(_lock);
-        if (!_keyringWritePending)
-            return;
-        _keyringWritePending = false;
-        json = QJsonDocument(_values).toJson(QJsonDocument::Compact);
-    }
-    if (!writeKeyring(json))
-        qWarning("kalendro-sample: the keyring did not store the secrets");
-}
-
-bool KalendroSecrets::writeKeyring(const QByteArray &json)
-{
-    QKeychain::WritePasswordJob job(kService);
-    job.setKey(kKey);
-    job.setInsecureFallback(false);
-    job.setBinaryData(json);
-    return runJob(job) && job.error() == QKeychain::NoError;
+    QDeadlineTimer deadline(kKeyringTimeoutMs);
+    QTimer wake; // wakes the wait below to look at the deadline
+    wake.start(50);
+    while (keyringWriting() && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
+    if (keyringWriting())
+        qWarning("kalendro-sample: the keyring did not answer in time; the newest secrets may not be stored");
 }
 
 bool KalendroSecrets::writeFile(const QByteArray &json)
@@ -147,4 +173,52 @@ bool KalendroSecrets::writeFile(const QByteArray &json)
     // Owner only, before the first byte is written.
     file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
     return file.write(json) == json.size() && file.commit();
+}
+
+namespace {
+
+bool isSecretKey(const QString &key)
+{
+    return key.startsWith(ORVOrvellaAccountKeyUbiquitousKeyPrefix);
+}
+
+QString secretName(const QString &key)
+{
+    return QStringLiteral("ubiquitous/") + key;
+}
+
+} // namespace
+
+KalendroKeyValueStore::KalendroKeyValueStore(std::shared_ptr<KalendroSecrets> secrets)
+    : _secrets(std::move(secrets)), _local(std::make_shared<ORVLocalKeyValueStore>())
+{
+}
+
+QVariant KalendroKeyValueStore::objectForKey(const QString &key) const
+{
+    if (!isSecretKey(key))
+        return _local->objectForKey(key);
+    const QString stored = _secrets->value(secretName(key));
+    if (!stored.isNull())
+        return QByteArray::fromBase64(stored.toLatin1());
+    // Kept in the file by an earlier version: moved, not lost.
+    const QVariant old = _local->objectForKey(key);
+    if (old.typeId() == QMetaType::QByteArray) {
+        _secrets->setValue(secretName(key), QString::fromLatin1(old.toByteArray().toBase64()));
+        _local->removeObjectForKey(key);
+    }
+    return old;
+}
+
+void KalendroKeyValueStore::setObject(const QVariant &value, const QString &key)
+{
+    if (!isSecretKey(key))
+        return _local->setObject(value, key);
+    _secrets->setValue(secretName(key), value.isValid() ? QString::fromLatin1(value.toByteArray().toBase64()) : QString());
+    _local->removeObjectForKey(key);
+}
+
+bool KalendroKeyValueStore::synchronize()
+{
+    return _local->synchronize();
 }

@@ -26,17 +26,40 @@ public:
     void setValue(const QString &key, const QString &value);
     // Removes every secret.
     void clear();
-    // Waits (main thread) until every change has reached the keyring.
+    // Waits (main thread, at most a few seconds) until every change has
+    // reached the keyring.
     void flush();
 
 private:
     void writeChanged();
-    bool writeKeyring(const QByteArray &json);
+    void writeKeyring();
+    bool keyringWriting() const;
     bool writeFile(const QByteArray &json);
 
     QString _file;
     bool _keyring = false;
     mutable std::mutex _lock;
     QJsonObject _values;
-    bool _keyringWritePending = false;
+    bool _keyringWritePending = false; // a change not yet handed to a job
+    bool _keyringWriting = false;      // a job runs or is about to
+};
+
+#include <OrvellaKit/ORVUbiquitousKeyValueStore.h>
+
+#include <memory>
+
+// The sample's ubiquitous store: the framework's device-local file, except
+// that the account encryption keys ("OrvellaAccountKey-<user>") live with the
+// other secrets, in the keyring when there is one. A key found in the file
+// from an earlier run moves over on first read.
+class KalendroKeyValueStore : public ORVUbiquitousKeyValueStore {
+public:
+    explicit KalendroKeyValueStore(std::shared_ptr<KalendroSecrets> secrets);
+    QVariant objectForKey(const QString &key) const override;
+    void setObject(const QVariant &value, const QString &key) override;
+    bool synchronize() override;
+
+private:
+    std::shared_ptr<KalendroSecrets> _secrets;
+    std::shared_ptr<ORVLocalKeyValueStore> _local;
 };

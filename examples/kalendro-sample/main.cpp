@@ -353,6 +353,8 @@ int main(int argc, char **argv)
                                                           embedded ? QStringLiteral("embedded") : serverURL.toString(),
                                                           serverURL);
     auto secrets = std::make_shared<KalendroSecrets>(QDir(dataFolder).filePath(QStringLiteral("secrets.json")));
+    // The account encryption key is a secret too: not in the store's plain file.
+    ORVUbiquitousKeyValueStore::setDefaultStore(std::make_shared<KalendroKeyValueStore>(secrets));
     if (parser.isSet(signOutOption)) {
         QFile::remove(accounts->path());
         secrets->clear();

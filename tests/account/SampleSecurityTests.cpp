@@ -14,6 +14,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
+#include <QTemporaryDir>
 
 using namespace orv::test;
 
@@ -177,4 +178,67 @@ TEST_F(SampleSecurityTest, BrowserSignInLeavesNoCodeStateNonceOrIDTokenBehind)
     }
     for (int i = 0; i < carried.size(); ++i)
         EXPECT_FALSE(secretsText.contains(carried[i])) << "sign-in value #" << i << " kept in secrets.json";
+}
+
+// The sample with a real keyring: gnome-keyring-daemon, unlocked, on the
+// session bus of a dbus-run-session of the test's own. The device
+// credential, the access token and the encryption key are read back from
+// the keyring with secret-tool, and no file under the home holds them.
+TEST_F(SampleSecurityTest, SecretsGoToTheKeyringAndToNoFile)
+{
+    for (const char *tool : {"dbus-run-session", "gnome-keyring-daemon", "secret-tool"})
+        ASSERT_FALSE(QStandardPaths::findExecutable(QLatin1String(tool)).isEmpty())
+            << tool << " is needed (scripts/debian-packages.txt)";
+    QTemporaryDir outside; // the read-back lands outside the scanned home
+    ASSERT_TRUE(outside.isValid());
+    const QString readBack = outside.filePath("keyring.txt");
+    const QString script = QStringLiteral(
+        "set -e\n"
+        "printf %s keyring-password-for-tests | gnome-keyring-daemon --unlock --components=secrets >/dev/null\n"
+        "\"$0\" --verbose --email ada@example.org --password \"$1\"\n"
+        "secret-tool lookup server kalendro-sample user secrets > \"$2\"\n");
+    QProcess session;
+    auto environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    session.setProcessEnvironment(environment);
+    session.setProcessChannelMode(QProcess::MergedChannels);
+    session.start(QStringLiteral("dbus-run-session"), {"--", "sh", "-c", script, QStringLiteral(KALENDRO_SAMPLE_PATH),
+                                                      kPassword, readBack});
+    ASSERT_TRUE(session.waitForFinished(90000));
+    output = QString::fromUtf8(session.readAll());
+    ASSERT_EQ(session.exitCode(), 0) << qPrintable(output);
+    EXPECT_TRUE(output.contains("secrets go to the Secret Service (keyring)")) << qPrintable(output);
+    EXPECT_FALSE(output.contains("did not store")) << qPrintable(output);
+
+    QFile stored(readBack);
+    ASSERT_TRUE(stored.open(QIODevice::ReadOnly));
+    // QtKeychain keeps binary data base64-encoded.
+    const QJsonObject secretsInKeyring =
+        QJsonDocument::fromJson(QByteArray::fromBase64(stored.readAll().trimmed())).object();
+    QStringList values;
+    for (const char *prefix : {"device-token/", "access-token/", "encryption-key/"}) {
+        const QStringList keys = secretsInKeyring.keys().filter(QRegularExpression(QStringLiteral("^") + prefix));
+        ASSERT_EQ(keys.size(), 1) << prefix << " is not in the keyring";
+        values << secretsInKeyring.value(keys.first()).toString();
+    }
+    // The key as the ubiquitous store would hold it, too.
+    values << QString::fromLatin1(QByteArray::fromBase64(values.last().toLatin1()).toBase64());
+
+    QDirIterator files(home.path(), QDir::Files | QDir::Hidden, QDirIterator::Subdirectories);
+    int scanned = 0;
+    while (files.hasNext()) {
+        QFile file(files.next());
+        // The embedded server's database is the server's side: it knows the
+        // device tokens it issued, as a real server does on its own machine.
+        if (file.fileName().endsWith("embedded-account-server.json"))
+            continue;
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << qPrintable(file.fileName());
+        const QByteArray content = file.readAll();
+        ++scanned;
+        for (int i = 0; i < values.size(); ++i)
+            EXPECT_FALSE(content.contains(values[i].toUtf8()))
+                << "secret #" << i << " found in " << qPrintable(QDir(home.path()).relativeFilePath(file.fileName()));
+    }
+    EXPECT_GE(scanned, 4); // the account, the queue, the logs and the command log at least
+    EXPECT_FALSE(QFile::exists(QDir(dataFolder()).filePath("secrets.json")));
 }
