@@ -52,12 +52,14 @@ KalendroSecrets::KalendroSecrets(QString fallbackFile) : _file(std::move(fallbac
         if (runJob(job) && (job.error() == QKeychain::NoError || job.error() == QKeychain::EntryNotFound)) {
             _keyring = true;
             _values = QJsonDocument::fromJson(job.binaryData()).object();
+            _stored = _values;
             return;
         }
     }
     QFile file(_file);
     if (file.open(QIODevice::ReadOnly))
         _values = QJsonDocument::fromJson(file.readAll()).object();
+    _stored = _values;
 }
 
 KalendroSecrets::~KalendroSecrets() = default;
@@ -86,11 +88,20 @@ void KalendroSecrets::setValue(const QString &key, const QString &value)
     writeChanged();
 }
 
+bool KalendroSecrets::isStored(const QString &key, const QString &value) const
+{
+    std::lock_guard lock(_lock);
+    return _stored.value(key).toString() == value;
+}
+
 void KalendroSecrets::clear()
 {
     {
         std::lock_guard lock(_lock);
-        _values = QJsonObject();
+        for (const QString &key : _values.keys()) {
+            if (!key.startsWith(QLatin1String("ubiquitous/")))
+                _values.remove(key);
+        }
     }
     writeChanged();
 }
@@ -99,7 +110,9 @@ void KalendroSecrets::writeChanged()
 {
     if (!_keyring) {
         std::lock_guard lock(_lock);
-        if (!writeFile(QJsonDocument(_values).toJson(QJsonDocument::Compact)))
+        if (writeFile(QJsonDocument(_values).toJson(QJsonDocument::Compact)))
+            _stored = _values;
+        else
             qWarning("kalendro-sample: could not write the secrets file %s; the secrets stay in memory only",
                      qPrintable(_file));
         return;
@@ -113,8 +126,12 @@ void KalendroSecrets::writeChanged()
             return;
         _keyringWriting = true;
     }
-    QMetaObject::invokeMethod(
-        QCoreApplication::instance(), [this] { writeKeyring(); }, Qt::QueuedConnection);
+    if (!QMetaObject::invokeMethod(
+            _context.get(), [this] { writeKeyring(); }, Qt::QueuedConnection)) {
+        std::lock_guard lock(_lock);
+        _keyringWriting = false;
+        _keyringWriteFailed = true;
+    }
 }
 
 // Asynchronous, without a nested event loop: an application quitting while
@@ -122,7 +139,7 @@ void KalendroSecrets::writeChanged()
 // otherwise lose the write; an unfinished job is waited for by flush().
 void KalendroSecrets::writeKeyring()
 {
-    QByteArray json;
+    QJsonObject snapshot;
     {
         std::lock_guard lock(_lock);
         if (!_keyringWritePending) {
@@ -130,14 +147,22 @@ void KalendroSecrets::writeKeyring()
             return;
         }
         _keyringWritePending = false;
-        json = QJsonDocument(_values).toJson(QJsonDocument::Compact);
+        snapshot = _values;
     }
+    const QByteArray json = QJsonDocument(snapshot).toJson(QJsonDocument::Compact);
     auto *job = new QKeychain::WritePasswordJob(kService);
     job->setKey(kKey);
     job->setInsecureFallback(false);
     job->setBinaryData(json);
     job->setAutoDelete(true);
-    QObject::connect(job, &QKeychain::Job::finished, job, [this, job] {
+    QObject::connect(job, &QKeychain::Job::finished, _context.get(), [this, job, snapshot] {
+        {
+            std::lock_guard lock(_lock);
+            if (job->error() == QKeychain::NoError)
+                _stored = snapshot;
+            else
+                _keyringWriteFailed = true;
+        }
         if (job->error() != QKeychain::NoError)
             qWarning("kalendro-sample: the keyring did not store the secrets: %s", qPrintable(job->errorString()));
         writeKeyring(); // what changed meanwhile
@@ -151,17 +176,21 @@ bool KalendroSecrets::keyringWriting() const
     return _keyringWriting;
 }
 
-void KalendroSecrets::flush()
+bool KalendroSecrets::flush()
 {
     if (!_keyring)
-        return;
+        return true;
     QDeadlineTimer deadline(kKeyringTimeoutMs);
     QTimer wake; // wakes the wait below to look at the deadline
     wake.start(50);
     while (keyringWriting() && !deadline.hasExpired())
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    if (keyringWriting())
+    std::lock_guard lock(_lock);
+    if (_keyringWriting)
         qWarning("kalendro-sample: the keyring did not answer in time; the newest secrets may not be stored");
+    const bool stored = !_keyringWriting && !_keyringWriteFailed;
+    _keyringWriteFailed = false;
+    return stored;
 }
 
 bool KalendroSecrets::writeFile(const QByteArray &json)
@@ -198,24 +227,29 @@ QVariant KalendroKeyValueStore::objectForKey(const QString &key) const
 {
     if (!isSecretKey(key))
         return _local->objectForKey(key);
-    const QString stored = _secrets->value(secretName(key));
-    if (!stored.isNull())
-        return QByteArray::fromBase64(stored.toLatin1());
-    // Kept in the file by an earlier version: moved, not lost.
+    std::lock_guard lock(_lock);
+    const QString name = secretName(key);
+    QString stored = _secrets->value(name);
     const QVariant old = _local->objectForKey(key);
-    if (old.typeId() == QMetaType::QByteArray) {
-        _secrets->setValue(secretName(key), QString::fromLatin1(old.toByteArray().toBase64()));
-        _local->removeObjectForKey(key);
+    // Kept in the file by an earlier version: copied over, and taken out of
+    // the file only once the secrets store holds it for sure.
+    if (stored.isNull() && old.typeId() == QMetaType::QByteArray) {
+        stored = QString::fromLatin1(old.toByteArray().toBase64());
+        _secrets->setValue(name, stored);
     }
-    return old;
+    if (old.isValid() && !stored.isNull() && _secrets->isStored(name, stored))
+        _local->removeObjectForKey(key);
+    return stored.isNull() ? QVariant() : QVariant(QByteArray::fromBase64(stored.toLatin1()));
 }
 
 void KalendroKeyValueStore::setObject(const QVariant &value, const QString &key)
 {
     if (!isSecretKey(key))
         return _local->setObject(value, key);
+    std::lock_guard lock(_lock);
     _secrets->setValue(secretName(key), value.isValid() ? QString::fromLatin1(value.toByteArray().toBase64()) : QString());
-    _local->removeObjectForKey(key);
+    if (!value.isValid())
+        _local->removeObjectForKey(key); // or the next read would bring back the file's copy
 }
 
 bool KalendroKeyValueStore::synchronize()

@@ -6,8 +6,10 @@
 // held in memory and written through; reads never wait for the keyring.
 
 #include <QJsonObject>
+#include <QObject>
 #include <QString>
 
+#include <memory>
 #include <mutex>
 
 class KalendroSecrets {
@@ -24,11 +26,16 @@ public:
     // Thread-safe. A null value removes the key.
     QString value(const QString &key) const;
     void setValue(const QString &key, const QString &value);
-    // Removes every secret.
+    // Whether the keyring or the file holds `value` under `key` for sure
+    // (read from there, or written there since). Thread-safe.
+    bool isStored(const QString &key, const QString &value) const;
+    // Removes every secret of this device's sign-in; the account encryption
+    // keys ("ubiquitous/..." entries) stay: they are the user's, and data
+    // encrypted with them is unreadable without them.
     void clear();
     // Waits (main thread, at most a few seconds) until every change has
-    // reached the keyring.
-    void flush();
+    // reached the keyring; false when one did not.
+    bool flush();
 
 private:
     void writeChanged();
@@ -38,10 +45,14 @@ private:
 
     QString _file;
     bool _keyring = false;
+    // The context of queued calls and keyring jobs: gone with this object.
+    std::unique_ptr<QObject> _context = std::make_unique<QObject>();
     mutable std::mutex _lock;
     QJsonObject _values;
-    bool _keyringWritePending = false; // a change not yet handed to a job
-    bool _keyringWriting = false;      // a job runs or is about to
+    QJsonObject _stored;                 // what the keyring or the file holds for sure
+    bool _keyringWritePending = false;   // a change not yet handed to a job
+    bool _keyringWriting = false;        // a job runs or is about to
+    bool _keyringWriteFailed = false;    // since the last flush()
 };
 
 #include <OrvellaKit/ORVUbiquitousKeyValueStore.h>
@@ -62,4 +73,5 @@ public:
 private:
     std::shared_ptr<KalendroSecrets> _secrets;
     std::shared_ptr<ORVLocalKeyValueStore> _local;
+    mutable std::mutex _lock; // a move out of the file and a new value do not cross
 };

@@ -251,8 +251,14 @@ ORVOpenIDSignIn::OpenURLHandler browserCommand(const QString &command)
             return false;
         const QString program = words.takeFirst();
         words << url.toString(QUrl::FullyEncoded);
-        // The browser outlives nothing of ours: it is left to end by itself.
-        return QProcess::startDetached(program, words);
+        // The browser is left to end by itself; what it prints is its own
+        // business, not the sample's output.
+        QProcess browser;
+        browser.setProgram(program);
+        browser.setArguments(words);
+        browser.setStandardOutputFile(QProcess::nullDevice());
+        browser.setStandardErrorFile(QProcess::nullDevice());
+        return browser.startDetached();
     };
 }
 
@@ -471,7 +477,8 @@ int main(int argc, char **argv)
     usage->stopSubmissionTimer();
     say(ORVStringWithFormat("usage reports waiting in %@: %ld", usage->URLForPendingItems().toLocalFile(),
                             static_cast<long>(usage->pendingItems().size())));
-    secrets->flush();
+    if (!secrets->flush())
+        say("the keyring did not store every secret; the next run may have to sign in again");
     ORVDebug::sharedDebug()->fileLogger()->flush();
     say(status == 0 ? QStringLiteral("done") : QStringLiteral("stopped after an error"));
     say(ORVStringWithFormat("log files in %@:", logs));

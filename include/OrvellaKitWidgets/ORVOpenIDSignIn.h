@@ -26,6 +26,11 @@
 /// address.
 ///
 /// Nothing of the flow (code, verifier, state, nonce, tokens) is logged.
+/// Qt's own OAuth messages (the "qt.networkauth" categories) quote callback
+/// addresses and token answers in some failures, so the first instance
+/// turns them off for the process with a category filter that passes every
+/// other category to the filter installed before it. No redirect is
+/// followed at the provider's endpoints.
 
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVOrvellaAccount.h>
@@ -73,8 +78,10 @@ struct ORVOpenIDProviderConfiguration {
     /// The issuer, exactly as the provider's ID tokens name it
     /// ("https://accounts.google.com").
     QUrl issuer;
-    /// Both or neither: without them the discovery document gives them.
+    /// The authorization endpoint. Both endpoints or neither: without them
+    /// the discovery document gives them.
     QUrl authorizationEndpoint;
+    /// The token endpoint (see authorizationEndpoint).
     QUrl tokenEndpoint;
     /// The application's client identifier at the provider.
     QString clientIdentifier;
@@ -102,14 +109,19 @@ struct ORVOpenIDIdentity {
 /// cancel error). One flow at a time.
 class ORVELLAKIT_WIDGETS_EXPORT ORVOpenIDSignIn {
 public:
+    /// Receives the checked identity, or nothing and the error.
     using IdentityCompletion = std::function<void(const std::optional<ORVOpenIDIdentity> &identity, const ORVError &error)>;
+    /// Opens `url` in a browser; false when it could not.
     using OpenURLHandler = std::function<bool(const QUrl &url)>;
 
+    /// A sign-in with this provider; nothing starts before requestIdentity()
+    /// or signIn().
     explicit ORVOpenIDSignIn(ORVOpenIDProviderConfiguration configuration);
     ~ORVOpenIDSignIn();
     ORVOpenIDSignIn(const ORVOpenIDSignIn &) = delete;
     ORVOpenIDSignIn &operator=(const ORVOpenIDSignIn &) = delete;
 
+    /// The provider, as given.
     const ORVOpenIDProviderConfiguration &configuration() const;
 
     /// Opens the authorization address; QDesktopServices::openUrl() unless

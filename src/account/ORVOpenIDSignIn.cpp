@@ -21,6 +21,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLoggingCategory>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QOAuth2AuthorizationCodeFlow>
@@ -29,6 +30,8 @@
 #include <QRandomGenerator>
 #include <QTimer>
 #include <QUrlQuery>
+
+#include <mutex>
 
 ORV_LOG_FILE("Token Manager")
 
@@ -136,6 +139,22 @@ std::optional<ORVOpenIDIdentity> checkIDToken(const QString &token, const ORVOpe
                              claims.value(QLatin1String("family_name")).toString()};
 }
 
+// Qt's OAuth classes warn with the whole callback address or the whole
+// token answer in some failures; those can hold a code or a token, so their
+// categories stay silent. Every other category goes to the filter that was
+// installed before.
+QLoggingCategory::CategoryFilter filterBeforeOurs = nullptr;
+
+void silenceQtOAuthMessages(QLoggingCategory *category)
+{
+    if (qstrncmp(category->categoryName(), "qt.networkauth", 14) == 0) {
+        for (const QtMsgType type : {QtDebugMsg, QtInfoMsg, QtWarningMsg, QtCriticalMsg})
+            category->setEnabled(type, false);
+    } else if (filterBeforeOurs) {
+        filterBeforeOurs(category);
+    }
+}
+
 } // namespace
 
 struct ORVOpenIDSignIn::Private : std::enable_shared_from_this<Private> {
@@ -155,6 +174,7 @@ struct ORVOpenIDSignIn::Private : std::enable_shared_from_this<Private> {
     QString verifier;
     IdentityCompletion completion;
     bool answered = false;  // the redirect came
+    bool starting = false;  // inside requestIdentity(): completions wait for the caller to return
     bool signingIn = false; // the ID token went to the token manager
     int callbackDepth = 0;  // inside a signal of the run's objects
 
@@ -190,11 +210,15 @@ void ORVOpenIDSignIn::Private::start(IdentityCompletion done)
     run = new QObject();
     network = new QNetworkAccessManager(run);
     network->setTransferTimeout(kNetworkTimeoutMs);
-    network->setRedirectPolicy(QNetworkRequest::NoLessSafeRedirectPolicy);
+    // A redirect would carry the code, the verifier and the client secret
+    // to wherever the token endpoint points: none is followed.
+    network->setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);
+    starting = true;
     if (configuration.authorizationEndpoint.isEmpty())
         discover();
     else
         authorize(configuration.authorizationEndpoint, configuration.tokenEndpoint);
+    starting = false;
 }
 
 void ORVOpenIDSignIn::Private::discover()
@@ -368,9 +392,13 @@ void ORVOpenIDSignIn::Private::finish(const std::optional<ORVOpenIDIdentity> &id
     if (listener)
         listener->close();
     dispose();
-    const IdentityCompletion done = std::move(completion);
+    IdentityCompletion done = std::move(completion);
     completion = nullptr;
-    done(identity, error);
+    if (starting)
+        QTimer::singleShot(0, QCoreApplication::instance(),
+                           [done = std::move(done), identity, error] { done(identity, error); });
+    else
+        done(identity, error);
 }
 
 void ORVOpenIDSignIn::Private::dispose()
@@ -400,6 +428,8 @@ void ORVOpenIDSignIn::Private::dispose()
 ORVOpenIDSignIn::ORVOpenIDSignIn(ORVOpenIDProviderConfiguration configuration) : d(std::make_shared<Private>())
 {
     orvRegisterFileLogLevel();
+    static std::once_flag silenced;
+    std::call_once(silenced, [] { filterBeforeOurs = QLoggingCategory::installFilter(silenceQtOAuthMessages); });
     d->configuration = std::move(configuration);
 }
 

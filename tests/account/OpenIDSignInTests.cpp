@@ -79,6 +79,7 @@ protected:
         signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
         accounts->setCurrent(signedOut);
         tokens->credential.reset();
+        server.service().addOpenIDClient("kalendro-tests");
     }
 
     ORVOpenIDProviderConfiguration provider(const std::string &kind = "google")
@@ -158,6 +159,16 @@ TEST_F(OpenIDSignInTest, GoogleAndAppleSignInsRunTheWholeFlowWithPKCEStateAndNon
                   parameter(opened, "code_challenge"));
         // One redirect only: the listener is gone.
         EXPECT_FALSE(portAccepts(static_cast<quint16>(redirectURI().port())));
+        // A client the provider does not know gets a page, not a redirect.
+        QUrl stranger = opened;
+        QUrlQuery query(stranger);
+        query.removeQueryItem(QStringLiteral("client_id"));
+        query.addQueryItem(QStringLiteral("client_id"), QStringLiteral("stranger"));
+        stranger.setQuery(query);
+        QNetworkReply *reply = web.get(QNetworkRequest(stranger));
+        ASSERT_TRUE(waitUntil([&] { return reply->isFinished(); }));
+        EXPECT_EQ(reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(), 400);
+        reply->deleteLater();
     }
     {
         // Apple: the names from the ID token go with it.
@@ -177,6 +188,7 @@ TEST_F(OpenIDSignInTest, GoogleAndAppleSignInsRunTheWholeFlowWithPKCEStateAndNon
 TEST_F(OpenIDSignInTest, EveryWayTheFlowFailsEndsInOneClearError)
 {
     const auto run = [&](ORVOpenIDSignIn &signIn, const std::function<void()> &meanwhile = {}) {
+        opened.clear();
         IdentityResult result;
         signIn.requestIdentity(result.handler());
         if (meanwhile)
@@ -232,6 +244,19 @@ TEST_F(OpenIDSignInTest, EveryWayTheFlowFailsEndsInOneClearError)
         });
         EXPECT_EQ(error.domain(), ORVOrvellaKitErrorDomain);
         EXPECT_EQ(error.code(), ORVUserCancelledErrorCode);
+    }
+    {
+        SCOPED_TRACE("cancelled after the redirect, while the code is exchanged");
+        server.script("POST", "/oidc/google/token", {ScriptedResponse{400, "{}", "application/json", {}, 1500ms}});
+        ORVOpenIDSignIn signIn(provider());
+        signIn.setOpenURLHandler(browser());
+        const ORVError error = run(signIn, [&] {
+            ASSERT_TRUE(waitUntil([&] { return server.requestCount("/oidc/google/token") == 1; }));
+            signIn.cancel();
+        });
+        EXPECT_EQ(error.code(), ORVUserCancelledErrorCode);
+        spinFor(1700ms); // the late answer finds nobody to call
+        server.clearScripts();
     }
     {
         SCOPED_TRACE("the browser does not open");
@@ -298,6 +323,59 @@ TEST_F(OpenIDSignInTest, EveryWayTheFlowFailsEndsInOneClearError)
         EXPECT_EQ(result.calls, 1);
         EXPECT_EQ(result.error.code(), ORVUserCancelledErrorCode);
     }
+}
+
+// What a completion may do to the sign-in that called it: start it again,
+// or destroy it; and a cancel once the ID token went to the token manager.
+TEST_F(OpenIDSignInTest, CompletionsMayRestartOrDestroyAndLateCancelsChangeNothing)
+{
+    answer("grace@example.org");
+    // With the endpoints configured the flow fails before any network wait.
+    auto configured = provider();
+    configured.authorizationEndpoint = QUrl(configured.issuer.toString() + QStringLiteral("/authorize"));
+    configured.tokenEndpoint = QUrl(configured.issuer.toString() + QStringLiteral("/token"));
+    auto signIn = std::make_unique<ORVOpenIDSignIn>(configured);
+    signIn->setOpenURLHandler([](const QUrl &) { return false; });
+    IdentityResult second;
+    int firstCalls = 0;
+    signIn->requestIdentity([&](const std::optional<ORVOpenIDIdentity> &, const ORVError &) {
+        ++firstCalls;
+        signIn->setOpenURLHandler(browser());
+        signIn->requestIdentity(second.handler());
+    });
+    EXPECT_EQ(firstCalls, 0); // never inside the call that started it
+    ASSERT_TRUE(second.wait());
+    EXPECT_EQ(firstCalls, 1);
+    ASSERT_TRUE(second.identity) << second.error.description().toStdString();
+
+    int destroyingCalls = 0;
+    signIn->requestIdentity([&](const std::optional<ORVOpenIDIdentity> &, const ORVError &) {
+        ++destroyingCalls;
+        signIn.reset();
+    });
+    ASSERT_TRUE(waitUntil([&] { return !signIn; }));
+    spinFor(200ms);
+    EXPECT_EQ(destroyingCalls, 1);
+
+    // The sign-in answers slowly; a cancel meanwhile cannot undo it.
+    const QJsonObject slowAnswer{{"device_token", QString::fromStdString(server.service().registerDevice("ada"))},
+                                 {"user", "ada"},
+                                 {"token", QString::fromStdString(server.service().issueAccessToken("ada"))},
+                                 {"email", "grace@example.org"}};
+    server.script("POST", "/v1/auth/google/login/",
+                  {ScriptedResponse{200, QJsonDocument(slowAnswer).toJson().toStdString(), "application/json", {}, 800ms}});
+    ORVOpenIDSignIn late(provider());
+    late.setOpenURLHandler(browser());
+    SignInResult result;
+    late.signIn(tokens, result.handler());
+    ASSERT_TRUE(waitUntil([&] { return server.requestCount("/v1/auth/google/login/") == 1; }));
+    late.cancel();
+    EXPECT_TRUE(late.isRunning());
+    ASSERT_TRUE(result.wait());
+    spinFor(200ms);
+    EXPECT_EQ(result.calls.load(), 1);
+    EXPECT_TRUE(result.account) << result.error.description().toStdString();
+    EXPECT_FALSE(late.isRunning());
 }
 
 TEST_F(OpenIDSignInTest, IDTokensWithAWrongIssuerAudienceExpiryOrNonceAreRefused)

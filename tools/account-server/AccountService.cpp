@@ -203,7 +203,7 @@ std::optional<std::string> AccountService::userForAccessToken(const std::string 
         return std::nullopt;
     std::lock_guard lock(_lock);
     const QByteArray expected = base64url(sign(_key, parts[0] + '.' + parts[1]));
-    if (expected != parts[2])
+    if (!sameSignature(expected, parts[2]))
         return std::nullopt;
     const auto payload = parse(QByteArray::fromBase64(parts[1], QByteArray::Base64UrlEncoding).toStdString());
     if (!payload)

@@ -22,6 +22,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -67,6 +68,9 @@ public:
     // (a redirect with a code or with the error) instead of showing its page;
     // nothing brings the page back.
     void setAuthorizationAnswer(std::optional<AuthorizationAnswer> answer);
+    // The provider serves only the clients it knows ("kalendro-sample" from
+    // the start), and the sign-ins accept only ID tokens issued to them.
+    void addOpenIDClient(const std::string &clientId);
     // Lifetime of the provider's ID tokens (default ten minutes).
     void setIdentityTokenLifetime(std::chrono::seconds lifetime);
 
@@ -173,6 +177,7 @@ private:
     std::optional<AuthorizationAnswer> _authorizationAnswer;
     std::map<std::string, AuthorizationCode> _authorizationCodes;
     std::chrono::seconds _identityTokenLifetime{600};
+    std::set<std::string> _openIDClients{"kalendro-sample"};
 };
 
 } // namespace orv::server

@@ -125,6 +125,12 @@ void AccountService::setAuthorizationAnswer(std::optional<AuthorizationAnswer> a
     _authorizationAnswer = std::move(answer);
 }
 
+void AccountService::addOpenIDClient(const std::string &clientId)
+{
+    std::lock_guard lock(_lock);
+    _openIDClients.insert(clientId);
+}
+
 void AccountService::setIdentityTokenLifetime(std::chrono::seconds lifetime)
 {
     std::lock_guard lock(_lock);
@@ -167,10 +173,15 @@ ServiceReply AccountService::authorize(const std::string &provider,
     const std::string title = provider == "apple" ? "Sign in with Apple" : "Sign in with Google";
     const std::string clientId = first(parameters, "client_id");
     const QUrl redirectURI(q(first(parameters, "redirect_uri")));
-    if (clientId.empty() || !isLoopbackRedirect(redirectURI))
+    bool knownClient = false;
+    {
+        std::lock_guard lock(_lock);
+        knownClient = _openIDClients.count(clientId) != 0;
+    }
+    if (!knownClient || !isLoopbackRedirect(redirectURI))
         return page(400, title,
-                    "<p>This request has no client, or its redirect address is not a loopback address of this "
-                    "computer, so nothing was sent back.</p>");
+                    "<p>This request comes from no client this provider knows, or its redirect address is not a "
+                    "loopback address of this computer, so nothing was sent back.</p>");
     const std::string state = first(parameters, "state");
     const auto refuse = [&](const char *code, const char *description) {
         std::vector<std::pair<std::string, std::string>> items{{"error", code}, {"error_description", description}};
@@ -297,11 +308,12 @@ std::optional<AccountService::Identity> AccountService::identityFromIDToken(cons
                                                                           const std::string &token) const
 {
     const QList<QByteArray> parts = QByteArray::fromStdString(token).split('.');
-    if (parts.size() != 3 || base64url(sign(_key, parts[0] + '.' + parts[1])) != parts[2])
+    if (parts.size() != 3 || !sameSignature(base64url(sign(_key, parts[0] + '.' + parts[1])), parts[2]))
         return std::nullopt;
     const auto claims = parse(QByteArray::fromBase64(parts[1], QByteArray::Base64UrlEncoding).toStdString());
     if (!claims || text(*claims, "iss") != _baseURL + "/oidc/" + provider ||
-        claims->value("exp").toInteger() <= QDateTime::currentSecsSinceEpoch() || text(*claims, "email").empty())
+        claims->value("exp").toInteger() <= QDateTime::currentSecsSinceEpoch() || text(*claims, "email").empty() ||
+        _openIDClients.count(text(*claims, "aud")) == 0)
         return std::nullopt;
     return Identity{provider, text(*claims, "email"), text(*claims, "name")};
 }

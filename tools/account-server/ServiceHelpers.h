@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <openssl/evp.h>
+#include <openssl/crypto.h>
 #include <openssl/hmac.h>
 
 #include <optional>
@@ -66,6 +67,12 @@ inline QByteArray sign(const std::string &key, const QByteArray &input)
     HMAC(EVP_sha256(), key.data(), static_cast<int>(key.size()), reinterpret_cast<const unsigned char *>(input.data()),
          static_cast<size_t>(input.size()), mac, &length);
     return QByteArray(reinterpret_cast<const char *>(mac), static_cast<int>(length));
+}
+
+// Compares a received signature with the expected one in constant time.
+inline bool sameSignature(const QByteArray &a, const QByteArray &b)
+{
+    return a.size() == b.size() && CRYPTO_memcmp(a.constData(), b.constData(), static_cast<size_t>(a.size())) == 0;
 }
 
 inline std::string bearer(const std::string &authorization)
