@@ -5,16 +5,20 @@
 //                   [--sign-in-with password|google|apple] [--approve-as EMAIL]
 //                   [--browser COMMAND] [--oidc-issuer URL --oidc-client-id ID
 //                   [--oidc-client-secret S]] [--sign-out] [--refresh]
-//                   [--verbose] [--gui] [--screenshots DIR]
+//                   [--verbose] [--gui] [--screenshots DIR] [--email-link]
+//                   [--install-url-handler] [LINK]
 //
 // Without --server it runs the reference account server inside the process
 // on 127.0.0.1 (its state kept in the data folder, so a second run finds the
 // account and the device again). Each step is printed in plain words; the
 // secrets themselves are never printed. With --gui the preferences window
 // stays open afterwards; --screenshots writes a PNG of each window and ends.
+// A sign-in link as the argument signs in with it, or is handed to the copy
+// already running.
 
 #include "KalendroAccount.h"
 #include "KalendroCommandLog.h"
+#include "KalendroLinks.h"
 #include "KalendroSecrets.h"
 #include "KalendroTokenManager.h"
 #include "KalendroWindows.h"
@@ -75,6 +79,26 @@ public:
     // With a browser sign-in, nobody types a password: the provider says
     // who the user is.
     void useBrowserSignIn(std::unique_ptr<ORVOpenIDSignIn> browser) { _browser = std::move(browser); }
+    // Signs in with the magic token of a sign-in link instead.
+    void useMagicToken(const QString &token) { _magicToken = token; }
+    // Only asks the server to mail a sign-in link; `mailbox` says where the
+    // embedded server drops it (empty for another server).
+    void useEmailLink(const QString &mailbox)
+    {
+        _emailLink = true;
+        _mailbox = mailbox;
+    }
+
+    // A sign-in link that a later copy forwarded.
+    void signInWithMagicLink(const QString &token)
+    {
+        say("signing in with the sign-in link");
+        _tokens->signInWithMagicToken(token, [this](std::shared_ptr<ORVOrvellaAccount> account, const ORVError &error) {
+            if (!account)
+                return fail("the sign-in link was not accepted", error);
+            signedIn(account);
+        });
+    }
 
     // What happens when the session ends (0: every step passed); the
     // application exits with the code unless something else is set.
@@ -82,6 +106,10 @@ public:
 
     void start()
     {
+        if (_emailLink)
+            return emailLink();
+        if (!_magicToken.isEmpty())
+            return signInWithMagicLink(_magicToken);
         const auto account = ORVFetchOrvellaAccount();
         if (account->username() && _tokens->credentialForOrvellaAccount(account)) {
             say(ORVStringWithFormat("this device is registered for %@; %@", *account->username(),
@@ -121,6 +149,31 @@ private:
                 return fail("sign-in failed", error);
             signedIn(account);
         });
+    }
+
+    void emailLink()
+    {
+        say(ORVStringWithFormat("asking the server to mail a sign-in link to %@", _email));
+        auto account = ORVFetchOrvellaAccount();
+        ORVURLRequest urlRequest(account->URLForServerEndpoint(ORVOrvellaServerEndpointAuthMagicInstant));
+        urlRequest.setHTTPMethod(QStringLiteral("POST"));
+        urlRequest.setValue(QStringLiteral("application/json"), QStringLiteral("Content-Type"));
+        urlRequest.setHTTPBody(QJsonDocument(QJsonObject{{"email", _email}}).toJson(QJsonDocument::Compact));
+        auto request = ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest);
+        request->setCategory(QStringLiteral("Kalendro sign-in link"));
+        request->setCompletionHandler([this](const std::shared_ptr<ORVOrvellaData> &,
+                                             const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
+            const int status = response ? response->statusCode() : 0;
+            if (status != 200)
+                return fail(ORVStringWithFormat("the server sent no sign-in link (HTTP %d)", status), error);
+            say(_mailbox.isEmpty()
+                    ? QStringLiteral("the server sent the sign-in link; open it on this computer")
+                    : ORVStringWithFormat("the embedded server put the mail in %@; open the link in it, or give it "
+                                          "to kalendro-sample as its argument",
+                                          _mailbox));
+            finish(0);
+        });
+        ORVOrvellaNetworkManager::sharedManager()->startRequest(request);
     }
 
     void signInWithBrowser()
@@ -220,6 +273,9 @@ private:
     QString _name;
     bool _refresh;
     std::unique_ptr<ORVOpenIDSignIn> _browser;
+    QString _magicToken;
+    bool _emailLink = false;
+    QString _mailbox;
 };
 
 // The provider of a browser sign-in: the account server's own stand-in
@@ -295,9 +351,14 @@ int main(int argc, char **argv)
     const QCommandLineOption issuerOption("oidc-issuer", "A real OpenID provider's issuer for the browser sign-in.", "URL");
     const QCommandLineOption clientOption("oidc-client-id", "This application's client identifier there.", "ID");
     const QCommandLineOption secretOption("oidc-client-secret", "Its client secret, if the provider gave one.", "S");
+    const QCommandLineOption emailLinkOption("email-link", "Ask the server to mail a sign-in link to --email, then end.");
+    const QCommandLineOption installHandlerOption("install-url-handler",
+                                                  "Make this program the desktop's handler of kalendro: links, then end.");
+    parser.addPositionalArgument("link", "A sign-in link (kalendro://magic?token=... or https://.../magic?token=...).",
+                                 "[LINK]");
     parser.addOptions({serverOption, emailOption, passwordOption, nameOption, signOutOption, refreshOption, verboseOption,
                        guiOption, screenshotsOption, signInWithOption, approveAsOption, browserOption, issuerOption,
-                       clientOption, secretOption});
+                       clientOption, secretOption, emailLinkOption, installHandlerOption});
     parser.process(app);
     const QString signInKind = parser.value(signInWithOption);
     if (signInKind != QLatin1String("password") && signInKind != QLatin1String("google") &&
@@ -308,6 +369,27 @@ int main(int argc, char **argv)
     if (parser.isSet(issuerOption) != parser.isSet(clientOption)) {
         say("--oidc-issuer and --oidc-client-id go together");
         return 2;
+    }
+    if (parser.isSet(installHandlerOption)) {
+        QString problem;
+        const QString entry = kalendroInstallURLHandler(QCoreApplication::applicationFilePath(), &problem);
+        say(entry.isEmpty() ? QStringLiteral("the link handler could not be installed: ") + problem
+                            : ORVStringWithFormat("kalendro: links now open this program (%@)", entry));
+        return entry.isEmpty() ? 1 : 0;
+    }
+    std::optional<QString> magicToken;
+    if (!parser.positionalArguments().isEmpty()) {
+        const QUrl link(parser.positionalArguments().first());
+        magicToken = kalendroMagicToken(link);
+        if (parser.positionalArguments().size() > 1 || !magicToken) {
+            say("the argument is not a sign-in link (kalendro://magic?token=... or https://.../magic?token=...)");
+            return 2;
+        }
+        // One copy at a time: the running one signs in with the link.
+        if (kalendroForwardLink(link)) {
+            say("handed the sign-in link to the copy that is already running");
+            return 0;
+        }
     }
 
     const ORVBundle &bundle = ORVBundle::mainBundle();
@@ -340,6 +422,10 @@ int main(int argc, char **argv)
             return 1;
         }
         serverURL = QUrl(QString::fromStdString(embedded->baseURL()) + QStringLiteral("/"));
+        const QString mailbox = QDir(dataFolder).filePath(QStringLiteral("Mail"));
+        QDir().mkpath(mailbox);
+        QFile::setPermissions(mailbox, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        embedded->service().setMailDrop(mailbox.toStdString(), "kalendro://magic");
         if (parser.isSet(approveAsOption))
             embedded->service().setAuthorizationAnswer(
                 orv::server::AuthorizationAnswer{parser.value(approveAsOption).toStdString(), "", "", ""});
@@ -430,7 +516,19 @@ int main(int argc, char **argv)
     // 8. The session: account, sign-in, token, a request, the key.
     Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
                     parser.value(nameOption), parser.isSet(refreshOption));
-    const bool browserSignIn = signInKind != QLatin1String("password");
+    if (magicToken)
+        session.useMagicToken(*magicToken);
+    if (parser.isSet(emailLinkOption))
+        session.useEmailLink(embedded ? QDir(dataFolder).filePath(QStringLiteral("Mail")) : QString());
+    // Links that later copies forward: this copy signs in with them.
+    KalendroLinkReceiver links;
+    QObject::connect(&links, &KalendroLinkReceiver::magicTokenReceived, &app, [&session](const QString &token) {
+        say("a later copy handed over a sign-in link");
+        session.signInWithMagicLink(token);
+    });
+    if (links.registerOnSessionBus())
+        say("sign-in links opened later come to this copy over the session bus");
+    const bool browserSignIn = signInKind != QLatin1String("password") && !magicToken;
     if (browserSignIn) {
         auto browser = std::make_unique<ORVOpenIDSignIn>(
             browserProvider(signInKind, serverURL, parser, issuerOption, clientOption, secretOption));

@@ -248,3 +248,82 @@ TEST_F(SampleSecurityTest, SecretsGoToTheKeyringAndToNoFile)
     EXPECT_GE(scanned, 4); // the account, the queue, the logs and the command log at least
     EXPECT_FALSE(QFile::exists(QDir(dataFolder()).filePath("secrets.json")));
 }
+
+// A sign-in link from the embedded server's mail, opened while a copy runs:
+// the second copy hands it over the session bus (its own bus here) and
+// ends; the running copy signs in with it. The link's token appears in no
+// log and in neither copy's output.
+TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
+{
+    ASSERT_EQ(runSample({"--email-link", "--email", "grace@example.org"}), 0) << qPrintable(output);
+    const QString mailbox = QDir(dataFolder()).filePath("Mail");
+    const QStringList mails = QDir(mailbox).entryList(QDir::Files);
+    ASSERT_EQ(mails.size(), 1);
+    QFile mail(QDir(mailbox).filePath(mails.first()));
+    EXPECT_EQ(mail.permissions() & (QFileDevice::ReadGroup | QFileDevice::ReadOther), QFileDevice::Permissions());
+    ASSERT_TRUE(mail.open(QIODevice::ReadOnly));
+    const QString link = QRegularExpression(QStringLiteral("kalendro://magic\\?token=\\S+"))
+                             .match(QString::fromUtf8(mail.readAll()))
+                             .captured(0);
+    const QString token = link.section(QLatin1Char('='), 1);
+    ASSERT_GE(token.size(), 20) << "no link in the mail";
+
+    QTemporaryDir outside;
+    ASSERT_TRUE(outside.isValid());
+    const QString runningOutput = outside.filePath("running.txt");
+    const QString script = QStringLiteral(
+        "printf %s keyring-password-for-tests | gnome-keyring-daemon --unlock --components=secrets >/dev/null\n"
+        "\"$0\" --gui --verbose > \"$2\" 2>&1 &\n"
+        "running=$!\n"
+        "for i in $(seq 300); do grep -q 'come to this copy over the session bus' \"$2\" && break; sleep 0.1; done\n"
+        "\"$0\" --verbose \"$1\"\n"
+        "for i in $(seq 300); do grep -q 'signed in: user grace' \"$2\" && break; sleep 0.1; done\n"
+        "kill $running; wait $running\n");
+    QProcess session;
+    auto environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+    session.setProcessEnvironment(environment);
+    session.setProcessChannelMode(QProcess::MergedChannels);
+    session.start(QStringLiteral("dbus-run-session"),
+                  {"--", "sh", "-c", script, QStringLiteral(KALENDRO_SAMPLE_PATH), link, runningOutput});
+    ASSERT_TRUE(session.waitForFinished(90000));
+    const QString opener = QString::fromUtf8(session.readAll());
+    QFile runningFile(runningOutput);
+    ASSERT_TRUE(runningFile.open(QIODevice::ReadOnly));
+    const QString running = QString::fromUtf8(runningFile.readAll());
+    EXPECT_TRUE(opener.contains("handed the sign-in link to the copy that is already running")) << qPrintable(opener);
+    EXPECT_FALSE(opener.contains("signing in")) << qPrintable(opener);
+    EXPECT_TRUE(running.contains("a later copy handed over a sign-in link")) << qPrintable(running);
+    EXPECT_TRUE(running.contains("signed in: user grace <grace@example.org>")) << qPrintable(running);
+
+    std::map<QString, QString> scanned = logs();
+    scanned[QStringLiteral("first run's output")] = output;
+    scanned[QStringLiteral("opening copy's output")] = opener;
+    scanned[QStringLiteral("running copy's output")] = running;
+    for (const auto &[name, text] : scanned)
+        EXPECT_FALSE(text.contains(token)) << "the link's token found in " << qPrintable(name);
+}
+
+// The desktop learns that kalendro: links open the sample; what
+// mimeapps.list held before stays.
+TEST_F(SampleSecurityTest, InstallsItselfAsTheHandlerOfKalendroLinks)
+{
+    QDir().mkpath(home.filePath(".config"));
+    QFile list(home.filePath(".config/mimeapps.list"));
+    ASSERT_TRUE(list.open(QIODevice::WriteOnly));
+    list.write("[Added Associations]\ntext/plain=editor.desktop;\n\n[Default Applications]\n"
+               "x-scheme-handler/kalendro=old.desktop\ntext/html=browser.desktop\n");
+    list.close();
+    ASSERT_EQ(runSample({"--install-url-handler"}), 0) << qPrintable(output);
+    QFile entry(home.filePath(".local/share/applications/kalendro-sample.desktop"));
+    ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
+    const QString desktop = QString::fromUtf8(entry.readAll());
+    EXPECT_TRUE(desktop.contains("MimeType=x-scheme-handler/kalendro;"));
+    EXPECT_TRUE(desktop.contains(QStringLiteral("Exec=\"%1\" %u").arg(QStringLiteral(KALENDRO_SAMPLE_PATH))));
+    ASSERT_TRUE(list.open(QIODevice::ReadOnly));
+    const QString associations = QString::fromUtf8(list.readAll());
+    EXPECT_TRUE(associations.contains("x-scheme-handler/kalendro=kalendro-sample.desktop\n"));
+    EXPECT_FALSE(associations.contains("old.desktop"));
+    EXPECT_TRUE(associations.contains("text/plain=editor.desktop;"));
+    EXPECT_TRUE(associations.contains("text/html=browser.desktop"));
+}

@@ -45,6 +45,8 @@ std::optional<ServiceReply> AccountService::handle(const std::string &method, co
         return identityLogin("google", body);
     if (method == "POST" && path == "/v1/auth/magic/device/")
         return magicLogin(body);
+    if (method == "POST" && path == "/v1/auth/magic/instant/")
+        return mailMagicLink(body);
     if (method == "POST" && path == "/v1/auth/device/")
         return deviceToken(body);
     if (method == "GET" && path == "/v1/account/details/")
@@ -92,8 +94,49 @@ std::string AccountService::issueMagicToken(const std::string &email)
 {
     std::lock_guard lock(_lock);
     std::string token = "magic-" + QUuid::createUuid().toString(QUuid::WithoutBraces).toStdString();
-    _magicTokens[token] = email;
+    // A link works once, within the hour, also after a restart.
+    _magicTokens[token] = {email, QDateTime::currentSecsSinceEpoch() + 3600};
+    saveLocked();
     return token;
+}
+
+void AccountService::setMailDrop(const std::string &folder, const std::string &linkBase)
+{
+    std::lock_guard lock(_lock);
+    _mailFolder = folder;
+    _linkBase = linkBase;
+}
+
+ServiceReply AccountService::mailMagicLink(const std::string &body)
+{
+    const auto request = parse(body);
+    const std::string email = request ? text(*request, "email") : std::string();
+    if (email.find('@') == std::string::npos || email.find('\n') != std::string::npos)
+        return fieldError("email", "invalid", "Enter a valid email address.");
+    std::string folder;
+    std::string link;
+    int number = 0;
+    {
+        std::lock_guard lock(_lock);
+        if (_mailFolder.empty())
+            return error(503, "no_mail", "This server cannot send mail.");
+        folder = _mailFolder;
+        link = _linkBase;
+        number = ++_mailsSent;
+    }
+    link += "?token=" + issueMagicToken(email);
+    const QString path = QString::fromStdString(folder) + QStringLiteral("/sign-in-link-%1-%2.txt")
+                                                              .arg(QDateTime::currentSecsSinceEpoch())
+                                                              .arg(number);
+    const QByteArray mail = QByteArray("To: ") + QByteArray::fromStdString(email) +
+                            "\nSubject: Your sign-in link\n\nOpen this link on the computer you want to sign in "
+                            "on; it works once:\n\n" + QByteArray::fromStdString(link) + "\n";
+    // The link signs anyone in: the owner alone may read it.
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || !file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner) ||
+        file.write(mail) != mail.size() || !file.commit())
+        return error(503, "no_mail", "The mail could not be written.");
+    return {200, json({{"status", "sent"}})};
 }
 
 void AccountService::setTokenLifetime(std::chrono::seconds lifetime)
@@ -285,9 +328,9 @@ ServiceReply AccountService::magicLogin(const std::string &body)
         return error(400, "malformed_request", "The request body is not a JSON object");
     std::lock_guard lock(_lock);
     const auto found = _magicTokens.find(text(*request, "magic_token"));
-    if (found == _magicTokens.end())
+    if (found == _magicTokens.end() || found->second.second <= QDateTime::currentSecsSinceEpoch())
         return error(401, "invalid_magic_token", "The sign-in link is not valid any more.");
-    const std::string email = found->second;
+    const std::string email = found->second.first;
     _magicTokens.erase(found);
     auto user = userForEmailLocked(email);
     if (!user) {
@@ -473,6 +516,11 @@ bool AccountService::setStateFile(const std::string &path)
     const QJsonObject devices = state->value("devices").toObject();
     for (auto it = devices.begin(); it != devices.end(); ++it)
         _devices[it.key().toStdString()] = it.value().toString().toStdString();
+    _magicTokens.clear();
+    const QJsonObject links = state->value("magicLinks").toObject();
+    for (auto it = links.begin(); it != links.end(); ++it)
+        _magicTokens[it.key().toStdString()] = {text(it.value().toObject(), "email"),
+                                                it.value().toObject().value("expires").toInteger()};
     _values.clear();
     const QJsonObject values = state->value("values").toObject();
     for (auto user = values.begin(); user != values.end(); ++user) {
@@ -494,6 +542,12 @@ void AccountService::saveLocked() const
     QJsonObject devices;
     for (const auto &[token, user] : _devices)
         devices.insert(q(token), q(user));
+    QJsonObject links;
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    for (const auto &[token, link] : _magicTokens) {
+        if (link.second > now)
+            links.insert(q(token), QJsonObject{{"email", q(link.first)}, {"expires", link.second}});
+    }
     QJsonObject values;
     for (const auto &[user, entries] : _values) {
         QJsonObject object;
@@ -505,6 +559,7 @@ void AccountService::saveLocked() const
                             {"generation", _generation},
                             {"accounts", accounts},
                             {"devices", devices},
+                            {"magicLinks", links},
                             {"values", values}};
     // Passwords and the signing key are in it: the owner alone may read it.
     const QByteArray json = QJsonDocument(state).toJson(QJsonDocument::Indented);

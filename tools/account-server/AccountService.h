@@ -18,6 +18,8 @@
 // With a state file, everything but the issued access tokens' signatures is
 // kept across restarts (the signing key is kept too, so tokens stay valid).
 
+#include <QtGlobal>
+
 #include <chrono>
 #include <map>
 #include <mutex>
@@ -87,6 +89,10 @@ public:
     std::string issueIdentityToken(const std::string &provider, const std::string &email, const std::string &name = "");
     // A one-use magic sign-in token for the e-mail address.
     std::string issueMagicToken(const std::string &email);
+    // POST /v1/auth/magic/instant/ {"email": ...} "mails" a sign-in link:
+    // a file in `folder` (mode 0600), holding `linkBase` + "?token=" and a
+    // magic token. Without a folder the route answers 503.
+    void setMailDrop(const std::string &folder, const std::string &linkBase);
     // Lifetime of new access tokens (default one hour).
     void setTokenLifetime(std::chrono::seconds lifetime);
     // Every access token issued so far is refused from now on.
@@ -133,6 +139,7 @@ private:
                                  const std::string &authorization);
     ServiceReply collect(const std::string &body);
     ServiceReply testToken(const std::string &path, const std::string &body);
+    ServiceReply mailMagicLink(const std::string &body);
     // The OpenID provider.
     struct AuthorizationCode {
         std::string provider;
@@ -164,7 +171,7 @@ private:
     std::map<std::string, Account> _accounts;                           // by user name
     std::map<std::string, std::string> _devices;                        // device token to user name
     std::map<std::string, Identity> _identityTokens;                    // identity token to identity
-    std::map<std::string, std::string> _magicTokens;                    // magic token to e-mail address
+    std::map<std::string, std::pair<std::string, qint64>> _magicTokens; // magic token to e-mail address and expiry
     std::map<std::string, std::map<std::string, std::string>> _values;  // user to key to bytes
     int _collectionStatus = 200;
     std::vector<int> _collectedBatches;
@@ -174,6 +181,9 @@ private:
     int _grants = 0;
     std::string _stateFile;
     std::string _baseURL;
+    std::string _mailFolder;
+    std::string _linkBase;
+    int _mailsSent = 0;
     std::optional<AuthorizationAnswer> _authorizationAnswer;
     std::map<std::string, AuthorizationCode> _authorizationCodes;
     std::chrono::seconds _identityTokenLifetime{600};
