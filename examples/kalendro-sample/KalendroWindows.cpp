@@ -1,4 +1,5 @@
 #include "KalendroWindows.h"
+#include "KalendroSignInWindow.h"
 
 #include <OrvellaKit/OrvellaKit.h>
 #include <OrvellaKitWidgets/OrvellaKitWidgets.h>
@@ -172,11 +173,12 @@ KalendroWindows::~KalendroWindows()
     delete _pendingWindow;
 }
 
-void KalendroWindows::show()
+void KalendroWindows::show(bool endsTheSample)
 {
     // Closing or ordering out the preferences window ends the sample.
-    connect(_preferences->window(), &ORVPreferencesWindow::willHide, qApp, &QCoreApplication::quit,
-            Qt::QueuedConnection);
+    if (endsTheSample)
+        connect(_preferences->window(), &ORVPreferencesWindow::willHide, qApp, &QCoreApplication::quit,
+                Qt::QueuedConnection);
     _preferences->showWindow();
     tell("showing the preferences window; its Kalendro menu opens the crash report and the pending reports");
 }
@@ -226,11 +228,26 @@ void KalendroWindows::showAbout()
     alert.runModal();
 }
 
-bool KalendroWindows::writeScreenshots(const QString &folder)
+bool KalendroWindows::writeScreenshots(const QString &folder, KalendroSignInWindow *signIn)
 {
     QDir().mkpath(folder);
     const QDir dir(folder);
     bool ok = true;
+
+    if (signIn) {
+        signIn->show();
+        settle();
+        ok &= save(signIn, dir.filePath(QStringLiteral("signed-in.png")));
+        // The framework's own error for a refused password, beside its field.
+        signIn->showSignIn();
+        signIn->emailField()->setText(QStringLiteral("demo@kalendro.example"));
+        signIn->showError(ORVError(ORVOrvellaTokenManagerErrorDomain, 11,
+                                   {{ORVLocalizedFailureReasonErrorKey,
+                                     ORVLocalizedString("Invalid email or password. Please try again.")}}));
+        settle();
+        ok &= save(signIn, dir.filePath(QStringLiteral("sign-in.png")));
+        signIn->hide();
+    }
 
     orv_performWithoutAnimation([&] {
         _preferences->showWindow();

@@ -20,12 +20,15 @@ public:
     KalendroWindows(std::shared_ptr<ORVDataCollectionManager> usage, QString accountText, QObject *parent = nullptr);
     ~KalendroWindows() override;
 
-    // Shows the preferences window; the application quits when it goes.
-    void show();
+    // Shows the preferences window; with `endsTheSample` the application
+    // quits when it goes.
+    void show(bool endsTheSample = true);
     // Writes preferences-general.png, preferences-account.png, alert.png,
     // crash-report.png and pending-submissions.png into the folder; false
     // when one could not be written.
-    bool writeScreenshots(const QString &folder);
+    // With a sign-in window, also sign-in.png (the sign-in page showing a
+    // refused password) and signed-in.png (its account page as it is).
+    bool writeScreenshots(const QString &folder, class KalendroSignInWindow *signIn = nullptr);
 
     void showCrashReport();
     void showPendingReports();

@@ -20,6 +20,7 @@
 #include "KalendroCommandLog.h"
 #include "KalendroLinks.h"
 #include "KalendroSecrets.h"
+#include "KalendroSignInWindow.h"
 #include "KalendroTokenManager.h"
 #include "KalendroWindows.h"
 
@@ -103,6 +104,37 @@ public:
     // What happens when the session ends (0: every step passed); the
     // application exits with the code unless something else is set.
     std::function<void(int)> finished = [](int code) { QCoreApplication::exit(code); };
+    // With a window, failures and news go to it and the session goes on.
+    std::function<void(const QString &what, const ORVError &error)> failed;
+    std::function<void(const QString &message)> informed;
+
+    // What the sign-in window asks for.
+    void signInWithPassword(const QString &email, const QString &password)
+    {
+        _browser.reset();
+        _email = email;
+        _password = password;
+        signIn();
+    }
+    void createAccountAndSignIn(const QString &name, const QString &email, const QString &password)
+    {
+        _browser.reset();
+        _name = name;
+        _email = email;
+        _password = password;
+        _accountMustBeNew = true;
+        createAccount();
+    }
+    void signInThroughBrowser(std::unique_ptr<ORVOpenIDSignIn> browser)
+    {
+        _browser = std::move(browser);
+        signInWithBrowser();
+    }
+    void emailLinkTo(const QString &email)
+    {
+        _email = email;
+        emailLink();
+    }
 
     void start()
     {
@@ -130,7 +162,7 @@ private:
         _tokens->createAccountWithName(_name, _email, _password, [this](const ORVError &error) {
             if (!error)
                 say("account created");
-            else if (error.code() == 7)
+            else if (error.code() == 7 && !_accountMustBeNew)
                 say("the account already exists");
             else
                 return fail("could not create the account", error);
@@ -166,11 +198,15 @@ private:
             const int status = response ? response->statusCode() : 0;
             if (status != 200)
                 return fail(ORVStringWithFormat("the server sent no sign-in link (HTTP %d)", status), error);
-            say(_mailbox.isEmpty()
+            const QString sent =
+                _mailbox.isEmpty()
                     ? QStringLiteral("the server sent the sign-in link; open it on this computer")
                     : ORVStringWithFormat("the embedded server put the mail in %@; open the link in it, or give it "
                                           "to kalendro-sample as its argument",
-                                          _mailbox));
+                                          _mailbox);
+            say(sent);
+            if (informed)
+                return informed(sent);
             finish(0);
         });
         ORVOrvellaNetworkManager::sharedManager()->startRequest(request);
@@ -258,6 +294,8 @@ private:
     void fail(const QString &what, const ORVError &error)
     {
         say(error ? what + QStringLiteral(": ") + describe(error) : what);
+        if (failed)
+            return failed(what, error);
         finish(1);
     }
 
@@ -276,6 +314,7 @@ private:
     QString _magicToken;
     bool _emailLink = false;
     QString _mailbox;
+    bool _accountMustBeNew = false; // "already exists" is an answer for the window
 };
 
 // The provider of a browser sign-in: the account server's own stand-in
@@ -328,6 +367,8 @@ int main(int argc, char **argv)
         qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("kalendro-sample"));
+    // The framework's texts (errors among them) in the user's language.
+    ORVInstallTranslations();
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Kalendro sample hosting application"));
     parser.addHelpOption();
@@ -487,11 +528,10 @@ int main(int argc, char **argv)
     // window, this one asks the user about the other.
     auto duplicates = ORVDuplicateAppManager::sharedManager();
     const bool listening = duplicates->registerApp();
-    const bool windowed = parser.isSet(guiOption);
     if (const auto other = ORVFindDuplicateProcess(bundle.bundleIdentifier())) {
         say(ORVStringWithFormat("another copy of the sample is running (process %ld)",
                                 static_cast<long>(other->processIdentifier)));
-        if (windowed && duplicates->quitDuplicates(false, false, QImage())) {
+        if (parser.isSet(guiOption) && duplicates->quitDuplicates(false, false, QImage())) {
             say(QStringLiteral("this copy quits; the other one stays"));
             return 0;
         }
@@ -537,7 +577,6 @@ int main(int argc, char **argv)
         session.useBrowserSignIn(std::move(browser));
     }
     std::unique_ptr<KalendroWindows> windows;
-    int sessionStatus = 0;
     QTimer giveUp;
     giveUp.setSingleShot(true);
     // A person approving in the browser gets more time than a server.
@@ -546,31 +585,81 @@ int main(int argc, char **argv)
         say(ORVStringWithFormat("gave up after %d seconds without an answer", patienceSeconds));
         QCoreApplication::exit(1);
     });
-    if (parser.isSet(guiOption) || parser.isSet(screenshotsOption)) {
+    const auto accountText = [&serverURL] {
+        const auto account = ORVFetchOrvellaAccount();
+        return account && account->username()
+                   ? ORVStringWithFormat("Signed in as %@ (%@) on %@.", account->emailAddress(), *account->username(),
+                                         serverURL)
+                   : ORVStringWithFormat("Not signed in (server %@).", serverURL);
+    };
+    std::unique_ptr<KalendroSignInWindow> signInWindow;
+    const bool windowed = parser.isSet(guiOption) && !parser.isSet(screenshotsOption);
+    if (windowed) {
+        KalendroSignInWindow::Actions actions;
+        actions.signIn = [&session](const QString &email, const QString &password) {
+            session.signInWithPassword(email, password);
+        };
+        actions.createAccount = [&session](const QString &name, const QString &email, const QString &password) {
+            session.createAccountAndSignIn(name, email, password);
+        };
+        actions.signInWithBrowser = [&](ORVOrvellaAccountType type) {
+            const QString kind = type == ORVOrvellaAccountTypeApple ? QStringLiteral("apple") : QStringLiteral("google");
+            auto browser = std::make_unique<ORVOpenIDSignIn>(
+                browserProvider(kind, serverURL, parser, issuerOption, clientOption, secretOption));
+            if (parser.isSet(browserOption))
+                browser->setOpenURLHandler(browserCommand(parser.value(browserOption)));
+            session.signInThroughBrowser(std::move(browser));
+        };
+        actions.emailLink = [&session](const QString &email) { session.emailLinkTo(email); };
+        actions.signOut = [&] {
+            auto signedOut = ORVFetchOrvellaAccount()->copy();
+            tokens->resetTokensForAccountWithIdentifier(signedOut->identifier());
+            signedOut->setUsername(std::nullopt);
+            signedOut->setEmailAddress(QString());
+            signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
+            accounts->save(signedOut);
+            secrets->clear();
+            say("signed out: this device forgot the account and its credential");
+            signInWindow->showSignIn();
+        };
+        actions.showPreferences = [&] {
+            windows = std::make_unique<KalendroWindows>(usage, accountText());
+            windows->show(/*endsTheSample=*/false);
+        };
+        signInWindow = std::make_unique<KalendroSignInWindow>(actions);
+        session.failed = [&](const QString &what, const ORVError &error) {
+            if (error)
+                signInWindow->showError(error);
+            else
+                signInWindow->showMessage(what);
+        };
+        session.informed = [&](const QString &message) { signInWindow->showMessage(message); };
+        session.finished = [&](int code) {
+            if (code == 0)
+                signInWindow->showSignedIn(accountText());
+        };
+        signInWindow->show();
+    } else if (parser.isSet(screenshotsOption)) {
         session.finished = [&](int code) {
             giveUp.stop();
-            sessionStatus = code;
-            const auto account = ORVFetchOrvellaAccount();
-            const QString accountText =
-                account && account->username()
-                    ? ORVStringWithFormat("Signed in as %@ (%@) on %@.", account->emailAddress(), *account->username(),
-                                          serverURL)
-                    : ORVStringWithFormat("Not signed in (server %@).", serverURL);
-            windows = std::make_unique<KalendroWindows>(usage, accountText);
-            if (parser.isSet(screenshotsOption)) {
-                const bool written = windows->writeScreenshots(parser.value(screenshotsOption));
-                QCoreApplication::exit(written ? code : 1);
-            } else {
-                windows->show();
-            }
+            windows = std::make_unique<KalendroWindows>(usage, accountText());
+            KalendroSignInWindow sampleWindow({});
+            sampleWindow.showSignedIn(accountText());
+            const bool written = windows->writeScreenshots(parser.value(screenshotsOption), &sampleWindow);
+            QCoreApplication::exit(written ? code : 1);
         };
     }
-    ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
-    giveUp.start(patienceSeconds * 1000);
+    if (windowed && !(ORVFetchOrvellaAccount()->username() && tokens->credentialForOrvellaAccount(ORVFetchOrvellaAccount())) &&
+        !magicToken && !parser.isSet(emailLinkOption) && !browserSignIn) {
+        say("nobody is signed in; the sign-in window is open");
+    } else {
+        ORVDispatchQueue::mainQueue()->async([&session] { session.start(); });
+    }
+    if (!windowed)
+        giveUp.start(patienceSeconds * 1000);
     int status = QApplication::exec();
-    if (windows && status == 0)
-        status = sessionStatus;
     windows.reset();
+    signInWindow.reset();
 
     usage->stopSubmissionTimer();
     say(ORVStringWithFormat("usage reports waiting in %@: %ld", usage->URLForPendingItems().toLocalFile(),

@@ -14,6 +14,7 @@
 #include <OrvellaKitWidgets/ORVMAlert.h>
 #include <OrvellaKitWidgets/ORVMBackgroundView.h>
 #include <OrvellaKitWidgets/ORVOnboardingFeatureItem.h>
+#include <OrvellaKitWidgets/ORVOpenIDSignIn.h>
 #include <OrvellaKitWidgets/ORVPreferencesViewController.h>
 #include <OrvellaKitWidgets/ORVPreferencesWindowController.h>
 #include <OrvellaKitWidgets/ORVViewImage.h>

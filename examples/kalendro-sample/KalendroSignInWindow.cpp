@@ -1,0 +1,266 @@
+#include "KalendroSignInWindow.h"
+
+#include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKit/ORVOrvellaTokenManager.h>
+
+#include <QFormLayout>
+#include <QFrame>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QStackedWidget>
+#include <QVBoxLayout>
+
+namespace {
+
+QLabel *errorLabel(QWidget *parent)
+{
+    auto *label = new QLabel(parent);
+    label->setStyleSheet(QStringLiteral("color: #b00020;"));
+    label->setWordWrap(true);
+    label->hide();
+    return label;
+}
+
+// A field with its error beneath it.
+QWidget *fieldWithError(QLineEdit *field, QLabel *error, QWidget *parent)
+{
+    auto *box = new QWidget(parent);
+    auto *layout = new QVBoxLayout(box);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(2);
+    layout->addWidget(field);
+    layout->addWidget(error);
+    return box;
+}
+
+enum class Field { None, Name, Email, Password };
+
+// Which field a sign-in or account-creation error is about. The framework
+// words them itself for the codes it knows (translated); the server's
+// "error_code" tells the rest.
+Field fieldOf(const ORVError &error)
+{
+    if (error.domain() != ORVOrvellaTokenManagerErrorDomain)
+        return Field::None;
+    const QString reason = error.localizedFailureReason();
+    const QString serverCode = error.userInfo().value(QStringLiteral("error_code")).toString();
+    switch (error.code()) {
+    case 7: // e-mail address in use
+        return Field::Email;
+    case 8: // password too weak or short
+        return Field::Password;
+    case 11:
+        return reason == ORVLocalizedString("Enter a valid email address.") ? Field::Email : Field::Password;
+    case 6:
+        if (serverCode.contains(QLatin1String("password")))
+            return Field::Password;
+        if (serverCode == QLatin1String("invalid") || serverCode.contains(QLatin1String("email")))
+            return Field::Email;
+        if (serverCode == QLatin1String("required"))
+            return Field::Name;
+        return Field::None;
+    default:
+        return Field::None;
+    }
+}
+
+} // namespace
+
+KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
+    : QWidget(parent), _actions(std::move(actions))
+{
+    setWindowTitle(QStringLiteral("Kalendro"));
+    auto *outer = new QVBoxLayout(this);
+    _pages = new QStackedWidget(this);
+    outer->addWidget(_pages);
+
+    // Sign-in page.
+    auto *signIn = new QWidget(_pages);
+    auto *column = new QVBoxLayout(signIn);
+    column->setContentsMargins(28, 20, 28, 20);
+    auto *title = new QLabel(QStringLiteral("<h2>Sign in to Kalendro</h2>"), signIn);
+    column->addWidget(title);
+    auto *form = new QFormLayout;
+    _name = new QLineEdit(signIn);
+    _name->setPlaceholderText(QStringLiteral("only to create an account"));
+    _email = new QLineEdit(signIn);
+    _email->setPlaceholderText(QStringLiteral("you@example.org"));
+    _password = new QLineEdit(signIn);
+    _password->setEchoMode(QLineEdit::Password);
+    _nameError = errorLabel(signIn);
+    _emailError = errorLabel(signIn);
+    _passwordError = errorLabel(signIn);
+    form->addRow(QStringLiteral("Name:"), fieldWithError(_name, _nameError, signIn));
+    form->addRow(QStringLiteral("E-mail:"), fieldWithError(_email, _emailError, signIn));
+    form->addRow(QStringLiteral("Password:"), fieldWithError(_password, _passwordError, signIn));
+    column->addLayout(form);
+
+    const auto addButton = [this, signIn](QLayout *layout, const QString &text, const std::function<void()> &act) {
+        auto *button = new QPushButton(text, signIn);
+        layout->addWidget(button);
+        _signInButtons << button;
+        connect(button, &QPushButton::clicked, this, act);
+        return button;
+    };
+    auto *passwordRow = new QHBoxLayout;
+    addButton(passwordRow, QStringLiteral("Sign In"), [this] {
+        setBusy(true, QStringLiteral("Signing in…"));
+        _actions.signIn(_email->text().trimmed(), _password->text());
+    })->setDefault(true);
+    addButton(passwordRow, QStringLiteral("Create Account"), [this] {
+        setBusy(true, QStringLiteral("Creating the account…"));
+        _actions.createAccount(_name->text().trimmed(), _email->text().trimmed(), _password->text());
+    });
+    column->addLayout(passwordRow);
+
+    auto *rule = new QFrame(signIn);
+    rule->setFrameShape(QFrame::HLine);
+    column->addWidget(rule);
+    auto *others = new QVBoxLayout;
+    addButton(others, QStringLiteral("Sign in with Google"), [this] {
+        setBusy(true, QStringLiteral("Approve the sign-in in your browser…"));
+        _actions.signInWithBrowser(ORVOrvellaAccountTypeGoogle);
+    });
+    addButton(others, QStringLiteral("Sign in with Apple"), [this] {
+        setBusy(true, QStringLiteral("Approve the sign-in in your browser…"));
+        _actions.signInWithBrowser(ORVOrvellaAccountTypeApple);
+    });
+    addButton(others, QStringLiteral("Email me a sign-in link"), [this] {
+        setBusy(true, QStringLiteral("Sending the link…"));
+        _actions.emailLink(_email->text().trimmed());
+    });
+    column->addLayout(others);
+    _message = new QLabel(signIn);
+    _message->setWordWrap(true);
+    column->addWidget(_message);
+    column->addStretch();
+    _pages->addWidget(signIn);
+
+    // Account page.
+    auto *accountPage = new QWidget(_pages);
+    auto *accountColumn = new QVBoxLayout(accountPage);
+    accountColumn->setContentsMargins(28, 20, 28, 20);
+    accountColumn->addWidget(new QLabel(QStringLiteral("<h2>Kalendro account</h2>"), accountPage));
+    _account = new QLabel(accountPage);
+    _account->setWordWrap(true);
+    accountColumn->addWidget(_account);
+    auto *accountRow = new QHBoxLayout;
+    auto *preferences = new QPushButton(QStringLiteral("Preferences…"), accountPage);
+    connect(preferences, &QPushButton::clicked, this, [this] { _actions.showPreferences(); });
+    auto *signOut = new QPushButton(QStringLiteral("Sign Out"), accountPage);
+    connect(signOut, &QPushButton::clicked, this, [this] { _actions.signOut(); });
+    accountRow->addWidget(preferences);
+    accountRow->addStretch();
+    accountRow->addWidget(signOut);
+    accountColumn->addLayout(accountRow);
+    accountColumn->addStretch();
+    _pages->addWidget(accountPage);
+
+    resize(440, 360);
+}
+
+void KalendroSignInWindow::showSignIn()
+{
+    clearErrors();
+    setBusy(false);
+    _password->clear();
+    _pages->setCurrentIndex(0);
+}
+
+void KalendroSignInWindow::showError(const ORVError &error)
+{
+    clearErrors();
+    setBusy(false);
+    QString text = error.localizedFailureReason();
+    if (text.isEmpty())
+        text = error.localizedDescription();
+    switch (fieldOf(error)) {
+    case Field::Name:
+        _nameError->setText(text);
+        _nameError->show();
+        break;
+    case Field::Email:
+        _emailError->setText(text);
+        _emailError->show();
+        break;
+    case Field::Password:
+        _passwordError->setText(text);
+        _passwordError->show();
+        break;
+    case Field::None:
+        _message->setText(text.trimmed());
+        break;
+    }
+}
+
+void KalendroSignInWindow::showMessage(const QString &message)
+{
+    clearErrors();
+    setBusy(false, message);
+}
+
+void KalendroSignInWindow::showSignedIn(const QString &accountText)
+{
+    setBusy(false);
+    _account->setText(accountText);
+    _pages->setCurrentIndex(1);
+}
+
+QString KalendroSignInWindow::fieldError(const QLineEdit *field) const
+{
+    const QLabel *label = errorLabelFor(field);
+    return label && !label->isHidden() ? label->text() : QString();
+}
+
+QString KalendroSignInWindow::message() const
+{
+    return _message->text();
+}
+
+QString KalendroSignInWindow::accountText() const
+{
+    return _account->text();
+}
+
+bool KalendroSignInWindow::isShowingAccount() const
+{
+    return _pages->currentIndex() == 1;
+}
+
+QPushButton *KalendroSignInWindow::button(const QString &text) const
+{
+    for (QPushButton *candidate : findChildren<QPushButton *>()) {
+        if (candidate->text() == text)
+            return candidate;
+    }
+    return nullptr;
+}
+
+void KalendroSignInWindow::setBusy(bool busy, const QString &message)
+{
+    for (QPushButton *button : _signInButtons)
+        button->setEnabled(!busy);
+    _message->setText(message);
+}
+
+void KalendroSignInWindow::clearErrors()
+{
+    for (QLabel *label : {_nameError, _emailError, _passwordError}) {
+        label->clear();
+        label->hide();
+    }
+    _message->clear();
+}
+
+QLabel *KalendroSignInWindow::errorLabelFor(const QLineEdit *field) const
+{
+    if (field == _name)
+        return _nameError;
+    if (field == _email)
+        return _emailError;
+    if (field == _password)
+        return _passwordError;
+    return nullptr;
+}

@@ -1,0 +1,71 @@
+#pragma once
+
+// The sample's sign-in window: e-mail and password (with account creation),
+// "Sign in with Google", "Sign in with Apple" and "Email me a sign-in link";
+// once signed in, the account with "Sign out". It only shows and asks: what
+// the buttons do is the application's (Actions), and the application tells
+// it how things went (showError(), showMessage(), showSignedIn()).
+
+#include <OrvellaKit/ORVError.h>
+#include <OrvellaKit/ORVOrvellaAccount.h>
+
+#include <QWidget>
+
+#include <functional>
+
+class QLabel;
+class QLineEdit;
+class QPushButton;
+class QStackedWidget;
+
+class KalendroSignInWindow : public QWidget {
+    Q_OBJECT
+public:
+    struct Actions {
+        std::function<void(const QString &email, const QString &password)> signIn;
+        std::function<void(const QString &name, const QString &email, const QString &password)> createAccount;
+        std::function<void(ORVOrvellaAccountType type)> signInWithBrowser;
+        std::function<void(const QString &email)> emailLink;
+        std::function<void()> signOut;
+        std::function<void()> showPreferences;
+    };
+
+    explicit KalendroSignInWindow(Actions actions, QWidget *parent = nullptr);
+
+    // The sign-in page, empty of errors, the buttons enabled.
+    void showSignIn();
+    // A failure: beside the field it concerns when it concerns one (with
+    // the framework's text), otherwise under the buttons. Enables the buttons.
+    void showError(const ORVError &error);
+    // A line under the buttons (progress, a link sent). Enables the buttons.
+    void showMessage(const QString &message);
+    // The account page.
+    void showSignedIn(const QString &accountText);
+
+    // For tests and screenshots.
+    QLineEdit *nameField() const { return _name; }
+    QLineEdit *emailField() const { return _email; }
+    QLineEdit *passwordField() const { return _password; }
+    QString fieldError(const QLineEdit *field) const;
+    QString message() const;
+    QString accountText() const;
+    bool isShowingAccount() const;
+    QPushButton *button(const QString &text) const;
+
+private:
+    void setBusy(bool busy, const QString &message = QString());
+    void clearErrors();
+    QLabel *errorLabelFor(const QLineEdit *field) const;
+
+    Actions _actions;
+    QStackedWidget *_pages = nullptr;
+    QLineEdit *_name = nullptr;
+    QLineEdit *_email = nullptr;
+    QLineEdit *_password = nullptr;
+    QLabel *_nameError = nullptr;
+    QLabel *_emailError = nullptr;
+    QLabel *_passwordError = nullptr;
+    QLabel *_message = nullptr;
+    QLabel *_account = nullptr;
+    QList<QPushButton *> _signInButtons;
+};
