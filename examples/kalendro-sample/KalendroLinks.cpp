@@ -2,7 +2,7 @@
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QDBusInterface>
+#include <QDBusMessage>
 #include <QDBusReply>
 #include <QDir>
 #include <QFile>
@@ -18,13 +18,19 @@ const QString kInterface = QStringLiteral("com.orvella.kalendro.SignInLinks");
 const QString kDesktopFile = QStringLiteral("kalendro-sample.desktop");
 const QString kSchemeType = QStringLiteral("x-scheme-handler/kalendro");
 
-// Quotes an Exec argument as the desktop entry specification wants.
+// An Exec argument as the desktop entry specification wants it: quoted,
+// with `"`, backquote, `$` and `\` escaped by a backslash inside the quotes,
+// and then, as every string value, each backslash written twice; a literal
+// "%" is "%%".
 QString desktopQuoted(const QString &argument)
 {
-    QString quoted = argument;
-    for (const char c : {'\\', '"', '`', '$'})
-        quoted.replace(QLatin1Char(c), QStringLiteral("\\") + QLatin1Char(c));
-    quoted.replace(QLatin1Char('%'), QStringLiteral("%%"));
+    QString quoted;
+    for (const QChar c : argument) {
+        if (c == QLatin1Char('"') || c == QLatin1Char('`') || c == QLatin1Char('$') || c == QLatin1Char('\\'))
+            quoted += QLatin1Char('\\');
+        quoted += c == QLatin1Char('%') ? QStringLiteral("%%") : QString(c);
+    }
+    quoted.replace(QLatin1Char('\\'), QStringLiteral("\\\\"));
     return QLatin1Char('"') + quoted + QLatin1Char('"');
 }
 
@@ -54,9 +60,11 @@ bool kalendroForwardLink(const QUrl &link)
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected() || !bus.interface()->isServiceRegistered(kService))
         return false;
-    QDBusInterface receiver(kService, kPath, kInterface, bus);
-    receiver.setTimeout(5000);
-    const QDBusReply<bool> taken = receiver.call(QStringLiteral("Open"), link.toString(QUrl::FullyEncoded));
+    // A plain call with its own time-out: a copy that hangs costs five
+    // seconds, not an introspection's twenty-five.
+    QDBusMessage call = QDBusMessage::createMethodCall(kService, kPath, kInterface, QStringLiteral("Open"));
+    call << link.toString(QUrl::FullyEncoded);
+    const QDBusReply<bool> taken = bus.call(call, QDBus::Block, 5000);
     return taken.isValid() && taken.value();
 }
 
@@ -90,12 +98,30 @@ QString kalendroInstallURLHandler(const QString &program, QString *problem)
         *problem = QStringLiteral("no applications or configuration folder");
         return QString();
     }
+    if (program.contains(QLatin1Char('\n')) || program.contains(QLatin1Char('\r'))) {
+        *problem = QStringLiteral("the program's path holds a line break");
+        return QString();
+    }
+    // Read the list first: nothing is written when it cannot be read.
+    const QString listPath = QDir(configuration).filePath(QStringLiteral("mimeapps.list"));
+    QFile list(listPath);
+    QByteArray existing;
+    if (list.exists()) {
+        if (!list.open(QIODevice::ReadOnly)) {
+            *problem = QStringLiteral("cannot read ") + listPath;
+            return QString();
+        }
+        existing = list.readAll();
+        list.close();
+    }
+
     const QString entryPath = QDir(applications).filePath(kDesktopFile);
+    // A link opens the window; "--" keeps a link that starts with "-" a link.
     const QByteArray entry = QStringLiteral("[Desktop Entry]\n"
                                             "Type=Application\n"
                                             "Name=Kalendro sample\n"
                                             "Comment=Opens Kalendro sign-in links\n"
-                                            "Exec=%1 %u\n"
+                                            "Exec=%1 --gui -- %u\n"
                                             "Terminal=false\n"
                                             "NoDisplay=true\n"
                                             "MimeType=%2;\n")
@@ -105,23 +131,37 @@ QString kalendroInstallURLHandler(const QString &program, QString *problem)
         *problem = QStringLiteral("cannot write ") + entryPath;
         return QString();
     }
-    // mimeapps.list: this handler becomes the default; every other line stays.
-    const QString listPath = QDir(configuration).filePath(QStringLiteral("mimeapps.list"));
-    QFile list(listPath);
-    QStringList lines;
-    if (list.open(QIODevice::ReadOnly))
-        lines = QString::fromUtf8(list.readAll()).split(QLatin1Char('\n'));
-    list.close();
-    while (!lines.isEmpty() && lines.last().isEmpty())
+
+    // mimeapps.list, byte for byte but for our one line: in the
+    // [Default Applications] group (made when missing) our handler replaces
+    // any other for kalendro: links; other groups and lines stay as they are.
+    const QByteArray key = kSchemeType.toUtf8() + '=';
+    const QByteArray ours = key + kDesktopFile.toUtf8();
+    const bool crlf = existing.contains("\r\n");
+    QList<QByteArray> lines = existing.isEmpty() ? QList<QByteArray>() : existing.split('\n');
+    if (!lines.isEmpty() && lines.last().isEmpty())
         lines.removeLast();
-    lines.removeIf([](const QString &line) { return line.startsWith(kSchemeType + QLatin1Char('=')); });
-    qsizetype section = lines.indexOf(QStringLiteral("[Default Applications]"));
-    if (section < 0) {
-        lines << QStringLiteral("[Default Applications]");
-        section = lines.size() - 1;
+    const auto trimmed = [](const QByteArray &line) { return line.trimmed(); };
+    bool inDefaults = false;
+    qsizetype defaults = -1;
+    for (qsizetype i = 0; i < lines.size(); ++i) {
+        const QByteArray line = trimmed(lines[i]);
+        if (line.startsWith('[')) {
+            inDefaults = line == "[Default Applications]";
+            if (inDefaults && defaults < 0)
+                defaults = i;
+            continue;
+        }
+        if (inDefaults && line.startsWith(key))
+            lines.remove(i--);
     }
-    lines.insert(section + 1, kSchemeType + QLatin1Char('=') + kDesktopFile);
-    if (!writePrivately(listPath, (lines.join(QLatin1Char('\n')) + QLatin1Char('\n')).toUtf8())) {
+    const QByteArray ending = crlf ? "\r" : "";
+    if (defaults < 0) {
+        lines << "[Default Applications]" + ending;
+        defaults = lines.size() - 1;
+    }
+    lines.insert(defaults + 1, ours + ending);
+    if (!writePrivately(listPath, lines.join('\n') + '\n')) {
         *problem = QStringLiteral("cannot write ") + listPath;
         return QString();
     }

@@ -201,6 +201,12 @@ void KalendroSignInWindow::showMessage(const QString &message)
     setBusy(false, message);
 }
 
+void KalendroSignInWindow::showProgress(const QString &message)
+{
+    clearErrors();
+    setBusy(true, message);
+}
+
 void KalendroSignInWindow::showSignedIn(const QString &accountText)
 {
     setBusy(false);

@@ -37,8 +37,11 @@ public:
     // A failure: beside the field it concerns when it concerns one (with
     // the framework's text), otherwise under the buttons. Enables the buttons.
     void showError(const ORVError &error);
-    // A line under the buttons (progress, a link sent). Enables the buttons.
+    // A line under the buttons (a link sent). Enables the buttons.
     void showMessage(const QString &message);
+    // Something runs: the line, and the buttons disabled until the next
+    // showError(), showMessage() or page.
+    void showProgress(const QString &message);
     // The account page.
     void showSignedIn(const QString &accountText);
 

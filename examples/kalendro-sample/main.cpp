@@ -35,11 +35,15 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QProcess>
+#include <QSocketNotifier>
 #include <QTextStream>
 #include <QThread>
 #include <QTimer>
 
 #include <atomic>
+#include <csignal>
+#include <sys/socket.h>
+#include <unistd.h>
 #include <functional>
 
 ORV_LOG_FILE("Kalendro")
@@ -93,6 +97,26 @@ public:
     // A sign-in link that a later copy forwarded.
     void signInWithMagicLink(const QString &token)
     {
+        if (begin(QStringLiteral("Signing in with the link…")))
+            magicSignIn(token);
+    }
+
+private:
+    // One thing at a time: false (and nothing done) while another runs.
+    bool begin(const QString &what)
+    {
+        if (_busy) {
+            say("another sign-in runs; this request is ignored");
+            return false;
+        }
+        _busy = true;
+        if (started)
+            started(what);
+        return true;
+    }
+
+    void magicSignIn(const QString &token)
+    {
         say("signing in with the sign-in link");
         _tokens->signInWithMagicToken(token, [this](std::shared_ptr<ORVOrvellaAccount> account, const ORVError &error) {
             if (!account)
@@ -101,6 +125,7 @@ public:
         });
     }
 
+public:
     // What happens when the session ends (0: every step passed); the
     // application exits with the code unless something else is set.
     std::function<void(int)> finished = [](int code) { QCoreApplication::exit(code); };
@@ -108,9 +133,16 @@ public:
     std::function<void(const QString &what, const ORVError &error)> failed;
     std::function<void(const QString &message)> informed;
 
+    // Says what starts (the window shows it and waits).
+    std::function<void(const QString &what)> started;
+    // A sign-in, the account checks after it, or a link request runs.
+    bool isBusy() const { return _busy; }
+
     // What the sign-in window asks for.
     void signInWithPassword(const QString &email, const QString &password)
     {
+        if (!begin(QStringLiteral("Signing in…")))
+            return;
         _browser.reset();
         _email = email;
         _password = password;
@@ -118,6 +150,8 @@ public:
     }
     void createAccountAndSignIn(const QString &name, const QString &email, const QString &password)
     {
+        if (!begin(QStringLiteral("Creating the account…")))
+            return;
         _browser.reset();
         _name = name;
         _email = email;
@@ -127,21 +161,27 @@ public:
     }
     void signInThroughBrowser(std::unique_ptr<ORVOpenIDSignIn> browser)
     {
+        if (!begin(QStringLiteral("Approve the sign-in in your browser…")))
+            return;
         _browser = std::move(browser);
         signInWithBrowser();
     }
     void emailLinkTo(const QString &email)
     {
+        if (!begin(QStringLiteral("Sending the link…")))
+            return;
         _email = email;
         emailLink();
     }
 
     void start()
     {
+        if (!begin(QStringLiteral("Signing in…")))
+            return;
         if (_emailLink)
             return emailLink();
         if (!_magicToken.isEmpty())
-            return signInWithMagicLink(_magicToken);
+            return magicSignIn(_magicToken);
         const auto account = ORVFetchOrvellaAccount();
         if (account->username() && _tokens->credentialForOrvellaAccount(account)) {
             say(ORVStringWithFormat("this device is registered for %@; %@", *account->username(),
@@ -193,9 +233,16 @@ private:
         urlRequest.setHTTPBody(QJsonDocument(QJsonObject{{"email", _email}}).toJson(QJsonDocument::Compact));
         auto request = ORVOrvellaSimpleRequest::requestWithURLRequest(urlRequest);
         request->setCategory(QStringLiteral("Kalendro sign-in link"));
-        request->setCompletionHandler([this](const std::shared_ptr<ORVOrvellaData> &,
+        request->setCompletionHandler([this](const std::shared_ptr<ORVOrvellaData> &data,
                                              const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
             const int status = response ? response->statusCode() : 0;
+            const auto body = orv_JSONDictionaryWithData(data ? data->data() : QByteArray());
+            // The server's field error, in the framework's words for it.
+            if (status == 400 && body && body->contains(QStringLiteral("email")))
+                return fail(QStringLiteral("the server sent no sign-in link"),
+                            ORVError(ORVOrvellaTokenManagerErrorDomain, 11,
+                                     {{ORVLocalizedFailureReasonErrorKey,
+                                       ORVLocalizedString("Enter a valid email address.")}}));
             if (status != 200)
                 return fail(ORVStringWithFormat("the server sent no sign-in link (HTTP %d)", status), error);
             const QString sent =
@@ -205,8 +252,10 @@ private:
                                           "to kalendro-sample as its argument",
                                           _mailbox);
             say(sent);
-            if (informed)
+            if (informed) {
+                _busy = false;
                 return informed(sent);
+            }
             finish(0);
         });
         ORVOrvellaNetworkManager::sharedManager()->startRequest(request);
@@ -243,6 +292,8 @@ private:
             // Token replies come on the token manager's queue.
             ORVDispatchQueue::mainQueue()->async([this, signInOnFailure, token, error] {
                 if (token.isEmpty()) {
+                    if (signInOnFailure && failed)
+                        return fail("the server refused this device; sign in again", error);
                     if (signInOnFailure) {
                         say(ORVStringWithFormat("the server refused this device (%@); signing in again", describe(error)));
                         return signIn();
@@ -294,13 +345,16 @@ private:
     void fail(const QString &what, const ORVError &error)
     {
         say(error ? what + QStringLiteral(": ") + describe(error) : what);
-        if (failed)
+        if (failed) {
+            _busy = false;
             return failed(what, error);
+        }
         finish(1);
     }
 
     void finish(int code)
     {
+        _busy = false;
         ORVDispatchQueue::mainQueue()->async([this, code] { finished(code); });
     }
 
@@ -315,7 +369,35 @@ private:
     bool _emailLink = false;
     QString _mailbox;
     bool _accountMustBeNew = false; // "already exists" is an answer for the window
+    bool _busy = false;
 };
+
+// SIGTERM and SIGINT quit the event loop, so that the end of main() runs.
+// The handler only writes a byte; a socket notifier reads it on the main thread.
+int terminationPipe[2] = {-1, -1};
+
+void kalendroQuitOnTerminationSignals()
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, terminationPipe) != 0)
+        return;
+    auto *notifier = new QSocketNotifier(terminationPipe[1], QSocketNotifier::Read, QCoreApplication::instance());
+    QObject::connect(notifier, &QSocketNotifier::activated, QCoreApplication::instance(), [notifier] {
+        char byte = 0;
+        [[maybe_unused]] const auto ignored = ::read(terminationPipe[1], &byte, 1);
+        notifier->setEnabled(false);
+        say("asked to end; ending");
+        QCoreApplication::quit();
+    });
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        const char byte = 1;
+        [[maybe_unused]] const auto ignored = ::write(terminationPipe[0], &byte, 1);
+    };
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGTERM, &action, nullptr);
+    ::sigaction(SIGINT, &action, nullptr);
+}
 
 // The provider of a browser sign-in: the account server's own stand-in
 // unless the command line names a real one.
@@ -426,12 +508,20 @@ int main(int argc, char **argv)
             say("the argument is not a sign-in link (kalendro://magic?token=... or https://.../magic?token=...)");
             return 2;
         }
-        // One copy at a time: the running one signs in with the link.
-        if (kalendroForwardLink(link)) {
-            say("handed the sign-in link to the copy that is already running");
-            return 0;
-        }
     }
+    // A windowed copy takes the bus name before anything else, so that of two
+    // copies opened at once only one goes on to sign in with links; the other
+    // hands its link over. Copies without a window never take links.
+    const bool windowed = parser.isSet(guiOption) && !parser.isSet(screenshotsOption);
+    KalendroLinkReceiver links;
+    const bool receivesLinks = windowed && links.registerOnSessionBus();
+    if (magicToken && !receivesLinks && kalendroForwardLink(QUrl(parser.positionalArguments().first()))) {
+        say("handed the sign-in link to the copy that is already running");
+        return 0;
+    }
+    // SIGTERM and SIGINT end the sample as closing its window does: the
+    // logs and the secrets are written out first.
+    kalendroQuitOnTerminationSignals();
 
     const ORVBundle &bundle = ORVBundle::mainBundle();
     say(ORVStringWithFormat("OrvellaKit %@, bundle %@ (version %@)", ORVOrvellaKitVersionString(),
@@ -560,13 +650,7 @@ int main(int argc, char **argv)
         session.useMagicToken(*magicToken);
     if (parser.isSet(emailLinkOption))
         session.useEmailLink(embedded ? QDir(dataFolder).filePath(QStringLiteral("Mail")) : QString());
-    // Links that later copies forward: this copy signs in with them.
-    KalendroLinkReceiver links;
-    QObject::connect(&links, &KalendroLinkReceiver::magicTokenReceived, &app, [&session](const QString &token) {
-        say("a later copy handed over a sign-in link");
-        session.signInWithMagicLink(token);
-    });
-    if (links.registerOnSessionBus())
+    if (receivesLinks)
         say("sign-in links opened later come to this copy over the session bus");
     const bool browserSignIn = signInKind != QLatin1String("password") && !magicToken;
     if (browserSignIn) {
@@ -593,7 +677,6 @@ int main(int argc, char **argv)
                    : ORVStringWithFormat("Not signed in (server %@).", serverURL);
     };
     std::unique_ptr<KalendroSignInWindow> signInWindow;
-    const bool windowed = parser.isSet(guiOption) && !parser.isSet(screenshotsOption);
     if (windowed) {
         KalendroSignInWindow::Actions actions;
         actions.signIn = [&session](const QString &email, const QString &password) {
@@ -638,6 +721,19 @@ int main(int argc, char **argv)
             if (code == 0)
                 signInWindow->showSignedIn(accountText());
         };
+        session.started = [&](const QString &what) { signInWindow->showProgress(what); };
+        // Links that later copies forward: taken only when nobody is signed
+        // in and nothing runs, so that a link from anywhere cannot switch the
+        // account under the user's feet.
+        QObject::connect(&links, &KalendroLinkReceiver::magicTokenReceived, &app, [&](const QString &token) {
+            if (session.isBusy() || ORVFetchOrvellaAccount()->username()) {
+                say("a later copy handed over a sign-in link; not used, as an account is signed in or a sign-in runs");
+                signInWindow->showMessage(QStringLiteral("A sign-in link arrived; sign out first to use it."));
+                return;
+            }
+            say("a later copy handed over a sign-in link");
+            session.signInWithMagicLink(token);
+        });
         signInWindow->show();
     } else if (parser.isSet(screenshotsOption)) {
         session.finished = [&](int code) {

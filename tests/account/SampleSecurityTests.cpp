@@ -271,14 +271,20 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
     QTemporaryDir outside;
     ASSERT_TRUE(outside.isValid());
     const QString runningOutput = outside.filePath("running.txt");
+    // The running copy is ended with SIGTERM, as a session's end would, and
+    // must write its logs out and end with 0; a second link while signed in
+    // is not used.
     const QString script = QStringLiteral(
         "printf %s keyring-password-for-tests | gnome-keyring-daemon --unlock --components=secrets >/dev/null\n"
         "\"$0\" --gui --verbose > \"$2\" 2>&1 &\n"
         "running=$!\n"
-        "for i in $(seq 300); do grep -q 'come to this copy over the session bus' \"$2\" && break; sleep 0.1; done\n"
+        "trap 'kill $running 2>/dev/null' EXIT\n"
+        "for i in $(seq 400); do grep -q 'come to this copy over the session bus' \"$2\" && break; sleep 0.1; done\n"
         "\"$0\" --verbose \"$1\"\n"
-        "for i in $(seq 300); do grep -q 'signed in: user grace' \"$2\" && break; sleep 0.1; done\n"
-        "kill $running; wait $running\n");
+        "for i in $(seq 400); do grep -q 'signed in: user grace' \"$2\" && break; sleep 0.1; done\n"
+        "\"$0\" \"$1\"\n"
+        "for i in $(seq 100); do grep -q 'not used' \"$2\" && break; sleep 0.1; done\n"
+        "kill -TERM $running; wait $running; echo \"running copy ended with $?\"\n");
     QProcess session;
     auto environment = QProcessEnvironment::systemEnvironment();
     environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
@@ -286,7 +292,7 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
     session.setProcessChannelMode(QProcess::MergedChannels);
     session.start(QStringLiteral("dbus-run-session"),
                   {"--", "sh", "-c", script, QStringLiteral(KALENDRO_SAMPLE_PATH), link, runningOutput});
-    ASSERT_TRUE(session.waitForFinished(90000));
+    ASSERT_TRUE(session.waitForFinished(110000));
     const QString opener = QString::fromUtf8(session.readAll());
     QFile runningFile(runningOutput);
     ASSERT_TRUE(runningFile.open(QIODevice::ReadOnly));
@@ -295,6 +301,8 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
     EXPECT_FALSE(opener.contains("signing in")) << qPrintable(opener);
     EXPECT_TRUE(running.contains("a later copy handed over a sign-in link")) << qPrintable(running);
     EXPECT_TRUE(running.contains("signed in: user grace <grace@example.org>")) << qPrintable(running);
+    EXPECT_TRUE(running.contains("not used, as an account is signed in")) << qPrintable(running);
+    EXPECT_TRUE(opener.contains("running copy ended with 0")) << qPrintable(opener);
 
     std::map<QString, QString> scanned = logs();
     scanned[QStringLiteral("first run's output")] = output;
@@ -311,19 +319,20 @@ TEST_F(SampleSecurityTest, InstallsItselfAsTheHandlerOfKalendroLinks)
     QDir().mkpath(home.filePath(".config"));
     QFile list(home.filePath(".config/mimeapps.list"));
     ASSERT_TRUE(list.open(QIODevice::WriteOnly));
-    list.write("[Added Associations]\ntext/plain=editor.desktop;\n\n[Default Applications]\n"
-               "x-scheme-handler/kalendro=old.desktop\ntext/html=browser.desktop\n");
+    list.write("[Added Associations]\r\nx-scheme-handler/kalendro=other.desktop;\r\n\r\n[Default Applications]\r\n"
+               "x-scheme-handler/kalendro=old.desktop\r\ntext/html=browser.desktop\r\n");
     list.close();
     ASSERT_EQ(runSample({"--install-url-handler"}), 0) << qPrintable(output);
     QFile entry(home.filePath(".local/share/applications/kalendro-sample.desktop"));
     ASSERT_TRUE(entry.open(QIODevice::ReadOnly));
     const QString desktop = QString::fromUtf8(entry.readAll());
     EXPECT_TRUE(desktop.contains("MimeType=x-scheme-handler/kalendro;"));
-    EXPECT_TRUE(desktop.contains(QStringLiteral("Exec=\"%1\" %u").arg(QStringLiteral(KALENDRO_SAMPLE_PATH))));
+    EXPECT_TRUE(desktop.contains(QStringLiteral("Exec=\"%1\" --gui -- %u").arg(QStringLiteral(KALENDRO_SAMPLE_PATH))));
     ASSERT_TRUE(list.open(QIODevice::ReadOnly));
-    const QString associations = QString::fromUtf8(list.readAll());
-    EXPECT_TRUE(associations.contains("x-scheme-handler/kalendro=kalendro-sample.desktop\n"));
-    EXPECT_FALSE(associations.contains("old.desktop"));
-    EXPECT_TRUE(associations.contains("text/plain=editor.desktop;"));
-    EXPECT_TRUE(associations.contains("text/html=browser.desktop"));
+    // One default, ours, in the file's own line endings; the other group's
+    // line and the other default stay.
+    EXPECT_EQ(QString::fromUtf8(list.readAll()),
+              QStringLiteral("[Added Associations]\r\nx-scheme-handler/kalendro=other.desktop;\r\n\r\n"
+                             "[Default Applications]\r\nx-scheme-handler/kalendro=kalendro-sample.desktop\r\n"
+                             "text/html=browser.desktop\r\n"));
 }

@@ -95,7 +95,9 @@ std::string AccountService::issueMagicToken(const std::string &email)
     std::lock_guard lock(_lock);
     std::string token = "magic-" + QUuid::createUuid().toString(QUuid::WithoutBraces).toStdString();
     // A link works once, within the hour, also after a restart.
-    _magicTokens[token] = {email, QDateTime::currentSecsSinceEpoch() + 3600};
+    const qint64 now = QDateTime::currentSecsSinceEpoch();
+    std::erase_if(_magicTokens, [now](const auto &entry) { return entry.second.second <= now; });
+    _magicTokens[token] = {email, now + 3600};
     saveLocked();
     return token;
 }
@@ -111,7 +113,7 @@ ServiceReply AccountService::mailMagicLink(const std::string &body)
 {
     const auto request = parse(body);
     const std::string email = request ? text(*request, "email") : std::string();
-    if (email.find('@') == std::string::npos || email.find('\n') != std::string::npos)
+    if (email.find('@') == std::string::npos || email.find_first_of("\r\n") != std::string::npos)
         return fieldError("email", "invalid", "Enter a valid email address.");
     std::string folder;
     std::string link;
@@ -125,9 +127,12 @@ ServiceReply AccountService::mailMagicLink(const std::string &body)
         number = ++_mailsSent;
     }
     link += "?token=" + issueMagicToken(email);
-    const QString path = QString::fromStdString(folder) + QStringLiteral("/sign-in-link-%1-%2.txt")
-                                                              .arg(QDateTime::currentSecsSinceEpoch())
-                                                              .arg(number);
+    // Unique across restarts and processes sharing the folder.
+    const QString path = QString::fromStdString(folder) +
+                         QStringLiteral("/sign-in-link-%1-%2-%3.txt")
+                             .arg(QDateTime::currentSecsSinceEpoch())
+                             .arg(number)
+                             .arg(QUuid::createUuid().toString(QUuid::Id128).left(8));
     const QByteArray mail = QByteArray("To: ") + QByteArray::fromStdString(email) +
                             "\nSubject: Your sign-in link\n\nOpen this link on the computer you want to sign in "
                             "on; it works once:\n\n" + QByteArray::fromStdString(link) + "\n";
