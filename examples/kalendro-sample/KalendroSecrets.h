@@ -14,7 +14,7 @@
 
 class KalendroSecrets {
 public:
-    // Asks the Secret Service (at most a few seconds); without an answer the
+    // Asks the Secret Service (at most ten seconds); without an answer the
     // secrets live in `fallbackFile`. Call on the main thread.
     explicit KalendroSecrets(QString fallbackFile);
     ~KalendroSecrets();
@@ -33,7 +33,7 @@ public:
     // keys ("ubiquitous/..." entries) stay: they are the user's, and data
     // encrypted with them is unreadable without them.
     void clear();
-    // Waits (main thread, at most a few seconds) until every change has
+    // Waits (main thread, at most ten seconds) until every change has
     // reached the keyring; false when one did not.
     bool flush();
 
