@@ -68,17 +68,11 @@ bool portAccepts(quint16 port)
     return socket.waitForConnected(1000);
 }
 
-class OpenIDSignInTest : public TokenManagerTest {
+class OpenIDSignInTest : public SignedOutTokenManagerTest {
 protected:
     void SetUp() override
     {
-        TokenManagerTest::SetUp();
-        auto signedOut = accounts->current()->copy();
-        signedOut->setUsername(std::nullopt);
-        signedOut->setEmailAddress(QString());
-        signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
-        accounts->setCurrent(signedOut);
-        tokens->credential.reset();
+        SignedOutTokenManagerTest::SetUp();
         server.service().addOpenIDClient("kalendro-tests");
     }
 

@@ -58,6 +58,35 @@ protected:
         return found;
     }
 
+    // Runs `script` (sh; $0 is the sample, then `arguments`) in a session
+    // bus of its own with gnome-keyring-daemon unlocked and named on it.
+    // Standard output and error, merged; the exit code in `exitCode`.
+    QString runInKeyringSession(const QString &script, const QStringList &arguments, int *exitCode)
+    {
+        const QString keyring = QStringLiteral(
+            "printf %s keyring-password-for-tests | gnome-keyring-daemon --unlock --components=secrets >/dev/null\n"
+            // The daemon may take its name on the bus a moment after it returns.
+            "for i in $(seq 100); do\n"
+            "  dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \\\n"
+            "    org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets | grep -q 'boolean true' && break\n"
+            "  sleep 0.1\n"
+            "done\n");
+        QProcess session;
+        auto environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        // libsecret answers through GLib's main loop, which Qt runs only with
+        // its GLib event dispatcher (the ThreadSanitizer preset turns it off).
+        environment.remove(QStringLiteral("QT_NO_GLIB"));
+        session.setProcessEnvironment(environment);
+        session.setProcessChannelMode(QProcess::MergedChannels);
+        session.start(QStringLiteral("dbus-run-session"),
+                      QStringList{"--", "sh", "-c", keyring + script, QStringLiteral(KALENDRO_SAMPLE_PATH)} + arguments);
+        const bool finished = session.waitForFinished(110000);
+        EXPECT_TRUE(finished);
+        *exitCode = finished ? session.exitCode() : -1;
+        return QString::fromUtf8(session.readAll());
+    }
+
     // Every log file and the command log, by name relative to the home.
     std::map<QString, QString> logs() const
     {
@@ -192,30 +221,12 @@ TEST_F(SampleSecurityTest, SecretsGoToTheKeyringAndToNoFile)
     QTemporaryDir outside; // the read-back lands outside the scanned home
     ASSERT_TRUE(outside.isValid());
     const QString readBack = outside.filePath("keyring.txt");
-    const QString script = QStringLiteral(
-        "set -e\n"
-        "printf %s keyring-password-for-tests | gnome-keyring-daemon --unlock --components=secrets >/dev/null\n"
-        // The daemon may take its name on the bus a moment after it returns.
-        "for i in $(seq 100); do\n"
-        "  dbus-send --session --print-reply --dest=org.freedesktop.DBus /org/freedesktop/DBus \\\n"
-        "    org.freedesktop.DBus.NameHasOwner string:org.freedesktop.secrets | grep -q 'boolean true' && break\n"
-        "  sleep 0.1\n"
-        "done\n"
-        "\"$0\" --verbose --email ada@example.org --password \"$1\"\n"
-        "secret-tool lookup server kalendro-sample user secrets > \"$2\"\n");
-    QProcess session;
-    auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    // libsecret answers through GLib's main loop, which Qt runs only with
-    // its GLib event dispatcher (the ThreadSanitizer preset turns it off).
-    environment.remove(QStringLiteral("QT_NO_GLIB"));
-    session.setProcessEnvironment(environment);
-    session.setProcessChannelMode(QProcess::MergedChannels);
-    session.start(QStringLiteral("dbus-run-session"), {"--", "sh", "-c", script, QStringLiteral(KALENDRO_SAMPLE_PATH),
-                                                      kPassword, readBack});
-    ASSERT_TRUE(session.waitForFinished(90000));
-    output = QString::fromUtf8(session.readAll());
-    ASSERT_EQ(session.exitCode(), 0) << qPrintable(output);
+    const QString script = QStringLiteral("set -e\n"
+                                          "\"$0\" --verbose --email ada@example.org --password \"$1\"\n"
+                                          "secret-tool lookup server kalendro-sample user secrets > \"$2\"\n");
+    int exitCode = -1;
+    output = runInKeyringSession(script, {kPassword, readBack}, &exitCode);
+    ASSERT_EQ(exitCode, 0) << qPrintable(output);
     EXPECT_TRUE(output.contains("secrets go to the Secret Service (keyring)")) << qPrintable(output);
     EXPECT_FALSE(output.contains("did not store")) << qPrintable(output);
 
@@ -278,7 +289,6 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
     // must write its logs out and end with 0; a second link while signed in
     // is not used.
     const QString script = QStringLiteral(
-        "printf %s keyring-password-for-tests | gnome-keyring-daemon --unlock --components=secrets >/dev/null\n"
         "\"$0\" --gui --verbose > \"$2\" 2>&1 &\n"
         "running=$!\n"
         "trap 'kill $running 2>/dev/null' EXIT\n"
@@ -288,15 +298,8 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
         "\"$0\" \"$1\"\n"
         "for i in $(seq 100); do grep -q 'not used' \"$2\" && break; sleep 0.1; done\n"
         "kill -TERM $running; wait $running; echo \"running copy ended with $?\"\n");
-    QProcess session;
-    auto environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
-    session.setProcessEnvironment(environment);
-    session.setProcessChannelMode(QProcess::MergedChannels);
-    session.start(QStringLiteral("dbus-run-session"),
-                  {"--", "sh", "-c", script, QStringLiteral(KALENDRO_SAMPLE_PATH), link, runningOutput});
-    ASSERT_TRUE(session.waitForFinished(110000));
-    const QString opener = QString::fromUtf8(session.readAll());
+    int exitCode = -1;
+    const QString opener = runInKeyringSession(script, {link, runningOutput}, &exitCode);
     QFile runningFile(runningOutput);
     ASSERT_TRUE(runningFile.open(QIODevice::ReadOnly));
     const QString running = QString::fromUtf8(runningFile.readAll());

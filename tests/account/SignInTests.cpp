@@ -27,20 +27,8 @@ QString reason(const ORVError &error)
     return error.userInfo().value(ORVLocalizedFailureReasonErrorKey).toString();
 }
 
-class SignInTest : public TokenManagerTest {
+class SignInTest : public SignedOutTokenManagerTest {
 protected:
-    void SetUp() override
-    {
-        TokenManagerTest::SetUp();
-        // Nobody is signed in on this device yet.
-        auto signedOut = accounts->current()->copy();
-        signedOut->setUsername(std::nullopt);
-        signedOut->setEmailAddress(QString());
-        signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
-        accounts->setCurrent(signedOut);
-        tokens->credential.reset();
-    }
-
     QJsonObject lastBody(const std::string &path)
     {
         const auto requests = server.requests();

@@ -19,17 +19,11 @@ using namespace orv::test;
 
 namespace {
 
-class SignInWindowTest : public TokenManagerTest {
+class SignInWindowTest : public SignedOutTokenManagerTest {
 protected:
     void SetUp() override
     {
-        TokenManagerTest::SetUp();
-        auto signedOut = accounts->current()->copy();
-        signedOut->setUsername(std::nullopt);
-        signedOut->setEmailAddress(QString());
-        signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
-        accounts->setCurrent(signedOut);
-        tokens->credential.reset();
+        SignedOutTokenManagerTest::SetUp();
         server.service().addOpenIDClient("kalendro-tests");
 
         KalendroSignInWindow::Actions actions;
@@ -76,7 +70,7 @@ protected:
         window.reset();
         browserSignIn.reset();
         ORVRemoveTranslations();
-        TokenManagerTest::TearDown();
+        SignedOutTokenManagerTest::TearDown();
     }
 
     // Types into the form, presses the button, waits until the window is

@@ -137,4 +137,19 @@ protected:
     std::shared_ptr<TestTokenManager> tokens;
 };
 
+// The same, with nobody signed in on this device yet.
+class SignedOutTokenManagerTest : public TokenManagerTest {
+protected:
+    void SetUp() override
+    {
+        TokenManagerTest::SetUp();
+        auto signedOut = accounts->current()->copy();
+        signedOut->setUsername(std::nullopt);
+        signedOut->setEmailAddress(QString());
+        signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
+        accounts->setCurrent(signedOut);
+        tokens->credential.reset();
+    }
+};
+
 } // namespace orv::test
