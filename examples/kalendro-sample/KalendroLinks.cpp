@@ -10,6 +10,8 @@
 #include <QStandardPaths>
 #include <QUrlQuery>
 
+#include <utility>
+
 namespace {
 
 const QString kService = QStringLiteral("com.orvella.kalendro.sample");
@@ -85,8 +87,19 @@ bool KalendroLinkReceiver::Open(const QString &link)
     const auto token = kalendroMagicToken(QUrl(link));
     if (!token)
         return false;
+    if (!_delivering) {
+        _pending = *token;
+        return true;
+    }
     Q_EMIT magicTokenReceived(*token);
     return true;
+}
+
+void KalendroLinkReceiver::startDelivering()
+{
+    _delivering = true;
+    if (!_pending.isEmpty())
+        Q_EMIT magicTokenReceived(std::exchange(_pending, QString()));
 }
 
 QString kalendroInstallURLHandler(const QString &program, QString *problem)
@@ -152,7 +165,8 @@ QString kalendroInstallURLHandler(const QString &program, QString *problem)
                 defaults = i;
             continue;
         }
-        if (inDefaults && line.startsWith(key))
+        // "x-scheme-handler/kalendro = old.desktop" is the same key.
+        if (inDefaults && line.contains('=') && line.left(line.indexOf('=')).trimmed() + '=' == key)
             lines.remove(i--);
     }
     const QByteArray ending = crlf ? "\r" : "";

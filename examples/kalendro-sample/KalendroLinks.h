@@ -27,6 +27,9 @@ public:
     // Takes the service name and the object; false without a session bus or
     // when another copy holds the name.
     bool registerOnSessionBus();
+    // Until this is called, links are kept (the newest one) rather than
+    // signalled: the copy takes the name before it can act on them.
+    void startDelivering();
 
 public Q_SLOTS:
     // Called over the bus: true when the link is a sign-in link.
@@ -34,6 +37,10 @@ public Q_SLOTS:
 
 Q_SIGNALS:
     void magicTokenReceived(const QString &token);
+
+private:
+    bool _delivering = false;
+    QString _pending;
 };
 
 // Writes the desktop entry that makes this program the handler of

@@ -146,6 +146,9 @@ KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
     _account = new QLabel(accountPage);
     _account->setWordWrap(true);
     accountColumn->addWidget(_account);
+    _accountMessage = new QLabel(accountPage);
+    _accountMessage->setWordWrap(true);
+    accountColumn->addWidget(_accountMessage);
     auto *accountRow = new QHBoxLayout;
     auto *preferences = new QPushButton(QStringLiteral("Preferences…"), accountPage);
     connect(preferences, &QPushButton::clicked, this, [this] { _actions.showPreferences(); });
@@ -197,6 +200,8 @@ void KalendroSignInWindow::showError(const ORVError &error)
 
 void KalendroSignInWindow::showMessage(const QString &message)
 {
+    if (isShowingAccount())
+        return _accountMessage->setText(message);
     clearErrors();
     setBusy(false, message);
 }
@@ -211,6 +216,7 @@ void KalendroSignInWindow::showSignedIn(const QString &accountText)
 {
     setBusy(false);
     _account->setText(accountText);
+    _accountMessage->clear();
     _pages->setCurrentIndex(1);
 }
 
@@ -222,7 +228,7 @@ QString KalendroSignInWindow::fieldError(const QLineEdit *field) const
 
 QString KalendroSignInWindow::message() const
 {
-    return _message->text();
+    return isShowingAccount() ? _accountMessage->text() : _message->text();
 }
 
 QString KalendroSignInWindow::accountText() const

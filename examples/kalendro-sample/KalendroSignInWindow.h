@@ -37,7 +37,8 @@ public:
     // A failure: beside the field it concerns when it concerns one (with
     // the framework's text), otherwise under the buttons. Enables the buttons.
     void showError(const ORVError &error);
-    // A line under the buttons (a link sent). Enables the buttons.
+    // A line under the buttons (a link sent), enabling them; on the account
+    // page, a line under the account.
     void showMessage(const QString &message);
     // Something runs: the line, and the buttons disabled until the next
     // showError(), showMessage() or page.
@@ -70,5 +71,6 @@ private:
     QLabel *_passwordError = nullptr;
     QLabel *_message = nullptr;
     QLabel *_account = nullptr;
+    QLabel *_accountMessage = nullptr;
     QList<QPushButton *> _signInButtons;
 };

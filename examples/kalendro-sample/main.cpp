@@ -41,6 +41,7 @@
 #include <QTimer>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -166,6 +167,8 @@ public:
         _browser = std::move(browser);
         signInWithBrowser();
     }
+    // Cancels a browser sign-in that still waits for the browser.
+    void stopBrowserSignIn() { _browser.reset(); }
     void emailLinkTo(const QString &email)
     {
         if (!begin(QStringLiteral("Sending the link…")))
@@ -378,20 +381,25 @@ int terminationPipe[2] = {-1, -1};
 
 void kalendroQuitOnTerminationSignals()
 {
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, terminationPipe) != 0)
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, terminationPipe) != 0)
         return;
     auto *notifier = new QSocketNotifier(terminationPipe[1], QSocketNotifier::Read, QCoreApplication::instance());
     QObject::connect(notifier, &QSocketNotifier::activated, QCoreApplication::instance(), [notifier] {
         char byte = 0;
         [[maybe_unused]] const auto ignored = ::read(terminationPipe[1], &byte, 1);
         notifier->setEnabled(false);
+        // A second signal ends the process at once, should the way out hang.
+        ::signal(SIGTERM, SIG_DFL);
+        ::signal(SIGINT, SIG_DFL);
         say("asked to end; ending");
         QCoreApplication::quit();
     });
     struct sigaction action {};
     action.sa_handler = [](int) {
+        const int savedErrno = errno;
         const char byte = 1;
         [[maybe_unused]] const auto ignored = ::write(terminationPipe[0], &byte, 1);
+        errno = savedErrno;
     };
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
@@ -519,9 +527,6 @@ int main(int argc, char **argv)
         say("handed the sign-in link to the copy that is already running");
         return 0;
     }
-    // SIGTERM and SIGINT end the sample as closing its window does: the
-    // logs and the secrets are written out first.
-    kalendroQuitOnTerminationSignals();
 
     const ORVBundle &bundle = ORVBundle::mainBundle();
     say(ORVStringWithFormat("OrvellaKit %@, bundle %@ (version %@)", ORVOrvellaKitVersionString(),
@@ -646,6 +651,12 @@ int main(int argc, char **argv)
     // 8. The session: account, sign-in, token, a request, the key.
     Session session(tokens, secrets->location(), parser.value(emailOption), parser.value(passwordOption),
                     parser.value(nameOption), parser.isSet(refreshOption));
+    // The same rule for a link that started this copy: the desktop opens
+    // "kalendro-sample --gui -- LINK" for any program that opens a link.
+    if (magicToken && windowed && ORVFetchOrvellaAccount()->username()) {
+        say("the sign-in link is not used, as an account is signed in (sign out first)");
+        magicToken.reset();
+    }
     if (magicToken)
         session.useMagicToken(*magicToken);
     if (parser.isSet(emailLinkOption))
@@ -726,14 +737,20 @@ int main(int argc, char **argv)
         // in and nothing runs, so that a link from anywhere cannot switch the
         // account under the user's feet.
         QObject::connect(&links, &KalendroLinkReceiver::magicTokenReceived, &app, [&](const QString &token) {
-            if (session.isBusy() || ORVFetchOrvellaAccount()->username()) {
-                say("a later copy handed over a sign-in link; not used, as an account is signed in or a sign-in runs");
+            if (session.isBusy()) {
+                say("a later copy handed over a sign-in link; not used, as a sign-in runs");
+                return;
+            }
+            if (ORVFetchOrvellaAccount()->username()) {
+                say("a later copy handed over a sign-in link; not used, as an account is signed in");
                 signInWindow->showMessage(QStringLiteral("A sign-in link arrived; sign out first to use it."));
                 return;
             }
             say("a later copy handed over a sign-in link");
             session.signInWithMagicLink(token);
         });
+        // Links that came while this copy was starting.
+        links.startDelivering();
         signInWindow->show();
     } else if (parser.isSet(screenshotsOption)) {
         session.finished = [&](int code) {
@@ -753,7 +770,20 @@ int main(int argc, char **argv)
     }
     if (!windowed)
         giveUp.start(patienceSeconds * 1000);
+    // SIGTERM and SIGINT end the sample as closing its window does: the
+    // logs and the secrets are written out first. (Installed here, as only
+    // the main event loop can end on them.)
+    kalendroQuitOnTerminationSignals();
     int status = QApplication::exec();
+    // Nothing may reach the windows once they go: links that arrive while
+    // the secrets are written out, and a browser sign-in that still waits
+    // (cancelled here, its failure goes nowhere).
+    QObject::disconnect(&links, nullptr, nullptr, nullptr);
+    session.failed = nullptr;
+    session.informed = nullptr;
+    session.started = nullptr;
+    session.finished = [](int) {};
+    session.stopBrowserSignIn();
     windows.reset();
     signInWindow.reset();
 

@@ -294,9 +294,9 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
         "trap 'kill $running 2>/dev/null' EXIT\n"
         "for i in $(seq 400); do grep -q 'come to this copy over the session bus' \"$2\" && break; sleep 0.1; done\n"
         "\"$0\" --verbose \"$1\"\n"
-        "for i in $(seq 400); do grep -q 'signed in: user grace' \"$2\" && break; sleep 0.1; done\n"
+        "for i in $(seq 400); do grep -q 'encryption key accepted' \"$2\" && break; sleep 0.1; done\n"
         "\"$0\" \"$1\"\n"
-        "for i in $(seq 100); do grep -q 'not used' \"$2\" && break; sleep 0.1; done\n"
+        "for i in $(seq 100); do grep -q 'not used, as an account is signed in' \"$2\" && break; sleep 0.1; done\n"
         "kill -TERM $running; wait $running; echo \"running copy ended with $?\"\n");
     int exitCode = -1;
     const QString opener = runInKeyringSession(script, {link, runningOutput}, &exitCode);
