@@ -778,7 +778,9 @@ int main(int argc, char **argv)
     // Nothing may reach the windows once they go: links that arrive while
     // the secrets are written out, and a browser sign-in that still waits
     // (cancelled here, its failure goes nowhere).
-    QObject::disconnect(&links, nullptr, nullptr, nullptr);
+    // (Only our signal: Qt D-Bus watches the object's destruction through a
+    // connection of its own.)
+    QObject::disconnect(&links, &KalendroLinkReceiver::magicTokenReceived, nullptr, nullptr);
     session.failed = nullptr;
     session.informed = nullptr;
     session.started = nullptr;

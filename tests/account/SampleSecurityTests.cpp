@@ -308,7 +308,7 @@ TEST_F(SampleSecurityTest, SignInLinkGoesToTheRunningCopyAndIsNeverLogged)
     EXPECT_TRUE(running.contains("a later copy handed over a sign-in link")) << qPrintable(running);
     EXPECT_TRUE(running.contains("signed in: user grace <grace@example.org>")) << qPrintable(running);
     EXPECT_TRUE(running.contains("not used, as an account is signed in")) << qPrintable(running);
-    EXPECT_TRUE(opener.contains("running copy ended with 0")) << qPrintable(opener);
+    EXPECT_TRUE(opener.contains("running copy ended with 0")) << qPrintable(opener) << qPrintable(running);
 
     std::map<QString, QString> scanned = logs();
     scanned[QStringLiteral("first run's output")] = output;
