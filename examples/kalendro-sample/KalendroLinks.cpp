@@ -20,7 +20,7 @@ const QString kInterface = QStringLiteral("com.orvella.kalendro.SignInLinks");
 const QString kDesktopFile = QStringLiteral("kalendro-sample.desktop");
 const QString kSchemeType = QStringLiteral("x-scheme-handler/kalendro");
 
-// An Exec argument as the desktop entry specification wants it: quoted,
+// An Exec argument the way desktop entries want it: quoted,
 // with `"`, backquote, `$` and `\` escaped by a backslash inside the quotes,
 // and then, as every string value, each backslash written twice; a literal
 // "%" is "%%".
