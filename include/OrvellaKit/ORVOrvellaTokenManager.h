@@ -261,6 +261,12 @@ public:
     void checkEncryptionKey(const QByteArray &key, EncryptionKeyCompletion completion);
     /// Makes `key` the account's key by replacing the server's record.
     void resetEncryptionKey(const QByteArray &key, EncryptionKeyCompletion completion);
+    /// Reads the key from a recovery code (ORVEncryptionKeyRecoveryCode())
+    /// and checks it as checkEncryptionKey() does, which keeps it when the
+    /// server's record accepts it. A code that is not one fails with
+    /// ORVOrvellaRecoveryCodeInvalidErrorCode (33) before anything is asked
+    /// or changed; the key of another account's code fails with 14.
+    void restoreEncryptionKeyWithRecoveryCode(const QString &code, EncryptionKeyCompletion completion);
 
     /// The network manager that carries the manager's own requests: the
     /// shared one unless another is set (a test's, an application's own).

@@ -43,6 +43,7 @@
 #include <OrvellaKit/ORVOrvellaNetworkTask.h>
 #include <OrvellaKit/ORVOrvellaRequest.h>
 #include <OrvellaKit/ORVOrvellaServerEndpoints.h>
+#include <OrvellaKit/ORVOrvellaKeyTransfer.h>
 #include <OrvellaKit/ORVOrvellaTokenManager.h>
 #include <OrvellaKit/ORVOrvellaURLSession.h>
 #include <OrvellaKit/ORVOverrides.h>

@@ -59,6 +59,9 @@ std::optional<ServiceReply> AccountService::handle(const std::string &method, co
         return collect(body);
     if (method == "POST" && (path == "/v1/test/identity-token/" || path == "/v1/test/magic-token/"))
         return testToken(path, body);
+    const std::string keyRequestPrefix = "/v1/account/key-requests/";
+    if (path.rfind(keyRequestPrefix, 0) == 0)
+        return keyRequests(method, path.substr(keyRequestPrefix.size()), body, authorization);
     const std::string keyValuePrefix = "/keyvalue/v1/";
     if (path.rfind(keyValuePrefix, 0) == 0 && path.size() > keyValuePrefix.size())
         return keyValueRequest(method, path.substr(keyValuePrefix.size()), body, authorization);
@@ -526,6 +529,7 @@ bool AccountService::setStateFile(const std::string &path)
     for (auto it = links.begin(); it != links.end(); ++it)
         _magicTokens[it.key().toStdString()] = {text(it.value().toObject(), "email"),
                                                 it.value().toObject().value("expires").toInteger()};
+    loadKeyRequestsLocked(state->value("keyRequests").toArray());
     _values.clear();
     const QJsonObject values = state->value("values").toObject();
     for (auto user = values.begin(); user != values.end(); ++user) {
@@ -565,6 +569,7 @@ void AccountService::saveLocked() const
                             {"accounts", accounts},
                             {"devices", devices},
                             {"magicLinks", links},
+                            {"keyRequests", keyRequestsJsonLocked()},
                             {"values", values}};
     // Passwords and the signing key are in it: the owner alone may read it.
     const QByteArray json = QJsonDocument(state).toJson(QJsonDocument::Indented);

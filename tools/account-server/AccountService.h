@@ -15,9 +15,15 @@
 // provider under /oidc/google/ and /oidc/apple/ (see AccountServiceOpenID.cpp).
 // Magic sign-in tokens are issued the same way and work once.
 //
+// Key requests (AccountServiceKeyRequests.cpp) let a device that lacks the
+// account's encryption key receive it from another of the user's devices.
+// The server only relays: it keeps public keys, a commitment and the
+// ciphertext, never anything that decrypts it.
+//
 // With a state file, everything but the issued access tokens' signatures is
 // kept across restarts (the signing key is kept too, so tokens stay valid).
 
+#include <QJsonArray>
 #include <QtGlobal>
 
 #include <chrono>
@@ -115,6 +121,12 @@ public:
     // A value of the user's key-value store.
     std::optional<std::string> keyValue(const std::string &user, const std::string &key) const;
     void setKeyValue(const std::string &user, const std::string &key, const std::string &value);
+    // Lifetime of new key requests (default ten minutes).
+    void setKeyRequestLifetime(std::chrono::seconds lifetime);
+    // How many key requests an account may make per hour (default 10).
+    void setKeyRequestHourlyLimit(int limit);
+    // The open key requests of the user (for tests and the state file).
+    int keyRequestCount(const std::string &user) const;
 
 private:
     struct Account {
@@ -138,6 +150,25 @@ private:
     ServiceReply keyValueRequest(const std::string &method, const std::string &key, const std::string &body,
                                  const std::string &authorization);
     ServiceReply collect(const std::string &body);
+    // Key requests: /v1/account/key-requests/[<id>[/<step>]].
+    struct KeyRequest {
+        std::string user;
+        std::string deviceName;
+        std::string commitment;   // base64 of SHA-256 of the requester's public key
+        std::string approverKey;  // base64 X25519 public keys, once given
+        std::string requesterKey;
+        std::string answer;       // base64 ciphertext, once given
+        bool refused = false;
+        qint64 created = 0;       // seconds since the epoch
+        qint64 expires = 0;
+    };
+    ServiceReply keyRequests(const std::string &method, const std::string &rest, const std::string &body,
+                             const std::string &authorization);
+    ServiceReply createKeyRequestLocked(const std::string &user, const std::string &body);
+    ServiceReply stepKeyRequestLocked(KeyRequest &request, const std::string &step, const std::string &body);
+    void purgeKeyRequestsLocked();
+    void loadKeyRequestsLocked(const QJsonArray &requests);
+    QJsonArray keyRequestsJsonLocked() const;
     ServiceReply testToken(const std::string &path, const std::string &body);
     ServiceReply mailMagicLink(const std::string &body);
     // The OpenID provider.
@@ -188,6 +219,10 @@ private:
     std::map<std::string, AuthorizationCode> _authorizationCodes;
     std::chrono::seconds _identityTokenLifetime{600};
     std::set<std::string> _openIDClients{"kalendro-sample"};
+    std::map<std::string, KeyRequest> _keyRequests;                       // by identifier
+    std::map<std::string, std::vector<qint64>> _keyRequestTimes;         // user to creation times (last hour)
+    std::chrono::seconds _keyRequestLifetime{600};
+    int _keyRequestHourlyLimit = 10;
 };
 
 } // namespace orv::server
