@@ -149,7 +149,37 @@ KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
     _accountMessage = new QLabel(accountPage);
     _accountMessage->setWordWrap(true);
     accountColumn->addWidget(_accountMessage);
+    // A new device asking for the key.
+    _approval = new QFrame(accountPage);
+    static_cast<QFrame *>(_approval)->setFrameShape(QFrame::StyledPanel);
+    auto *approvalColumn = new QVBoxLayout(_approval);
+    _approvalText = new QLabel(_approval);
+    // The name is the other device's own word: shown as it is, never as markup.
+    _approvalText->setTextFormat(Qt::PlainText);
+    _approvalText->setWordWrap(true);
+    approvalColumn->addWidget(_approvalText);
+    _approvalCode = new QLineEdit(_approval);
+    _approvalCode->setPlaceholderText(QStringLiteral("123 456"));
+    approvalColumn->addWidget(_approvalCode);
+    auto *approvalRow = new QHBoxLayout;
+    auto *approve = new QPushButton(QStringLiteral("Approve"), _approval);
+    connect(approve, &QPushButton::clicked, this, [this] { _actions.approveDevice(_approvalCode->text()); });
+    auto *refuse = new QPushButton(QStringLiteral("Refuse"), _approval);
+    connect(refuse, &QPushButton::clicked, this, [this] { _actions.refuseDevice(); });
+    approvalRow->addStretch();
+    approvalRow->addWidget(refuse);
+    approvalRow->addWidget(approve);
+    approvalColumn->addLayout(approvalRow);
+    _approval->hide();
+    accountColumn->addWidget(_approval);
+    _recoveryCodeText = new QLabel(accountPage);
+    _recoveryCodeText->setWordWrap(true);
+    _recoveryCodeText->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    accountColumn->addWidget(_recoveryCodeText);
     auto *accountRow = new QHBoxLayout;
+    auto *recovery = new QPushButton(QStringLiteral("Show Recovery Code"), accountPage);
+    connect(recovery, &QPushButton::clicked, this, [this] { _actions.showRecoveryCode(); });
+    accountRow->addWidget(recovery);
     auto *preferences = new QPushButton(QStringLiteral("Preferences…"), accountPage);
     connect(preferences, &QPushButton::clicked, this, [this] { _actions.showPreferences(); });
     auto *signOut = new QPushButton(QStringLiteral("Sign Out"), accountPage);
@@ -161,7 +191,47 @@ KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
     accountColumn->addStretch();
     _pages->addWidget(accountPage);
 
-    resize(440, 360);
+    // The key page: this device's key is not the account's.
+    auto *keyPage = new QWidget(_pages);
+    auto *keyColumn = new QVBoxLayout(keyPage);
+    keyColumn->setContentsMargins(28, 20, 28, 20);
+    keyColumn->addWidget(new QLabel(QStringLiteral("<h2>Your encryption key</h2>"), keyPage));
+    auto *explanation = new QLabel(QStringLiteral("This device does not have the key that your Kalendro data is "
+                                                  "encrypted with. Bring it here from a device that has it:"),
+                                   keyPage);
+    explanation->setWordWrap(true);
+    keyColumn->addWidget(explanation);
+    auto *ask = new QPushButton(QStringLiteral("Approve from another device"), keyPage);
+    connect(ask, &QPushButton::clicked, this, [this] { _actions.requestKey(); });
+    keyColumn->addWidget(ask);
+    auto *codeRow = new QHBoxLayout;
+    _recoveryCode = new QLineEdit(keyPage);
+    _recoveryCode->setPlaceholderText(QStringLiteral("XXXX-XXXX-XXXX-XXXX-XXXX-XXXX-XXXX"));
+    auto *enter = new QPushButton(QStringLiteral("Enter recovery code"), keyPage);
+    connect(enter, &QPushButton::clicked, this, [this] { _actions.enterRecoveryCode(_recoveryCode->text()); });
+    codeRow->addWidget(_recoveryCode);
+    codeRow->addWidget(enter);
+    keyColumn->addLayout(codeRow);
+    auto *resetRow = new QHBoxLayout;
+    auto *warning = new QLabel(QStringLiteral("Reset makes a new key. Everything encrypted with the old key can "
+                                              "no longer be read, on any device."),
+                               keyPage);
+    warning->setWordWrap(true);
+    warning->setStyleSheet(QStringLiteral("color: #b00020;"));
+    auto *reset = new QPushButton(QStringLiteral("Reset"), keyPage);
+    connect(reset, &QPushButton::clicked, this, [this] { _actions.resetKey(); });
+    resetRow->addWidget(warning, 1);
+    resetRow->addWidget(reset);
+    keyColumn->addLayout(resetRow);
+    _keyMessage = new QLabel(keyPage);
+    _keyMessage->setTextFormat(Qt::PlainText);
+    _keyMessage->setWordWrap(true);
+    _keyMessage->setTextInteractionFlags(Qt::TextSelectableByMouse);
+    keyColumn->addWidget(_keyMessage);
+    keyColumn->addStretch();
+    _pages->addWidget(keyPage);
+
+    resize(440, 380);
 }
 
 void KalendroSignInWindow::showSignIn()
@@ -202,6 +272,8 @@ void KalendroSignInWindow::showMessage(const QString &message)
 {
     if (isShowingAccount())
         return _accountMessage->setText(message);
+    if (isShowingKeyChoices())
+        return _keyMessage->setText(message);
     clearErrors();
     setBusy(false, message);
 }
@@ -217,7 +289,55 @@ void KalendroSignInWindow::showSignedIn(const QString &accountText)
     setBusy(false);
     _account->setText(accountText);
     _accountMessage->clear();
+    _recoveryCodeText->clear();
+    showApprovalRequest(QString());
     _pages->setCurrentIndex(1);
+}
+
+void KalendroSignInWindow::showKeyChoices(const QString &message)
+{
+    setBusy(false);
+    _keyMessage->setText(message);
+    _recoveryCodeText->clear();
+    _pages->setCurrentIndex(2);
+}
+
+void KalendroSignInWindow::showApprovalRequest(const QString &deviceName)
+{
+    _approvalCode->clear();
+    _approval->setVisible(!deviceName.isEmpty());
+    _approvalText->setText(
+        deviceName.isEmpty()
+            ? QString()
+            : QStringLiteral("“%1” asks for your encryption key. If that is your device, type the code it "
+                             "shows and approve; otherwise refuse.")
+                  .arg(deviceName));
+}
+
+void KalendroSignInWindow::showRecoveryCode(const QString &code)
+{
+    _recoveryCodeText->setText(
+        QStringLiteral("Recovery code (write it down and keep it safe; it opens your data):\n%1").arg(code));
+}
+
+bool KalendroSignInWindow::isShowingKeyChoices() const
+{
+    return _pages->currentIndex() == 2;
+}
+
+QString KalendroSignInWindow::keyMessage() const
+{
+    return _keyMessage->text();
+}
+
+QString KalendroSignInWindow::approvalText() const
+{
+    return _approval->isHidden() ? QString() : _approvalText->text();
+}
+
+QString KalendroSignInWindow::recoveryCodeText() const
+{
+    return _recoveryCodeText->text();
 }
 
 QString KalendroSignInWindow::fieldError(const QLineEdit *field) const

@@ -5,6 +5,12 @@
 // once signed in, the account with "Sign out". It only shows and asks: what
 // the buttons do is the application's (Actions), and the application tells
 // it how things went (showError(), showMessage(), showSignedIn()).
+//
+// The account encryption key has a page of its own for a device whose key
+// the account does not accept (showKeyChoices()): ask another device,
+// enter the recovery code, or reset. A device that has the key shows a
+// request from a new device on the account page (showApprovalRequest()) and
+// the recovery code on request.
 
 #include <OrvellaKit/ORVError.h>
 #include <OrvellaKit/ORVOrvellaAccount.h>
@@ -28,6 +34,14 @@ public:
         std::function<void(const QString &email)> emailLink;
         std::function<void()> signOut;
         std::function<void()> showPreferences;
+        // The encryption key on a device that lacks it.
+        std::function<void()> requestKey;
+        std::function<void(const QString &code)> enterRecoveryCode;
+        std::function<void()> resetKey;
+        // A device that has it.
+        std::function<void(const QString &typedCode)> approveDevice;
+        std::function<void()> refuseDevice;
+        std::function<void()> showRecoveryCode;
     };
 
     explicit KalendroSignInWindow(Actions actions, QWidget *parent = nullptr);
@@ -45,6 +59,14 @@ public:
     void showProgress(const QString &message);
     // The account page.
     void showSignedIn(const QString &accountText);
+    // The page that offers the ways to the account's key, with `message`
+    // (an error, a confirmation code to compare) under them.
+    void showKeyChoices(const QString &message = QString());
+    // On the account page: `deviceName` asks for the key; the code field,
+    // "Approve" and "Refuse" appear, or disappear with an empty name.
+    void showApprovalRequest(const QString &deviceName);
+    // On the account page: the recovery code, until the page is left.
+    void showRecoveryCode(const QString &code);
 
     // For tests and screenshots.
     QLineEdit *nameField() const { return _name; }
@@ -54,6 +76,12 @@ public:
     QString message() const;
     QString accountText() const;
     bool isShowingAccount() const;
+    bool isShowingKeyChoices() const;
+    QLineEdit *recoveryCodeField() const { return _recoveryCode; }
+    QLineEdit *approvalCodeField() const { return _approvalCode; }
+    QString keyMessage() const;
+    QString approvalText() const;
+    QString recoveryCodeText() const;
     QPushButton *button(const QString &text) const;
 
 private:
@@ -73,4 +101,10 @@ private:
     QLabel *_account = nullptr;
     QLabel *_accountMessage = nullptr;
     QList<QPushButton *> _signInButtons;
+    QLineEdit *_recoveryCode = nullptr;
+    QLabel *_keyMessage = nullptr;
+    QWidget *_approval = nullptr;
+    QLabel *_approvalText = nullptr;
+    QLineEdit *_approvalCode = nullptr;
+    QLabel *_recoveryCodeText = nullptr;
 };

@@ -6,7 +6,9 @@
 //                   [--browser COMMAND] [--oidc-issuer URL --oidc-client-id ID
 //                   [--oidc-client-secret S]] [--sign-out] [--refresh]
 //                   [--verbose] [--gui] [--screenshots DIR] [--email-link]
-//                   [--install-url-handler] [LINK]
+//                   [--install-url-handler] [--request-key | --recovery-code |
+//                   --reset-key] [--approve-device] [--show-recovery-code]
+//                   [--note TEXT] [LINK]
 //
 // Without --server it runs the reference account server inside the process
 // on 127.0.0.1 (its state kept in the data folder, so a second run finds the
@@ -29,6 +31,7 @@
 #include <OrvellaKit/OrvellaKit.h>
 #include <OrvellaKitWidgets/ORVDuplicateAppManager.h>
 #include <OrvellaKitWidgets/ORVOpenIDSignIn.h>
+#include <OrvellaKit/ORVOrvellaKeyTransfer.h>
 
 #include <QApplication>
 #include <QCommandLineParser>
@@ -71,6 +74,29 @@ QString describe(const ORVError &error)
     return ORVStringWithFormat("%@ (%@ %ld)", text, error.domain(), static_cast<long>(error.code()));
 }
 
+// Reads one line from standard input without blocking the main loop; an
+// empty string at its end (or when it cannot be read).
+void readLineFromStandardInput(std::function<void(const QString &line)> done)
+{
+    auto *notifier = new QSocketNotifier(STDIN_FILENO, QSocketNotifier::Read, QCoreApplication::instance());
+    auto buffer = std::make_shared<QByteArray>();
+    QObject::connect(notifier, &QSocketNotifier::activated, notifier, [notifier, buffer, done] {
+        char chunk[256];
+        const ssize_t count = ::read(STDIN_FILENO, chunk, sizeof chunk);
+        if (count > 0)
+            buffer->append(chunk, static_cast<qsizetype>(count));
+        const qsizetype end = buffer->indexOf('\n');
+        if (end < 0 && count > 0 && buffer->size() < 4096)
+            return;
+        notifier->setEnabled(false);
+        notifier->deleteLater();
+        done(QString::fromUtf8(end < 0 ? *buffer : buffer->left(end)).trimmed());
+    });
+}
+
+// What to do when the account does not accept this device's key.
+enum class KeyChoice { Ask, RequestFromOtherDevice, RecoveryCode, Reset };
+
 // The signed-in session, one asynchronous step after the other on the main
 // thread. Every step ends in next() or fail().
 class Session {
@@ -94,6 +120,12 @@ public:
         _emailLink = true;
         _mailbox = mailbox;
     }
+
+    // What the command line says about the encryption key.
+    void useKeyChoice(KeyChoice choice) { _keyChoice = choice; }
+    void approveDeviceWhenReady() { _approveDevice = true; }
+    void showRecoveryCodeWhenReady() { _showRecoveryCode = true; }
+    void writeNote(const QString &note) { _note = note; }
 
     // A sign-in link that a later copy forwarded.
     void signInWithMagicLink(const QString &token)
@@ -139,6 +171,70 @@ public:
     // A sign-in, the account checks after it, or a link request runs.
     bool isBusy() const { return _busy; }
 
+    // The account's key is not this device's (the window offers the ways
+    // on): `message` says why, or what happened.
+    std::function<void(const QString &message)> keyChoices;
+    // The confirmation code this device shows while it asks for the key.
+    std::function<void(const QString &code)> keyCodeShown;
+    // A device asks for the key (empty name: no longer), and the end of it.
+    std::function<void(const QString &deviceName)> approvalShown;
+
+    // What the key page asks for.
+    void requestKeyFromOtherDevice()
+    {
+        if (begin(QStringLiteral("Asking your other devices for the key…")))
+            askForKey();
+    }
+    void restoreKey(const QString &code)
+    {
+        if (begin(QStringLiteral("Checking the recovery code…")))
+            restoreKeyWithCode(code);
+    }
+    void resetKey()
+    {
+        if (begin(QStringLiteral("Resetting the key…")))
+            resetToThisDevicesKey();
+    }
+    // What the account page asks for, on a device that has the key.
+    void approveDevice(const QString &typedCode)
+    {
+        if (!_approval)
+            return;
+        _approval->approve(_key, typedCode, [this](bool success, const ORVError &error) {
+            if (success) {
+                say("sent the encryption key to the other device, encrypted for it alone");
+                return approvalEnded(QStringLiteral("The other device has your encryption key now."), 0);
+            }
+            if (error.code() == ORVOrvellaKeyApprovalCodeMismatchErrorCode && approvalShown) {
+                say("the typed code does not match the one this device computed");
+                return informed(QStringLiteral("That code does not match; check it, or refuse."));
+            }
+            say("the key was not sent: " + describe(error));
+            if (error.code() == ORVOrvellaKeyApprovalCodeMismatchErrorCode)
+                return refuseDevice(1);
+            approvalEnded(QStringLiteral("The key was not sent."), 1);
+        });
+    }
+    void refuseDevice(int status = 0)
+    {
+        if (!_approval)
+            return;
+        _approval->refuse([this, status](bool success, const ORVError &error) {
+            say(success ? QStringLiteral("refused the other device's request for the key")
+                        : QStringLiteral("could not refuse the request: ") + describe(error));
+            approvalEnded(QStringLiteral("The request was refused."), success ? status : 1);
+        });
+    }
+    // The recovery code of the accepted key; empty before.
+    QString recoveryCode() const { return ORVEncryptionKeyRecoveryCode(_key); }
+    // With a window: once the key is accepted, look for devices that ask
+    // for it every `milliseconds`.
+    void watchForKeyRequests(int milliseconds)
+    {
+        _lookout.setInterval(milliseconds);
+        QObject::connect(&_lookout, &QTimer::timeout, [this] { lookForKeyRequests(); });
+    }
+
     // What the sign-in window asks for.
     void signInWithPassword(const QString &email, const QString &password)
     {
@@ -169,6 +265,15 @@ public:
     }
     // Cancels a browser sign-in that still waits for the browser.
     void stopBrowserSignIn() { _browser.reset(); }
+    // At the end: a request for the key is withdrawn, an approval dropped.
+    void stopKeyTransfers()
+    {
+        _lookout.stop();
+        if (auto request = std::exchange(_keyRequest, nullptr))
+            request->cancel();
+        if (auto approval = std::exchange(_approval, nullptr))
+            approval->cancel();
+    }
     void emailLinkTo(const QString &email)
     {
         if (!begin(QStringLiteral("Sending the link…")))
@@ -337,12 +442,237 @@ private:
         if (!key)
             return fail("no encryption key could be made", ORVError());
         say("checking the account's encryption key with the server");
-        _tokens->checkEncryptionKey(*key, [this](bool success, const ORVError &error) {
-            if (!success)
-                return fail("the encryption key was not accepted", error);
-            say(ORVStringWithFormat("encryption key accepted (kept in the ubiquitous store and in %@)", _secrets));
+        _tokens->checkEncryptionKey(*key, [this, key = *key](bool success, const ORVError &error) {
+            if (success)
+                return keyAccepted(key);
+            if (error.domain() == ORVOrvellaTokenManagerErrorDomain && error.code() == 14)
+                return keyNotAccepted();
+            fail("the encryption key was not accepted", error);
+        });
+    }
+
+    void keyAccepted(const QByteArray &key)
+    {
+        _key = key;
+        say(ORVStringWithFormat("encryption key accepted (kept in the ubiquitous store and in %@)", _secrets));
+        if (_showRecoveryCode)
+            say(ORVStringWithFormat("recovery code of the account's encryption key (write it down and keep it safe: "
+                                    "it reads your data): %@",
+                                    recoveryCode()));
+        syncNote([this] {
+            if (_approveDevice)
+                return approveNewestRequest();
+            if (_lookout.interval() > 0)
+                _lookout.start();
             finish(0);
         });
+    }
+
+    // The account's note on the server's key-value store, encrypted with
+    // the account's key: written when the command line gives one, then read
+    // back, so that two devices show they hold the same key.
+    void syncNote(std::function<void()> next)
+    {
+        auto account = ORVFetchOrvellaAccount();
+        QUrl url = account->URLForServerEndpoint(ORVOrvellaServerEndpointKeyValue);
+        url.setPath(url.path() + QStringLiteral("kalendro/note"));
+        const auto read = [this, url, next] {
+            auto request = ORVOrvellaAccountRequest::requestWithURLRequest(ORVURLRequest(url));
+            request->setCategory(QStringLiteral("Kalendro note"));
+            request->setCompletionHandler([this, next](const std::shared_ptr<ORVOrvellaData> &data,
+                                                       const std::optional<ORVHTTPURLResponse> &response,
+                                                       const ORVError &) {
+                const int status = response ? response->statusCode() : 0;
+                const auto plain = status == 200 ? orv_decryptedDataWithKey(data ? data->data() : QByteArray(), _key)
+                                                 : std::nullopt;
+                if (plain)
+                    say(ORVStringWithFormat("the account's note, decrypted with the key: \"%@\"", QString::fromUtf8(*plain)));
+                else
+                    say(status == 404 ? QStringLiteral("the account has no note yet (--note TEXT stores one)")
+                                      : ORVStringWithFormat("the account's note could not be read (HTTP %d)", status));
+                next();
+            });
+            ORVOrvellaNetworkManager::sharedManager()->startRequest(request);
+        };
+        if (_note.isEmpty())
+            return read();
+        const auto sealed = orv_encryptedDataWithKey(_note.toUtf8(), _key);
+        ORVURLRequest put(url);
+        put.setHTTPMethod(QStringLiteral("PUT"));
+        put.setHTTPBody(sealed.value_or(QByteArray()));
+        put.setValue(QStringLiteral("application/octet-stream"), QStringLiteral("Content-Type"));
+        auto request = ORVOrvellaAccountRequest::requestWithURLRequest(put);
+        request->setCategory(QStringLiteral("Kalendro note"));
+        request->setCompletionHandler([this, read](const std::shared_ptr<ORVOrvellaData> &,
+                                                   const std::optional<ORVHTTPURLResponse> &response, const ORVError &error) {
+            const int status = response ? response->statusCode() : 0;
+            if (status != 200)
+                return fail(ORVStringWithFormat("the note was not stored (HTTP %d)", status), error);
+            say("stored the note on the server, encrypted with the account's key");
+            read();
+        });
+        ORVOrvellaNetworkManager::sharedManager()->startRequest(request);
+    }
+
+    void keyNotAccepted()
+    {
+        say("the encryption key was not accepted: the account's data is encrypted with a key this device does "
+            "not have");
+        switch (_keyChoice) {
+        case KeyChoice::RequestFromOtherDevice:
+            return askForKey();
+        case KeyChoice::RecoveryCode:
+            say("type the recovery code and press Enter:");
+            return readLineFromStandardInput([this](const QString &code) { restoreKeyWithCode(code); });
+        case KeyChoice::Reset:
+            return resetToThisDevicesKey();
+        case KeyChoice::Ask:
+            break;
+        }
+        if (keyChoices) {
+            _busy = false;
+            return keyChoices(QString());
+        }
+        say("to bring the account's key to this device, run kalendro-sample again with one of:");
+        say("  --request-key        approve from another device: on a device that has the key, run "
+            "kalendro-sample --approve-device (or use its window) and type the code this one shows");
+        say("  --recovery-code      enter the recovery code (--show-recovery-code prints it on a device that "
+            "has the key)");
+        say("  --reset-key          make this device's key the account's: data encrypted with the old key can "
+            "no longer be read");
+        finish(1);
+    }
+
+    // A step towards the key failed: the window offers the ways again.
+    void keyFailed(const QString &what, const ORVError &error)
+    {
+        if (!keyChoices)
+            return fail(what, error);
+        say(error ? what + QStringLiteral(": ") + describe(error) : what);
+        _busy = false;
+        QString reason = error.localizedFailureReason();
+        keyChoices(reason.isEmpty() ? what : reason);
+    }
+
+    void askForKey()
+    {
+        const QString name = _tokens->deviceName();
+        say(ORVStringWithFormat("asking your other devices for the account's encryption key, as \"%@\"; on one "
+                                "that has it, run kalendro-sample --approve-device or use its window",
+                                name));
+        _keyRequest = ORVOrvellaKeyRequest::create(_tokens);
+        _keyRequest->start(
+            name,
+            [this](const QString &code) {
+                say(ORVStringWithFormat("confirmation code: %@ (type it on the other device)", code));
+                if (keyCodeShown)
+                    keyCodeShown(code);
+            },
+            [this](bool success, const ORVError &error) {
+                _keyRequest.reset();
+                if (!success)
+                    return keyFailed("the encryption key did not come from another device", error);
+                say("encryption key received from the other device and accepted");
+                keyArrived();
+            });
+    }
+
+    void restoreKeyWithCode(const QString &code)
+    {
+        say("checking the recovery code");
+        _tokens->restoreEncryptionKeyWithRecoveryCode(code, [this](bool success, const ORVError &error) {
+            if (!success)
+                return keyFailed("the recovery code was not accepted", error);
+            say("encryption key restored from the recovery code and accepted");
+            keyArrived();
+        });
+    }
+
+    void resetToThisDevicesKey()
+    {
+        const auto key = _tokens->encryptionKeyFromUbiquitousKeyValueStore();
+        if (!key)
+            return fail("no encryption key could be made", ORVError());
+        say("resetting the account's encryption key to this device's: data encrypted with the old key can no "
+            "longer be read");
+        _tokens->resetEncryptionKey(*key, [this](bool success, const ORVError &error) {
+            if (!success)
+                return keyFailed("the encryption key was not reset", error);
+            say("the account's encryption key is now this device's");
+            keyArrived();
+        });
+    }
+
+    // The key this device now holds is the account's.
+    void keyArrived()
+    {
+        const auto account = ORVFetchOrvellaAccount();
+        const QByteArray key = _tokens->acceptedEncryptionKey(account->username().value_or(QString()));
+        keyAccepted(key);
+    }
+
+    void approveNewestRequest()
+    {
+        ORVOrvellaKeyApproval::pendingRequests(_tokens, [this](const QList<ORVOrvellaKeyRequestInfo> &requests,
+                                                               const ORVError &error) {
+            if (error)
+                return fail("the devices that ask for the key could not be listed", error);
+            if (requests.isEmpty())
+                return fail("no device asks for the encryption key (run kalendro-sample --request-key there first)",
+                            ORVError());
+            takeUp(requests.last());
+        });
+    }
+
+    // With a window, between other things: a device that asks is shown.
+    void lookForKeyRequests()
+    {
+        if (_busy || _approval || _looking)
+            return;
+        _looking = true;
+        ORVOrvellaKeyApproval::pendingRequests(_tokens, [this](const QList<ORVOrvellaKeyRequestInfo> &requests,
+                                                               const ORVError &) {
+            _looking = false;
+            if (!requests.isEmpty() && !_busy && !_approval && _lookout.isActive())
+                takeUp(requests.last());
+        });
+    }
+
+    void takeUp(const ORVOrvellaKeyRequestInfo &request)
+    {
+        _lookout.stop();
+        say(ORVStringWithFormat("\"%@\" asks for the account's encryption key", request.deviceName));
+        _approval = ORVOrvellaKeyApproval::create(_tokens, request);
+        const QString name = request.deviceName;
+        _approval->begin([this, name](const QString &code, const ORVError &error) {
+            if (code.isEmpty())
+                return approvalEnded(QString(), 1, error);
+            if (approvalShown)
+                return approvalShown(name);
+            say(ORVStringWithFormat("type the code that \"%@\" shows and press Enter (an empty line refuses):", name));
+            readLineFromStandardInput([this](const QString &typed) {
+                if (typed.isEmpty())
+                    return refuseDevice();
+                approveDevice(typed);
+            });
+        });
+    }
+
+    void approvalEnded(const QString &message, int status, const ORVError &error = ORVError())
+    {
+        _approval.reset();
+        if (approvalShown) {
+            approvalShown(QString());
+            if (!message.isEmpty() && informed)
+                informed(message);
+            if (error)
+                say("the request for the key could not be taken up: " + describe(error));
+            _lookout.start();
+            return;
+        }
+        if (error)
+            return fail("the request for the key could not be taken up", error);
+        finish(status);
     }
 
     void fail(const QString &what, const ORVError &error)
@@ -373,6 +703,15 @@ private:
     QString _mailbox;
     bool _accountMustBeNew = false; // "already exists" is an answer for the window
     bool _busy = false;
+    KeyChoice _keyChoice = KeyChoice::Ask;
+    bool _approveDevice = false;
+    bool _showRecoveryCode = false;
+    QString _note;
+    QByteArray _key; // the account's key, once accepted
+    std::shared_ptr<ORVOrvellaKeyRequest> _keyRequest;
+    std::shared_ptr<ORVOrvellaKeyApproval> _approval;
+    QTimer _lookout;
+    bool _looking = false;
 };
 
 // SIGTERM and SIGINT quit the event loop, so that the end of main() runs.
@@ -485,16 +824,35 @@ int main(int argc, char **argv)
     const QCommandLineOption emailLinkOption("email-link", "Ask the server to mail a sign-in link to --email, then end.");
     const QCommandLineOption installHandlerOption("install-url-handler",
                                                   "Make this program the desktop's handler of kalendro: links, then end.");
+    const QCommandLineOption requestKeyOption("request-key", "When the account does not accept this device's "
+                                                             "encryption key, ask another device for it and wait.");
+    const QCommandLineOption approveDeviceOption("approve-device", "Once the key is accepted, approve the newest "
+                                                                   "request for it (the code the other device shows "
+                                                                   "is read from standard input).");
+    const QCommandLineOption recoveryCodeOption("recovery-code", "When the account does not accept this device's "
+                                                                 "key, read the recovery code from standard input.");
+    const QCommandLineOption showRecoveryCodeOption("show-recovery-code",
+                                                    "Once the key is accepted, print its recovery code.");
+    const QCommandLineOption noteOption("note", "Once the key is accepted, store TEXT as the account's note, "
+                                                "encrypted with the key (every run reads it back).", "TEXT");
+    const QCommandLineOption resetKeyOption("reset-key", "When the account does not accept this device's key, make "
+                                                         "it the account's (data encrypted with the old key can no "
+                                                         "longer be read).");
     parser.addPositionalArgument("link", "A sign-in link (kalendro://magic?token=... or https://.../magic?token=...).",
                                  "[LINK]");
     parser.addOptions({serverOption, emailOption, passwordOption, nameOption, signOutOption, refreshOption, verboseOption,
                        guiOption, screenshotsOption, signInWithOption, approveAsOption, browserOption, issuerOption,
-                       clientOption, secretOption, emailLinkOption, installHandlerOption});
+                       clientOption, secretOption, emailLinkOption, installHandlerOption, requestKeyOption,
+                       approveDeviceOption, recoveryCodeOption, showRecoveryCodeOption, resetKeyOption, noteOption});
     parser.process(app);
     const QString signInKind = parser.value(signInWithOption);
     if (signInKind != QLatin1String("password") && signInKind != QLatin1String("google") &&
         signInKind != QLatin1String("apple")) {
         say(ORVStringWithFormat("--sign-in-with wants password, google or apple, not \"%@\"", signInKind));
+        return 2;
+    }
+    if (int(parser.isSet(requestKeyOption)) + int(parser.isSet(recoveryCodeOption)) + int(parser.isSet(resetKeyOption)) > 1) {
+        say("--request-key, --recovery-code and --reset-key are three different ways: choose one");
         return 2;
     }
     if (parser.isSet(issuerOption) != parser.isSet(clientOption)) {
@@ -659,6 +1017,18 @@ int main(int argc, char **argv)
     }
     if (magicToken)
         session.useMagicToken(*magicToken);
+    if (parser.isSet(requestKeyOption))
+        session.useKeyChoice(KeyChoice::RequestFromOtherDevice);
+    else if (parser.isSet(recoveryCodeOption))
+        session.useKeyChoice(KeyChoice::RecoveryCode);
+    else if (parser.isSet(resetKeyOption))
+        session.useKeyChoice(KeyChoice::Reset);
+    if (parser.isSet(approveDeviceOption))
+        session.approveDeviceWhenReady();
+    if (parser.isSet(showRecoveryCodeOption))
+        session.showRecoveryCodeWhenReady();
+    if (parser.isSet(noteOption))
+        session.writeNote(parser.value(noteOption));
     if (parser.isSet(emailLinkOption))
         session.useEmailLink(embedded ? QDir(dataFolder).filePath(QStringLiteral("Mail")) : QString());
     if (receivesLinks)
@@ -674,8 +1044,12 @@ int main(int argc, char **argv)
     std::unique_ptr<KalendroWindows> windows;
     QTimer giveUp;
     giveUp.setSingleShot(true);
-    // A person approving in the browser gets more time than a server.
-    const int patienceSeconds = browserSignIn ? 360 : 60;
+    // A person approving in the browser, or on another device (a request
+    // for the key lives ten minutes), gets more time than a server.
+    const int patienceSeconds = parser.isSet(requestKeyOption) ? 660
+                                : browserSignIn || parser.isSet(approveDeviceOption) || parser.isSet(recoveryCodeOption)
+                                    ? 360
+                                    : 60;
     QObject::connect(&giveUp, &QTimer::timeout, &app, [patienceSeconds] {
         say(ORVStringWithFormat("gave up after %d seconds without an answer", patienceSeconds));
         QCoreApplication::exit(1);
@@ -720,7 +1094,26 @@ int main(int argc, char **argv)
             windows = std::make_unique<KalendroWindows>(usage, accountText());
             windows->show(/*endsTheSample=*/false);
         };
+        actions.requestKey = [&session] { session.requestKeyFromOtherDevice(); };
+        actions.enterRecoveryCode = [&session](const QString &code) { session.restoreKey(code); };
+        actions.resetKey = [&session] { session.resetKey(); };
+        actions.approveDevice = [&session](const QString &typedCode) { session.approveDevice(typedCode); };
+        actions.refuseDevice = [&session] { session.refuseDevice(); };
+        actions.showRecoveryCode = [&] {
+            const QString code = session.recoveryCode();
+            if (!code.isEmpty())
+                signInWindow->showRecoveryCode(code);
+        };
         signInWindow = std::make_unique<KalendroSignInWindow>(actions);
+        session.keyChoices = [&](const QString &message) { signInWindow->showKeyChoices(message); };
+        session.keyCodeShown = [&](const QString &code) {
+            signInWindow->showKeyChoices(
+                ORVStringWithFormat("Confirmation code: %@\nType it on your other device, where Kalendro now shows "
+                                    "this request, and approve there.",
+                                    code));
+        };
+        session.approvalShown = [&](const QString &deviceName) { signInWindow->showApprovalRequest(deviceName); };
+        session.watchForKeyRequests(3000);
         session.failed = [&](const QString &what, const ORVError &error) {
             if (error)
                 signInWindow->showError(error);
@@ -785,7 +1178,11 @@ int main(int argc, char **argv)
     session.informed = nullptr;
     session.started = nullptr;
     session.finished = [](int) {};
+    session.keyChoices = nullptr;
+    session.keyCodeShown = nullptr;
+    session.approvalShown = nullptr;
     session.stopBrowserSignIn();
+    session.stopKeyTransfers();
     windows.reset();
     signInWindow.reset();
 

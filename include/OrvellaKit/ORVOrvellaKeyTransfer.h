@@ -102,7 +102,7 @@ public:
     ORVOrvellaKeyRequest(const ORVOrvellaKeyRequest &) = delete;
     ORVOrvellaKeyRequest &operator=(const ORVOrvellaKeyRequest &) = delete;
 
-    /// How often the server is asked for news, in milliseconds (default 2000).
+    /// How often the server is asked for news, in milliseconds (default 1000).
     void setPollInterval(int milliseconds);
     /// Posts the request under `deviceName` and waits for the answer. The
     /// completion gets true once the received key passed checkEncryptionKey()

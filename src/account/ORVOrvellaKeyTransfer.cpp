@@ -406,7 +406,7 @@ struct ORVOrvellaKeyRequest::State {
     QString identifier;
     QByteArray approverKey; // fixed once we revealed ours against it
     QDateTime deadline;
-    int pollInterval = 2000;
+    int pollInterval = 1000;
     int pollFailures = 0;
     bool started = false;
     bool finished = false;
@@ -683,7 +683,10 @@ void ORVOrvellaKeyApproval::pendingRequests(std::shared_ptr<ORVOrvellaTokenManag
                 continue;
             ORVOrvellaKeyRequestInfo info;
             info.identifier = id;
-            info.deviceName = object.value(QStringLiteral("device_name")).toString().left(100);
+            // Another device's word, shown to the user: printable only.
+            QString name = object.value(QStringLiteral("device_name")).toString().left(100);
+            name.removeIf([](QChar c) { return !c.isPrint(); });
+            info.deviceName = name;
             info.created = QDateTime::fromSecsSinceEpoch(object.value(QStringLiteral("created")).toInteger(), Qt::UTC);
             info.expires = now.addSecs(std::clamp<qint64>(object.value(QStringLiteral("expires_in")).toInteger(), 0, 3600));
             info.commitment = *commitment;
