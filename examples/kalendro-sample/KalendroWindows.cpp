@@ -246,6 +246,11 @@ bool KalendroWindows::writeScreenshots(const QString &folder, KalendroSignInWind
                                      ORVLocalizedString("Invalid email or password. Please try again.")}}));
         settle();
         ok &= save(signIn, dir.filePath(QStringLiteral("sign-in.png")));
+        // A device whose key the account does not accept, asking another.
+        signIn->showKeyChoices(QStringLiteral("Confirmation code: 482 913\nType it on your other device, where "
+                                              "Kalendro now shows this request, and approve there."));
+        settle();
+        ok &= save(signIn, dir.filePath(QStringLiteral("encryption-key.png")));
         signIn->hide();
     }
 

@@ -193,8 +193,32 @@ TEST(SampleKeyTransferTest, KeyReachesOtherHomesByApprovalAndRecoveryCodeAndIsNe
     ASSERT_EQ(first.run({}), 0);
     EXPECT_TRUE(first.output.contains("decrypted with the key: \"dinner at eight\"")) << qPrintable(first.output);
 
-    // The third device: a mistyped recovery code changes nothing, the right one works.
+    // With its window open, the first device notices a request by itself
+    // and asks for the code; closing the window sends nothing.
     ASSERT_EQ(third.run({}), 1);
+    {
+        // (The window first: a windowed copy that finds another copy of the
+        // sample running on the machine offers to quit that one.)
+        auto window = first.start({"--gui"});
+        QString shown;
+        waitForOutput(*window, shown, QRegularExpression("encryption key accepted"));
+        auto asking = third.start({"--request-key"});
+        QString asked;
+        EXPECT_FALSE(waitForOutput(*window, shown, QRegularExpression("(asks for the account's encryption key)")).isEmpty())
+            << qPrintable(shown);
+        EXPECT_FALSE(waitForOutput(*asking, asked, QRegularExpression("confirmation code: (\\d{3} \\d{3})")).isEmpty())
+            << qPrintable(asked);
+        window->terminate();
+        EXPECT_TRUE(window->waitForFinished(30000));
+        EXPECT_EQ(window->exitCode(), 0);
+        asking->kill();
+        asking->waitForFinished(10000);
+        first.outputs += shown + QString::fromUtf8(window->readAll());
+        third.outputs += asked + QString::fromUtf8(asking->readAll());
+        EXPECT_NE(third.key(), key);
+    }
+
+    // The third device: a mistyped recovery code changes nothing, the right one works.
     QString typo = recoveryCode;
     typo[5] = typo[5] == 'K' ? 'M' : 'K';
     EXPECT_EQ(third.run({"--recovery-code"}, typo.toLatin1() + "\n"), 1);

@@ -62,6 +62,10 @@ public:
 extern const QString email;
 extern const QString password;
 void showError(const QString &reason);
+// The account key: a code to show, and what the user typed.
+void showCode(const QString &code);
+extern const QString typedCode;
+extern const QString recoveryCode;
 
 // Settings: an object that observes a key.
 class CalendarView {
