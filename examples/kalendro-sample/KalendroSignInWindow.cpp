@@ -162,13 +162,16 @@ KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
     _approvalCode->setPlaceholderText(QStringLiteral("123 456"));
     approvalColumn->addWidget(_approvalCode);
     auto *approvalRow = new QHBoxLayout;
-    auto *approve = new QPushButton(QStringLiteral("Approve"), _approval);
-    connect(approve, &QPushButton::clicked, this, [this] { _actions.approveDevice(_approvalCode->text()); });
+    _continue = new QPushButton(QStringLiteral("Continue"), _approval);
+    connect(_continue, &QPushButton::clicked, this, [this] { _actions.takeUpDevice(); });
+    _approve = new QPushButton(QStringLiteral("Approve"), _approval);
+    connect(_approve, &QPushButton::clicked, this, [this] { _actions.approveDevice(_approvalCode->text()); });
     auto *refuse = new QPushButton(QStringLiteral("Refuse"), _approval);
     connect(refuse, &QPushButton::clicked, this, [this] { _actions.refuseDevice(); });
     approvalRow->addStretch();
     approvalRow->addWidget(refuse);
-    approvalRow->addWidget(approve);
+    approvalRow->addWidget(_continue);
+    approvalRow->addWidget(_approve);
     approvalColumn->addLayout(approvalRow);
     _approval->hide();
     accountColumn->addWidget(_approval);
@@ -218,10 +221,20 @@ KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
                                keyPage);
     warning->setWordWrap(true);
     warning->setStyleSheet(QStringLiteral("color: #b00020;"));
-    auto *reset = new QPushButton(QStringLiteral("Reset"), keyPage);
-    connect(reset, &QPushButton::clicked, this, [this] { _actions.resetKey(); });
+    // Two presses: what a reset costs cannot be undone.
+    _reset = new QPushButton(QStringLiteral("Reset"), keyPage);
+    connect(_reset, &QPushButton::clicked, this, [this] {
+        if (_reset->text() == QLatin1String("Reset")) {
+            _reset->setText(QStringLiteral("Confirm Reset"));
+            _keyMessage->setText(QStringLiteral("Press “Confirm Reset” to make a new key; your encrypted data stays "
+                                                "unreadable for good."));
+            return;
+        }
+        _reset->setText(QStringLiteral("Reset"));
+        _actions.resetKey();
+    });
     resetRow->addWidget(warning, 1);
-    resetRow->addWidget(reset);
+    resetRow->addWidget(_reset);
     keyColumn->addLayout(resetRow);
     _keyMessage = new QLabel(keyPage);
     _keyMessage->setTextFormat(Qt::PlainText);
@@ -299,19 +312,33 @@ void KalendroSignInWindow::showKeyChoices(const QString &message)
     setBusy(false);
     _keyMessage->setText(message);
     _recoveryCodeText->clear();
+    _reset->setText(QStringLiteral("Reset"));
     _pages->setCurrentIndex(2);
 }
 
 void KalendroSignInWindow::showApprovalRequest(const QString &deviceName)
 {
+    _approvingDevice = deviceName;
     _approvalCode->clear();
+    _approvalCode->hide();
+    _approve->hide();
+    _continue->show();
     _approval->setVisible(!deviceName.isEmpty());
-    _approvalText->setText(
-        deviceName.isEmpty()
-            ? QString()
-            : QStringLiteral("“%1” asks for your encryption key. If that is your device, type the code it "
-                             "shows and approve; otherwise refuse.")
-                  .arg(deviceName));
+    _approvalText->setText(deviceName.isEmpty()
+                               ? QString()
+                               : QStringLiteral("“%1” asks for your encryption key. Continue only if you are setting "
+                                                "up that device now; otherwise refuse.")
+                                     .arg(deviceName));
+}
+
+void KalendroSignInWindow::showApprovalCodeEntry()
+{
+    _continue->hide();
+    _approvalCode->show();
+    _approve->show();
+    _approve->setDefault(true);
+    _approvalCode->setFocus();
+    _approvalText->setText(QStringLiteral("Type the code “%1” shows now, then approve.").arg(_approvingDevice));
 }
 
 void KalendroSignInWindow::showRecoveryCode(const QString &code)

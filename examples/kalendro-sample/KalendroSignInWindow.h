@@ -39,6 +39,7 @@ public:
         std::function<void(const QString &code)> enterRecoveryCode;
         std::function<void()> resetKey;
         // A device that has it.
+        std::function<void()> takeUpDevice; // "that is my device": show its code
         std::function<void(const QString &typedCode)> approveDevice;
         std::function<void()> refuseDevice;
         std::function<void()> showRecoveryCode;
@@ -62,9 +63,11 @@ public:
     // The page that offers the ways to the account's key, with `message`
     // (an error, a confirmation code to compare) under them.
     void showKeyChoices(const QString &message = QString());
-    // On the account page: `deviceName` asks for the key; the code field,
-    // "Approve" and "Refuse" appear, or disappear with an empty name.
+    // On the account page: `deviceName` asks for the key, with "Continue"
+    // (take it up) and "Refuse"; an empty name hides it.
     void showApprovalRequest(const QString &deviceName);
+    // Taken up: the field for the code the other device shows, "Approve".
+    void showApprovalCodeEntry();
     // On the account page: the recovery code, until the page is left.
     void showRecoveryCode(const QString &code);
 
@@ -106,5 +109,9 @@ private:
     QWidget *_approval = nullptr;
     QLabel *_approvalText = nullptr;
     QLineEdit *_approvalCode = nullptr;
+    QPushButton *_continue = nullptr;
+    QPushButton *_approve = nullptr;
+    QPushButton *_reset = nullptr;
+    QString _approvingDevice;
     QLabel *_recoveryCodeText = nullptr;
 };

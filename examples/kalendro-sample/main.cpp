@@ -38,6 +38,7 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QProcess>
+#include <QSet>
 #include <QSocketNotifier>
 #include <QTextStream>
 #include <QThread>
@@ -176,8 +177,10 @@ public:
     std::function<void(const QString &message)> keyChoices;
     // The confirmation code this device shows while it asks for the key.
     std::function<void(const QString &code)> keyCodeShown;
-    // A device asks for the key (empty name: no longer), and the end of it.
+    // A device asks for the key (empty name: no longer); the user may take
+    // it up. Then, once taken up, the window asks for the code it shows.
     std::function<void(const QString &deviceName)> approvalShown;
+    std::function<void()> approvalCodeWanted;
 
     // What the key page asks for.
     void requestKeyFromOtherDevice()
@@ -195,12 +198,21 @@ public:
         if (begin(QStringLiteral("Resetting the key…")))
             resetToThisDevicesKey();
     }
-    // What the account page asks for, on a device that has the key.
+    // What the account page asks for, on a device that has the key: the
+    // user says the request is theirs, then types the code it shows.
+    void takeUpOfferedRequest()
+    {
+        if (_offered && !_approval)
+            takeUp(*std::exchange(_offered, std::nullopt));
+    }
     void approveDevice(const QString &typedCode)
     {
-        if (!_approval)
+        // One answer at a time: a second click while one is on its way waits.
+        if (!_approval || _answering)
             return;
+        _answering = true;
         _approval->approve(_key, typedCode, [this](bool success, const ORVError &error) {
+            _answering = false;
             if (success) {
                 say("sent the encryption key to the other device, encrypted for it alone");
                 return approvalEnded(QStringLiteral("The other device has your encryption key now."), 0);
@@ -217,9 +229,14 @@ public:
     }
     void refuseDevice(int status = 0)
     {
-        if (!_approval)
+        // Refused before it was taken up.
+        if (_offered && !_approval)
+            _approval = ORVOrvellaKeyApproval::create(_tokens, *std::exchange(_offered, std::nullopt));
+        if (!_approval || _answering)
             return;
+        _answering = true;
         _approval->refuse([this, status](bool success, const ORVError &error) {
+            _answering = false;
             say(success ? QStringLiteral("refused the other device's request for the key")
                         : QStringLiteral("could not refuse the request: ") + describe(error));
             approvalEnded(QStringLiteral("The request was refused."), success ? status : 1);
@@ -265,10 +282,14 @@ public:
     }
     // Cancels a browser sign-in that still waits for the browser.
     void stopBrowserSignIn() { _browser.reset(); }
-    // At the end: a request for the key is withdrawn, an approval dropped.
+    // At the end and at sign-out: a request for the key is withdrawn, an
+    // approval dropped, the key forgotten until the next check.
     void stopKeyTransfers()
     {
         _lookout.stop();
+        _offered.reset();
+        _seenRequests.clear();
+        _key.clear();
         if (auto request = std::exchange(_keyRequest, nullptr))
             request->cancel();
         if (auto approval = std::exchange(_approval, nullptr))
@@ -624,31 +645,50 @@ private:
         });
     }
 
-    // With a window, between other things: a device that asks is shown.
+    // With a window, between other things: a device that asks is shown,
+    // and taken up only when the user says so. Each request is offered
+    // once: taking one up gives a lying server a try at matching codes, so
+    // that must never repeat by itself.
     void lookForKeyRequests()
     {
-        if (_busy || _approval || _looking)
+        if (_busy || _approval || _offered || _looking)
             return;
         _looking = true;
         ORVOrvellaKeyApproval::pendingRequests(_tokens, [this](const QList<ORVOrvellaKeyRequestInfo> &requests,
                                                                const ORVError &) {
             _looking = false;
-            if (!requests.isEmpty() && !_busy && !_approval && _lookout.isActive())
-                takeUp(requests.last());
+            if (_busy || _approval || _offered || !_lookout.isActive())
+                return;
+            for (auto it = requests.rbegin(); it != requests.rend(); ++it) {
+                if (_seenRequests.contains(it->identifier))
+                    continue;
+                _seenRequests.insert(it->identifier);
+                _offered = *it;
+                say(ORVStringWithFormat("\"%@\" asks for the account's encryption key", it->deviceName));
+                if (approvalShown)
+                    approvalShown(it->deviceName);
+                return;
+            }
         });
     }
 
     void takeUp(const ORVOrvellaKeyRequestInfo &request)
     {
-        _lookout.stop();
-        say(ORVStringWithFormat("\"%@\" asks for the account's encryption key", request.deviceName));
+        if (!approvalShown)
+            say(ORVStringWithFormat("\"%@\" asks for the account's encryption key", request.deviceName));
         _approval = ORVOrvellaKeyApproval::create(_tokens, request);
         const QString name = request.deviceName;
         _approval->begin([this, name](const QString &code, const ORVError &error) {
-            if (code.isEmpty())
-                return approvalEnded(QString(), 1, error);
-            if (approvalShown)
-                return approvalShown(name);
+            if (code.isEmpty()) {
+                const bool suspicious = error.code() == ORVOrvellaKeyTransferUnverifiedErrorCode;
+                return approvalEnded(suspicious ? QStringLiteral("The device that asked could not be verified, so "
+                                                                 "nothing was sent. If you did not ask from a new "
+                                                                 "device just now, someone may be after your key.")
+                                                : QStringLiteral("The request could not be taken up; nothing was sent."),
+                                     1, error);
+            }
+            if (approvalCodeWanted)
+                return approvalCodeWanted();
             say(ORVStringWithFormat("type the code that \"%@\" shows and press Enter (an empty line refuses):", name));
             readLineFromStandardInput([this](const QString &typed) {
                 if (typed.isEmpty())
@@ -667,7 +707,6 @@ private:
                 informed(message);
             if (error)
                 say("the request for the key could not be taken up: " + describe(error));
-            _lookout.start();
             return;
         }
         if (error)
@@ -710,6 +749,9 @@ private:
     QByteArray _key; // the account's key, once accepted
     std::shared_ptr<ORVOrvellaKeyRequest> _keyRequest;
     std::shared_ptr<ORVOrvellaKeyApproval> _approval;
+    std::optional<ORVOrvellaKeyRequestInfo> _offered; // shown, not yet taken up
+    QSet<QString> _seenRequests;                      // offered once each
+    bool _answering = false;                          // an approve or refuse on its way
     QTimer _lookout;
     bool _looking = false;
 };
@@ -906,6 +948,9 @@ int main(int argc, char **argv)
     QUrl serverURL(parser.value(serverOption));
     if (!parser.isSet(serverOption)) {
         embedded = std::make_unique<orv::server::AccountServer>();
+        // The sample polls for key requests with its window open: a record
+        // of every request would only grow.
+        embedded->setRecordsRequests(false);
         const QString state = QDir(dataFolder).filePath(QStringLiteral("embedded-account-server.json"));
         if (parser.isSet(signOutOption))
             QFile::remove(state);
@@ -1086,6 +1131,7 @@ int main(int argc, char **argv)
             signedOut->setEmailAddress(QString());
             signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
             accounts->save(signedOut);
+            session.stopKeyTransfers();
             secrets->clear();
             say("signed out: this device forgot the account and its credential");
             signInWindow->showSignIn();
@@ -1097,6 +1143,7 @@ int main(int argc, char **argv)
         actions.requestKey = [&session] { session.requestKeyFromOtherDevice(); };
         actions.enterRecoveryCode = [&session](const QString &code) { session.restoreKey(code); };
         actions.resetKey = [&session] { session.resetKey(); };
+        actions.takeUpDevice = [&session] { session.takeUpOfferedRequest(); };
         actions.approveDevice = [&session](const QString &typedCode) { session.approveDevice(typedCode); };
         actions.refuseDevice = [&session] { session.refuseDevice(); };
         actions.showRecoveryCode = [&] {
@@ -1113,6 +1160,7 @@ int main(int argc, char **argv)
                                     code));
         };
         session.approvalShown = [&](const QString &deviceName) { signInWindow->showApprovalRequest(deviceName); };
+        session.approvalCodeWanted = [&] { signInWindow->showApprovalCodeEntry(); };
         session.watchForKeyRequests(3000);
         session.failed = [&](const QString &what, const ORVError &error) {
             if (error)
@@ -1181,6 +1229,7 @@ int main(int argc, char **argv)
     session.keyChoices = nullptr;
     session.keyCodeShown = nullptr;
     session.approvalShown = nullptr;
+    session.approvalCodeWanted = nullptr;
     session.stopBrowserSignIn();
     session.stopKeyTransfers();
     windows.reset();

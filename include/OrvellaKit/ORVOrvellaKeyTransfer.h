@@ -104,13 +104,16 @@ public:
 
     /// How often the server is asked for news, in milliseconds (default 1000).
     void setPollInterval(int milliseconds);
-    /// Posts the request under `deviceName` and waits for the answer. The
+    /// Posts the request under `deviceName` (its printable characters, at
+    /// most 100) and waits for the answer; the request is deleted on the
+    /// server however the wait ends. The
     /// completion gets true once the received key passed checkEncryptionKey()
     /// and is kept; else false and the error (30 to 36, 13, 14, cancel). Its
     /// key is not kept unless the server's record accepts it. Once only.
     void start(const QString &deviceName, CodeHandler codeHandler, ORVOrvellaTokenManager::EncryptionKeyCompletion completion);
     /// Stops waiting and deletes the request on the server; the completion
-    /// gets the cancel error unless it already ran.
+    /// gets the cancel error unless it already ran. Once the answer is being
+    /// checked with the server, a cancel changes nothing: the check decides.
     void cancel();
     /// The server's identifier, once the request is posted.
     QString identifier() const;
@@ -119,7 +122,9 @@ private:
     struct State;
     explicit ORVOrvellaKeyRequest(std::shared_ptr<ORVOrvellaTokenManager> tokenManager);
     void poll();
+    void armDeadline(int milliseconds);
     void handle(const QJsonObject &request);
+    void check(const QByteArray &key);
     void finish(bool success, const ORVError &error);
     std::unique_ptr<State> _state;
 };
@@ -153,6 +158,11 @@ public:
     /// Takes the request up and waits for the new device to reveal its key;
     /// then gives the confirmation code to show. Error 32 when the revealed
     /// key does not match the request's commitment (someone else answered).
+    ///
+    /// Call it only on the user's word ("that is my device"), never by
+    /// itself and never again after a failure: each begin() gives a server
+    /// that lies one try at making the two codes agree, and only a person
+    /// in the loop keeps the tries few.
     void begin(CodeCompletion completion);
     /// Sends `key`, encrypted for the new device, when `typedCode` (spaces
     /// ignored) is the confirmation code; otherwise error 35 and nothing is

@@ -198,6 +198,41 @@ QString digitsOnly(const QString &text)
     return out;
 }
 
+// A device's name as a person may see it: printable characters only (no
+// controls, no bidi overrides, no line breaks), at most 100 UTF-16 units
+// and never half a surrogate pair.
+QString printableName(const QString &name)
+{
+    QString out;
+    for (const char32_t c : name.toUcs4()) {
+        const auto category = QChar::category(c);
+        if (!QChar::isPrint(c) || category == QChar::Separator_Line || category == QChar::Separator_Paragraph)
+            continue;
+        const QString piece = QString::fromUcs4(&c, 1);
+        if (out.size() + piece.size() > 100)
+            break;
+        out += piece;
+    }
+    return out.simplified();
+}
+
+// Calls `completion` once: with the network's answer, or with error 13 when
+// none came in time (a task dropped without its handler must not leave the
+// caller waiting for ever).
+ORVOrvellaTokenManager::EncryptionKeyCompletion guarded(ORVOrvellaTokenManager::EncryptionKeyCompletion completion)
+{
+    auto pending = std::make_shared<ORVOrvellaTokenManager::EncryptionKeyCompletion>(std::move(completion));
+    QTimer::singleShot(std::chrono::milliseconds(static_cast<int>((kTimeout + 5) * 1000)), QCoreApplication::instance(),
+                       [pending] {
+                           if (auto called = std::exchange(*pending, nullptr))
+                               called(false, transferError(13, "The account server did not answer in time."));
+                       });
+    return [pending](bool success, const ORVError &error) {
+        if (auto called = std::exchange(*pending, nullptr))
+            called(success, error);
+    };
+}
+
 std::optional<QByteArray> base64Field(const QJsonObject &object, const QString &key, qsizetype size = -1)
 {
     const auto decoded = QByteArray::fromBase64Encoding(object.value(key).toString().toLatin1(),
@@ -385,7 +420,9 @@ void ORVOrvellaTokenManager::restoreEncryptionKeyWithRecoveryCode(const QString 
     orvRegisterFileLogLevel();
     ORVError error;
     const auto key = ORVEncryptionKeyFromRecoveryCode(code, &error);
-    if (!key) {
+    if (key && !currentUsername())
+        error = transferError(ORVOrvellaKeyTransferCannotStartErrorCode, "Nobody is signed in.");
+    if (!key || error) {
         ORVLogError("The recovery code was not accepted: %@", error);
         later([completion, error] {
             if (completion)
@@ -411,6 +448,10 @@ struct ORVOrvellaKeyRequest::State {
     bool started = false;
     bool finished = false;
     bool revealing = false;
+    bool checking = false;   // the received key is with checkEncryptionKey()
+    bool serverGone = false; // the server no longer knows the request
+    int checkFailures = 0;
+    quint64 deadlineSerial = 0;
     CodeHandler codeHandler;
     ORVOrvellaTokenManager::EncryptionKeyCompletion completion;
     std::shared_ptr<ORVOrvellaNetworkTask> task;
@@ -467,25 +508,48 @@ void ORVOrvellaKeyRequest::start(const QString &deviceName, CodeHandler codeHand
         return;
     }
     s.username = *username;
-    const QJsonObject body{{QStringLiteral("device_name"), deviceName},
+    const QJsonObject body{{QStringLiteral("device_name"), printableName(deviceName)},
                            {QStringLiteral("commitment"), QString::fromLatin1(sha256(s.publicKey).toBase64())}};
     auto self = shared_from_this();
     s.task = call(s.tokens, QStringLiteral("POST"), QString(), body,
                   [self](int status, const std::optional<QJsonObject> &reply, const ORVError &error) {
         auto &s = *self->_state;
         s.task.reset();
-        if (s.finished)
-            return;
         const QString id = reply ? reply->value(QStringLiteral("id")).toString() : QString();
-        if (!isSuccess(status) || error || id.isEmpty() || id.contains(QLatin1Char('/')))
+        const bool usable = isSuccess(status) && !error && !id.isEmpty() && !id.contains(QLatin1Char('/')) &&
+                            !id.contains(QLatin1Char('?'));
+        if (s.finished) {
+            // Cancelled while it was being made: withdrawn now.
+            if (usable)
+                call(s.tokens, QStringLiteral("DELETE"), id, std::nullopt, [](int, const auto &, const auto &) {});
+            return;
+        }
+        if (!usable)
             return self->finish(false, isSuccess(status) ? transferError(13, nullptr, error) : callError(status, error));
         s.identifier = id;
-        const qint64 lifetime = std::clamp<qint64>(reply->value(QStringLiteral("expires_in")).toInteger(600), 1, 3600);
+        const qint64 lifetime = std::clamp<qint64>(reply->value(QStringLiteral("expires_in")).toInteger(600), 1, 900);
         // A little past the server's lifetime: the server's word that it
         // expired comes first as a rule.
         s.deadline = QDateTime::currentDateTimeUtc().addSecs(lifetime + 5);
+        self->armDeadline(static_cast<int>(lifetime + 10) * 1000);
         ORVLogInfo("Asked the account's other devices for the encryption key");
         self->poll();
+    });
+    armDeadline(static_cast<int>(kTimeout + 5) * 1000);
+}
+
+void ORVOrvellaKeyRequest::armDeadline(int milliseconds)
+{
+    // Ends the wait should no answer come at all (not even an error); a
+    // later arming replaces an earlier one.
+    const quint64 serial = ++_state->deadlineSerial;
+    auto self = shared_from_this();
+    QTimer::singleShot(milliseconds, QCoreApplication::instance(), [self, serial] {
+        auto &s = *self->_state;
+        if (s.finished || s.checking || serial != s.deadlineSerial)
+            return;
+        self->finish(false, s.identifier.isEmpty() ? transferError(13, "The account server did not answer in time.")
+                                                   : callError(404, ORVError()));
     });
 }
 
@@ -504,7 +568,8 @@ void ORVOrvellaKeyRequest::poll()
             s.task.reset();
             if (s.finished)
                 return;
-            if (status == 404 || status == 401)
+            s.serverGone = status == 404;
+            if (status == 404 || status == 401 || error.code() == ORVOrvellaKeyTransferCannotStartErrorCode)
                 return self->finish(false, callError(status == 404 ? 404 : 0, error));
             if (status != 200 || !reply) {
                 // The network may come back; the request lives on the server.
@@ -537,13 +602,12 @@ void ORVOrvellaKeyRequest::handle(const QJsonObject &request)
         if (!key || key->size() != kKeyLength)
             return finish(false, transferError(ORVOrvellaKeyTransferUnverifiedErrorCode,
                                                "The answer to the request for the key cannot be verified."));
-        // Kept only when the server's record accepts it.
-        auto self = shared_from_this();
-        s.tokens->checkEncryptionKey(*key, [self](bool success, const ORVError &error) {
-            if (success)
-                ORVLogInfo("Received the encryption key from another device");
-            self->finish(success, error);
-        });
+        // The answer is read: off the server with it.
+        call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [](int, const auto &, const auto &) {});
+        s.serverGone = true;
+        s.keyPair.reset();
+        s.checking = true;
+        check(*key);
         return;
     }
     if (state == QLatin1String("approving") && s.approverKey.isEmpty() && !s.revealing) {
@@ -574,15 +638,34 @@ void ORVOrvellaKeyRequest::handle(const QJsonObject &request)
     poll();
 }
 
+void ORVOrvellaKeyRequest::check(const QByteArray &key)
+{
+    auto &s = *_state;
+    // Signed out (or in as someone else) meanwhile: the key is not theirs.
+    if (currentUsername() != s.username)
+        return finish(false, transferError(ORVOrvellaKeyTransferCannotStartErrorCode, "Nobody is signed in."));
+    // Kept only when the server's record accepts it; a server that cannot
+    // be reached is asked again, as the key exists nowhere else now.
+    auto self = shared_from_this();
+    s.tokens->checkEncryptionKey(key, [self, key](bool success, const ORVError &error) {
+        auto &s = *self->_state;
+        if (!success && error.code() == 13 && ++s.checkFailures < kMaxPollFailures) {
+            QTimer::singleShot(s.pollInterval, QCoreApplication::instance(), [self, key] { self->check(key); });
+            return;
+        }
+        if (success)
+            ORVLogInfo("Received the encryption key from another device");
+        self->finish(success, error);
+    });
+}
+
 void ORVOrvellaKeyRequest::cancel()
 {
     auto &s = *_state;
-    if (s.finished || !s.started)
+    // Once the answer is being checked, its outcome stands.
+    if (s.finished || !s.started || s.checking)
         return;
-    if (!s.identifier.isEmpty()) {
-        ORVLogInfo("The request for the encryption key was cancelled");
-        call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [](int, const auto &, const auto &) {});
-    }
+    ORVLogInfo("The request for the encryption key was cancelled");
     finish(false, orv_orvellaKitCancelError());
 }
 
@@ -596,6 +679,11 @@ void ORVOrvellaKeyRequest::finish(bool success, const ORVError &error)
         s.tokens->networkManager()->cancelTasks({s.task});
     s.task.reset();
     s.keyPair.reset();
+    // Whatever the end, the request leaves the server (it would otherwise
+    // wait there, and count against the account's limit, until it lapses).
+    if (!s.identifier.isEmpty() && !s.serverGone && s.tokens)
+        call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [](int, const auto &, const auto &) {});
+    s.serverGone = true;
     if (!success)
         ORVLogError("The request for the encryption key ended: %@", error);
     auto completion = std::move(s.completion);
@@ -684,14 +772,13 @@ void ORVOrvellaKeyApproval::pendingRequests(std::shared_ptr<ORVOrvellaTokenManag
             ORVOrvellaKeyRequestInfo info;
             info.identifier = id;
             // Another device's word, shown to the user: printable only.
-            QString name = object.value(QStringLiteral("device_name")).toString().left(100);
-            name.removeIf([](QChar c) { return !c.isPrint(); });
-            info.deviceName = name;
+            info.deviceName = printableName(object.value(QStringLiteral("device_name")).toString());
             info.created = QDateTime::fromSecsSinceEpoch(object.value(QStringLiteral("created")).toInteger(), Qt::UTC);
-            info.expires = now.addSecs(std::clamp<qint64>(object.value(QStringLiteral("expires_in")).toInteger(), 0, 3600));
+            info.expires = now.addSecs(std::clamp<qint64>(object.value(QStringLiteral("expires_in")).toInteger(), 0, 900));
             info.commitment = *commitment;
             requests.append(info);
         }
+        std::stable_sort(requests.begin(), requests.end(), [](const auto &a, const auto &b) { return a.created < b.created; });
         if (completion)
             completion(requests, ORVError());
     });
@@ -740,6 +827,11 @@ void ORVOrvellaKeyApproval::begin(CodeCompletion completion)
         if (!isSuccess(status))
             return s.endWait(QString(), callError(status, error));
         self->poll();
+    });
+    // Ends the wait should no answer come at all, not even an error.
+    const qint64 left = std::max<qint64>(0, QDateTime::currentDateTimeUtc().secsTo(s.request.expires));
+    QTimer::singleShot(static_cast<int>(left + 10) * 1000, QCoreApplication::instance(), [self] {
+        self->_state->endWait(QString(), callError(404, ORVError()));
     });
 }
 
@@ -811,7 +903,7 @@ void ORVOrvellaKeyApproval::approve(const QByteArray &key, const QString &typedC
     s.keyPair.reset();
     const QJsonObject body{{QStringLiteral("ciphertext"), QString::fromLatin1(sealed.toBase64())}};
     call(s.tokens, QStringLiteral("POST"), s.request.identifier + QStringLiteral("/answer"), body,
-         [completion](int status, const std::optional<QJsonObject> &, const ORVError &error) {
+         [completion = guarded(std::move(completion))](int status, const std::optional<QJsonObject> &, const ORVError &error) {
         const bool success = isSuccess(status);
         const ORVError result = success ? ORVError() : callError(status, error);
         if (success)
@@ -838,7 +930,7 @@ void ORVOrvellaKeyApproval::refuse(StepCompletion completion)
     s.done = true;
     s.keyPair.reset();
     call(s.tokens, QStringLiteral("POST"), s.request.identifier + QStringLiteral("/refuse"), QJsonObject(),
-         [completion](int status, const std::optional<QJsonObject> &, const ORVError &error) {
+         [completion = guarded(std::move(completion))](int status, const std::optional<QJsonObject> &, const ORVError &error) {
         const bool success = isSuccess(status);
         if (completion)
             completion(success, success ? ORVError() : callError(status, error));

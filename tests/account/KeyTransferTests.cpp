@@ -92,7 +92,7 @@ TEST(RecoveryCodeTest, RoundTripsAndRefusesEveryMistypedCharacter)
         for (auto &byte : key)
             byte = static_cast<char>(std::rand());
         const QString code = ORVEncryptionKeyRecoveryCode(key);
-        ASSERT_TRUE(shape.match(code).hasMatch()) << code.toStdString();
+        ASSERT_TRUE(shape.match(code).hasMatch()) << "key #" << i;
         EXPECT_EQ(ORVEncryptionKeyFromRecoveryCode(code), key);
         EXPECT_EQ(ORVEncryptionKeyFromRecoveryCode(code.toLower().replace('-', ' ')), key);
     }
@@ -110,7 +110,7 @@ TEST(RecoveryCodeTest, RoundTripsAndRefusesEveryMistypedCharacter)
             QString typo = code;
             typo[position] = c;
             ORVError error;
-            EXPECT_FALSE(ORVEncryptionKeyFromRecoveryCode(typo, &error)) << typo.toStdString();
+            EXPECT_FALSE(ORVEncryptionKeyFromRecoveryCode(typo, &error)) << "position " << position;
             refused += error.code() == ORVOrvellaRecoveryCodeInvalidErrorCode;
         }
     }
@@ -164,9 +164,10 @@ TEST_F(KeyTransferTest, ApprovalCarriesTheKeyWhichTheServerNeverSees)
     snapshot();
 
     ASSERT_FALSE(everything.isEmpty());
-    for (const QByteArray &secret : {accountKey, accountKey.toHex(), accountKey.toBase64(),
-                                     ORVEncryptionKeyRecoveryCode(accountKey).toLatin1()})
-        EXPECT_FALSE(everything.contains(secret)) << secret.toStdString();
+    const QList<QByteArray> secrets{accountKey, accountKey.toHex(), accountKey.toBase64(),
+                                    ORVEncryptionKeyRecoveryCode(accountKey).toLatin1()};
+    for (int i = 0; i < secrets.size(); ++i)
+        EXPECT_FALSE(everything.contains(secrets[i])) << "secret #" << i << " in the server's state";
 }
 
 TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
@@ -226,6 +227,20 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
         ASSERT_TRUE(waitUntil([&] { return received.calls > 0; }, 8s));
         EXPECT_EQ(received.error.code(), ORVOrvellaKeyRequestExpiredErrorCode);
         EXPECT_TRUE(code.isEmpty());
+    }
+    // Signed out while waiting: the wait ends at once, nothing is kept.
+    {
+        server.service().setKeyRequestLifetime(std::chrono::seconds(600));
+        Outcome received;
+        QString code;
+        auto request = ask(received, &code);
+        auto signedOut = accounts->current()->copy();
+        const auto signedIn = accounts->current();
+        signedOut->setUsername(std::nullopt);
+        accounts->setCurrent(signedOut);
+        ASSERT_TRUE(received.wait());
+        EXPECT_EQ(received.error.code(), ORVOrvellaKeyTransferCannotStartErrorCode);
+        accounts->setCurrent(signedIn);
     }
     // None of them kept a key or touched the record.
     EXPECT_TRUE(tokens->acceptedKeys.empty());

@@ -194,7 +194,8 @@ TEST(SampleKeyTransferTest, KeyReachesOtherHomesByApprovalAndRecoveryCodeAndIsNe
     EXPECT_TRUE(first.output.contains("decrypted with the key: \"dinner at eight\"")) << qPrintable(first.output);
 
     // With its window open, the first device notices a request by itself
-    // and asks for the code; closing the window sends nothing.
+    // but takes it up only on the user's word: the asking device shows no
+    // code meanwhile. Closing the window sends nothing.
     ASSERT_EQ(third.run({}), 1);
     {
         // (The window first: a windowed copy that finds another copy of the
@@ -206,8 +207,9 @@ TEST(SampleKeyTransferTest, KeyReachesOtherHomesByApprovalAndRecoveryCodeAndIsNe
         QString asked;
         EXPECT_FALSE(waitForOutput(*window, shown, QRegularExpression("(asks for the account's encryption key)")).isEmpty())
             << qPrintable(shown);
-        EXPECT_FALSE(waitForOutput(*asking, asked, QRegularExpression("confirmation code: (\\d{3} \\d{3})")).isEmpty())
-            << qPrintable(asked);
+        spinFor(2500ms);
+        asked += QString::fromUtf8(asking->readAll());
+        EXPECT_FALSE(asked.contains("confirmation code")) << qPrintable(asked);
         window->terminate();
         EXPECT_TRUE(window->waitForFinished(30000));
         EXPECT_EQ(window->exitCode(), 0);

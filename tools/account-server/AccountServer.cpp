@@ -236,6 +236,14 @@ void AccountServer::clearRequests()
     _requests.clear();
 }
 
+void AccountServer::setRecordsRequests(bool records)
+{
+    std::lock_guard lock(_lock);
+    _recordsRequests = records;
+    if (!records)
+        _requests.clear();
+}
+
 void AccountServer::handle(const void *rawRequest, void *rawResponse)
 {
     const auto &request = *static_cast<const httplib::Request *>(rawRequest);
@@ -248,7 +256,8 @@ void AccountServer::handle(const void *rawRequest, void *rawResponse)
     std::optional<ScriptedResponse> scripted;
     {
         std::lock_guard lock(_lock);
-        _requests.push_back(recorded);
+        if (_recordsRequests)
+            _requests.push_back(recorded);
         auto it = _scripts.find(request.method + ' ' + request.path);
         if (it != _scripts.end() && !it->second.empty()) {
             scripted = it->second.front();

@@ -74,6 +74,10 @@ public:
     std::vector<RecordedRequest> requests() const;
     size_t requestCount(const std::string &path) const;
     void clearRequests();
+    // Whether requests are recorded (for requests() and requestCount();
+    // on at first). A long-running server turns it off: the record keeps
+    // every request, headers included, and would only grow.
+    void setRecordsRequests(bool records);
 
     // Accounts, devices and tokens; scripted answers take precedence.
     AccountService &service() { return _service; }
@@ -88,6 +92,7 @@ private:
     mutable std::mutex _lock;
     std::map<std::string, std::deque<ScriptedResponse>> _scripts;
     std::vector<RecordedRequest> _requests;
+    bool _recordsRequests = true;
     AccountService _service;
 };
 

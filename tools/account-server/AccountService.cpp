@@ -529,7 +529,7 @@ bool AccountService::setStateFile(const std::string &path)
     for (auto it = links.begin(); it != links.end(); ++it)
         _magicTokens[it.key().toStdString()] = {text(it.value().toObject(), "email"),
                                                 it.value().toObject().value("expires").toInteger()};
-    loadKeyRequestsLocked(state->value("keyRequests").toArray());
+    loadKeyRequestsLocked(state->value("keyRequests").toArray(), state->value("keyRequestTimes").toObject());
     _values.clear();
     const QJsonObject values = state->value("values").toObject();
     for (auto user = values.begin(); user != values.end(); ++user) {
@@ -570,6 +570,7 @@ void AccountService::saveLocked() const
                             {"devices", devices},
                             {"magicLinks", links},
                             {"keyRequests", keyRequestsJsonLocked()},
+                            {"keyRequestTimes", keyRequestTimesJsonLocked()},
                             {"values", values}};
     // Passwords and the signing key are in it: the owner alone may read it.
     const QByteArray json = QJsonDocument(state).toJson(QJsonDocument::Indented);

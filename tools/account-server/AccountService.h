@@ -24,6 +24,7 @@
 // kept across restarts (the signing key is kept too, so tokens stay valid).
 
 #include <QJsonArray>
+#include <QJsonObject>
 #include <QtGlobal>
 
 #include <chrono>
@@ -167,8 +168,9 @@ private:
     ServiceReply createKeyRequestLocked(const std::string &user, const std::string &body);
     ServiceReply stepKeyRequestLocked(KeyRequest &request, const std::string &step, const std::string &body);
     void purgeKeyRequestsLocked();
-    void loadKeyRequestsLocked(const QJsonArray &requests);
+    void loadKeyRequestsLocked(const QJsonArray &requests, const QJsonObject &times);
     QJsonArray keyRequestsJsonLocked() const;
+    QJsonObject keyRequestTimesJsonLocked() const;
     ServiceReply testToken(const std::string &path, const std::string &body);
     ServiceReply mailMagicLink(const std::string &body);
     // The OpenID provider.

@@ -4,12 +4,12 @@
 //
 //   POST   /v1/account/key-requests/                {"device_name", "commitment"}  201 {"id", "expires_in"}
 //   GET    /v1/account/key-requests/                the open requests              {"requests": [...]}
-//   GET    /v1/account/key-requests/<id>            one request; answered or refused ones are deleted once read
+//   GET    /v1/account/key-requests/<id>            one request and its state
 //   POST   /v1/account/key-requests/<id>/approver   {"public_key"}  the approving device takes the request up
 //   POST   /v1/account/key-requests/<id>/requester  {"public_key"}  the new device reveals its key
 //   POST   /v1/account/key-requests/<id>/answer     {"ciphertext"}  the key, encrypted to the new device
 //   POST   /v1/account/key-requests/<id>/refuse     {}
-//   DELETE /v1/account/key-requests/<id>
+//   DELETE /v1/account/key-requests/<id>            the new device, once it read the answer (or gave up)
 //
 // Each step is allowed once and only in this order: open, approving (the
 // approver's key is there), confirming (both keys), then answered or
@@ -114,6 +114,10 @@ ServiceReply AccountService::keyRequests(const std::string &method, const std::s
     const auto user = userForAccessToken(bearer(authorization));
     if (!user)
         return error(401, "invalid_token", "The access token is expired or unknown.");
+    // Nothing of this protocol is larger; a bigger body is not parsed (and
+    // not under the lock every account shares).
+    if (body.size() > 4096)
+        return error(413, "too_large", "The body is too large.");
     std::lock_guard lock(_lock);
     purgeKeyRequestsLocked();
     const qint64 now = QDateTime::currentSecsSinceEpoch();
@@ -139,12 +143,17 @@ ServiceReply AccountService::keyRequests(const std::string &method, const std::s
             return createKeyRequestLocked(*user, body);
         if (method != "GET")
             return error(405, "method_not_allowed", "Use GET or POST.");
-        QJsonArray open;
+        // Oldest first.
+        std::vector<std::pair<qint64, QJsonObject>> open;
         for (const auto &[id, request] : _keyRequests) {
             if (request.user == *user && request.approverKey.empty() && !request.refused)
-                open.append(describe(id, request));
+                open.emplace_back(request.created, describe(id, request));
         }
-        return {200, json({{"requests", open}})};
+        std::stable_sort(open.begin(), open.end(), [](const auto &a, const auto &b) { return a.first < b.first; });
+        QJsonArray list;
+        for (const auto &entry : open)
+            list.append(entry.second);
+        return {200, json({{"requests", list}})};
     }
 
     const auto slash = rest.find('/');
@@ -164,13 +173,9 @@ ServiceReply AccountService::keyRequests(const std::string &method, const std::s
         }
         if (method != "GET")
             return error(405, "method_not_allowed", "Use GET or DELETE.");
-        const QJsonObject object = describe(id, found->second);
-        // An answer is handed out once: then only the new device has it.
-        if (found->second.refused || !found->second.answer.empty()) {
-            _keyRequests.erase(found);
-            saveLocked();
-        }
-        return {200, json(object)};
+        // Answered requests stay until the new device deletes them (or they
+        // lapse): an answer lost on its way can be fetched again.
+        return {200, json(describe(id, found->second))};
     }
     if (method != "POST")
         return error(405, "method_not_allowed", "Use POST.");
@@ -188,7 +193,9 @@ ServiceReply AccountService::createKeyRequestLocked(const std::string &user, con
     QString name = request->value("device_name").toString().simplified();
     if (name.isEmpty())
         name = QStringLiteral("Unknown Device");
-    if (name.size() > kMaxDeviceName || std::any_of(name.begin(), name.end(), [](QChar c) { return !c.isPrint(); }))
+    const auto codePoints = name.toUcs4();
+    if (name.size() > kMaxDeviceName ||
+        std::any_of(codePoints.begin(), codePoints.end(), [](char32_t c) { return !QChar::isPrint(c); }))
         return error(400, "malformed_request", "\"device_name\" must be printable and at most 100 characters.");
     const qint64 now = QDateTime::currentSecsSinceEpoch();
     auto &times = _keyRequestTimes[user];
@@ -252,8 +259,14 @@ ServiceReply AccountService::stepKeyRequestLocked(KeyRequest &request, const std
     return {200, json({{"status", "ok"}})};
 }
 
-void AccountService::loadKeyRequestsLocked(const QJsonArray &requests)
+void AccountService::loadKeyRequestsLocked(const QJsonArray &requests, const QJsonObject &times)
 {
+    // The hourly limit holds across restarts too.
+    _keyRequestTimes.clear();
+    for (auto it = times.begin(); it != times.end(); ++it) {
+        for (const QJsonValue &time : it.value().toArray())
+            _keyRequestTimes[it.key().toStdString()].push_back(time.toInteger());
+    }
     _keyRequests.clear();
     for (const QJsonValue &value : requests) {
         const QJsonObject object = value.toObject();
@@ -272,6 +285,18 @@ void AccountService::loadKeyRequestsLocked(const QJsonArray &requests)
             _keyRequests[id] = request;
     }
     purgeKeyRequestsLocked();
+}
+
+QJsonObject AccountService::keyRequestTimesJsonLocked() const
+{
+    QJsonObject times;
+    for (const auto &[user, list] : _keyRequestTimes) {
+        QJsonArray array;
+        for (const qint64 time : list)
+            array.append(time);
+        times.insert(q(user), array);
+    }
+    return times;
 }
 
 QJsonArray AccountService::keyRequestsJsonLocked() const

@@ -64,6 +64,8 @@ int main(int argc, char **argv)
         server.service().addAccount(account.substr(0, first), account.substr(first + 1, second - first - 1),
                                     account.substr(second + 1));
     }
+    // It runs until interrupted: nobody reads a record of its requests.
+    server.setRecordsRequests(false);
     if (!server.start(port)) {
         std::fprintf(stderr, "orvella-account-server: cannot listen on 127.0.0.1:%d\n", port);
         return 1;
