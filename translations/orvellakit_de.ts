@@ -199,6 +199,78 @@
         <source>The sign-in was cancelled.</source>
         <translation>Die Anmeldung wurde abgebrochen.</translation>
     </message>
+    <message>
+        <source>The request for the key has expired.</source>
+        <translation>Die Anfrage nach dem Schlüssel ist abgelaufen.</translation>
+    </message>
+    <message>
+        <source>Too many requests for the key were made; try again later.</source>
+        <translation>Es wurden zu viele Anfragen nach dem Schlüssel gestellt; versuche es später noch einmal.</translation>
+    </message>
+    <message>
+        <source>Another device has already answered this request.</source>
+        <translation>Ein anderes Gerät hat diese Anfrage bereits beantwortet.</translation>
+    </message>
+    <message>
+        <source>This request for the key has already been made.</source>
+        <translation>Diese Anfrage nach dem Schlüssel wurde bereits gestellt.</translation>
+    </message>
+    <message>
+        <source>No key pair could be made.</source>
+        <translation>Es konnte kein Schlüsselpaar erzeugt werden.</translation>
+    </message>
+    <message>
+        <source>Nobody is signed in.</source>
+        <translation>Niemand ist angemeldet.</translation>
+    </message>
+    <message>
+        <source>The request for the key was refused on the other device.</source>
+        <translation>Die Anfrage nach dem Schlüssel wurde auf dem anderen Gerät abgelehnt.</translation>
+    </message>
+    <message>
+        <source>The answer to the request for the key cannot be verified.</source>
+        <translation>Die Antwort auf die Anfrage nach dem Schlüssel lässt sich nicht prüfen.</translation>
+    </message>
+    <message>
+        <source>The device that asked for the key cannot be verified.</source>
+        <translation>Das Gerät, das nach dem Schlüssel fragt, lässt sich nicht prüfen.</translation>
+    </message>
+    <message>
+        <source>The encryption key is not 16 bytes long.</source>
+        <translation>Der Verschlüsselungsschlüssel ist nicht 16 Bytes lang.</translation>
+    </message>
+    <message>
+        <source>The request for the key is not waiting for an answer.</source>
+        <translation>Die Anfrage nach dem Schlüssel wartet nicht auf eine Antwort.</translation>
+    </message>
+    <message>
+        <source>The code does not match the one this device shows.</source>
+        <translation>Der Code stimmt nicht mit dem überein, den dieses Gerät zeigt.</translation>
+    </message>
+    <message>
+        <source>The key could not be encrypted.</source>
+        <translation>Der Schlüssel konnte nicht verschlüsselt werden.</translation>
+    </message>
+    <message>
+        <source>This request for the key has already been taken up.</source>
+        <translation>Diese Anfrage nach dem Schlüssel wird bereits bearbeitet.</translation>
+    </message>
+    <message>
+        <source>The account server did not answer in time.</source>
+        <translation>Der Kontoserver hat nicht rechtzeitig geantwortet.</translation>
+    </message>
+    <message>
+        <source>A recovery code has 28 letters and digits; this one has %ld.</source>
+        <translation>Ein Wiederherstellungscode hat 28 Buchstaben und Ziffern; dieser hat %ld.</translation>
+    </message>
+    <message>
+        <source>Recovery codes have no &quot;%@&quot; (nor 0, 1, I or O); check the character.</source>
+        <translation>Wiederherstellungscodes enthalten kein „%@“ (auch kein 0, 1, I oder O); prüfe das Zeichen.</translation>
+    </message>
+    <message>
+        <source>The recovery code has a typing mistake; compare it with the one you wrote down.</source>
+        <translation>Der Wiederherstellungscode enthält einen Tippfehler; vergleiche ihn mit dem notierten.</translation>
+    </message>
 </context>
 <context>
     <name>ORVCrashReportWindowController</name>

@@ -8,6 +8,7 @@
 #include "KalendroSignInWindow.h"
 
 #include <OrvellaKit/ORVLocalization.h>
+#include <OrvellaKit/ORVOrvellaKeyTransfer.h>
 #include <OrvellaKitWidgets/ORVOpenIDSignIn.h>
 
 #include <QLineEdit>
@@ -62,6 +63,14 @@ protected:
             window->showSignIn();
         };
         actions.showPreferences = [] {};
+        actions.resetKey = [this] { ++resets; };
+        actions.enterRecoveryCode = [this](const QString &code) {
+            ORVError error;
+            if (!ORVEncryptionKeyFromRecoveryCode(code, &error))
+                window->showKeyChoices(error.localizedFailureReason());
+        };
+        actions.takeUpDevice = [this] { ++takeUps; };
+        actions.approveDevice = [this](const QString &code) { approvedWith = code; };
         window = std::make_unique<KalendroSignInWindow>(actions);
         window->show();
     }
@@ -95,6 +104,9 @@ protected:
     std::unique_ptr<ORVOpenIDSignIn> browserSignIn;
     QNetworkAccessManager web;
     int signOuts = 0;
+    int resets = 0;
+    int takeUps = 0;
+    QString approvedWith;
 };
 
 TEST_F(SignInWindowTest, ServerRefusalsAppearBesideTheirFieldsInTheFrameworksWords)
@@ -125,6 +137,42 @@ TEST_F(SignInWindowTest, SignInWithGoogleShowsTheAccountAndSignOutComesBack)
     EXPECT_EQ(signOuts, 1);
     EXPECT_FALSE(window->isShowingAccount());
     EXPECT_TRUE(window->passwordField()->text().isEmpty());
+}
+
+TEST_F(SignInWindowTest, KeyPageResetsOnTheSecondPressAndApprovalAsksForConsentBeforeTheCode)
+{
+    window->showKeyChoices();
+    ASSERT_TRUE(window->isShowingKeyChoices());
+    window->button("Reset")->click();
+    EXPECT_EQ(resets, 0);
+    EXPECT_TRUE(window->keyMessage().contains("Confirm Reset"));
+    window->button("Confirm Reset")->click();
+    EXPECT_EQ(resets, 1);
+
+    // A mistyped recovery code: the framework's reason, in German.
+    ASSERT_TRUE(ORVInstallTranslations(QLocale(QLocale::German, QLocale::Germany)));
+    QString typo = ORVEncryptionKeyRecoveryCode(QByteArray(16, '\x2a'));
+    typo[0] = typo[0] == 'A' ? 'B' : 'A';
+    window->recoveryCodeField()->setText(typo);
+    window->button("Enter recovery code")->click();
+    EXPECT_TRUE(window->keyMessage().contains("Tippfehler")) << window->keyMessage().toStdString();
+
+    // The asking device's name is shown as it is, not as markup, and its
+    // code is asked for only once the user said to continue.
+    window->showSignedIn(QStringLiteral("Signed in"));
+    window->showApprovalRequest(QStringLiteral("<b>Laptop</b>"));
+    EXPECT_TRUE(window->approvalText().contains(QStringLiteral("“<b>Laptop</b>”"))) << window->approvalText().toStdString();
+    EXPECT_FALSE(window->approvalCodeField()->isVisible());
+    EXPECT_FALSE(window->button("Approve")->isVisible());
+    window->button("Continue")->click();
+    EXPECT_EQ(takeUps, 1);
+    window->showApprovalCodeEntry();
+    EXPECT_TRUE(window->approvalCodeField()->isVisible());
+    window->approvalCodeField()->setText(QStringLiteral("482 913"));
+    window->button("Approve")->click();
+    EXPECT_EQ(approvedWith, QStringLiteral("482 913"));
+    window->showApprovalRequest(QString());
+    EXPECT_TRUE(window->approvalText().isEmpty());
 }
 
 } // namespace
