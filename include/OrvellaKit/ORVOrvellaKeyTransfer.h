@@ -112,7 +112,8 @@ public:
     /// key is not kept unless the server's record accepts it. Once only.
     void start(const QString &deviceName, CodeHandler codeHandler, ORVOrvellaTokenManager::EncryptionKeyCompletion completion);
     /// Stops waiting and deletes the request on the server; the completion
-    /// gets the cancel error unless it already ran. Once the answer is being
+    /// gets the cancel error (once the server answered the deletion, or a
+    /// few seconds passed) unless it already ran. Once the answer is being
     /// checked with the server, a cancel changes nothing: the check decides.
     void cancel();
     /// The server's identifier, once the request is posted.

@@ -602,9 +602,6 @@ void ORVOrvellaKeyRequest::handle(const QJsonObject &request)
         if (!key || key->size() != kKeyLength)
             return finish(false, transferError(ORVOrvellaKeyTransferUnverifiedErrorCode,
                                                "The answer to the request for the key cannot be verified."));
-        // The answer is read: off the server with it.
-        call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [](int, const auto &, const auto &) {});
-        s.serverGone = true;
         s.keyPair.reset();
         s.checking = true;
         check(*key);
@@ -679,17 +676,27 @@ void ORVOrvellaKeyRequest::finish(bool success, const ORVError &error)
         s.tokens->networkManager()->cancelTasks({s.task});
     s.task.reset();
     s.keyPair.reset();
-    // Whatever the end, the request leaves the server (it would otherwise
-    // wait there, and count against the account's limit, until it lapses).
-    if (!s.identifier.isEmpty() && !s.serverGone && s.tokens)
-        call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [](int, const auto &, const auto &) {});
-    s.serverGone = true;
     if (!success)
         ORVLogError("The request for the encryption key ended: %@", error);
     auto completion = std::move(s.completion);
     s.codeHandler = nullptr;
-    if (completion)
-        completion(success, error);
+    auto deliver = std::make_shared<std::function<void()>>([completion, success, error] {
+        if (completion)
+            completion(success, error);
+    });
+    const auto once = [deliver] {
+        if (auto call = std::exchange(*deliver, nullptr))
+            call();
+    };
+    // Whatever the end, the request leaves the server (it would otherwise
+    // wait there, and count against the account's limit, until it lapses).
+    // The caller hears of the end once the server did, so that a program
+    // that quits then does not cut the deletion off; at most a few seconds.
+    if (s.identifier.isEmpty() || s.serverGone || !s.tokens)
+        return once();
+    s.serverGone = true;
+    call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [once](int, const auto &, const auto &) { once(); });
+    QTimer::singleShot(5000, QCoreApplication::instance(), once);
 }
 
 // --- the approving device -----------------------------------------------------------

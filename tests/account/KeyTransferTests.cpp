@@ -286,7 +286,8 @@ TEST_F(KeyTransferTest, RequestsAreRateLimitedScopedOrderedAndCancellable)
     request->cancel();
     ASSERT_TRUE(cancelled.wait());
     EXPECT_TRUE(orv_isOrvellaKitCancelError(cancelled.error));
-    ASSERT_TRUE(waitUntil([&] { return server.service().keyRequestCount("ada") == 0; }));
+    // Told of the end once the server has deleted the request.
+    EXPECT_EQ(server.service().keyRequestCount("ada"), 0);
     spinFor(100ms);
     EXPECT_EQ(cancelled.calls, 1);
 
@@ -322,6 +323,9 @@ TEST_F(KeyTransferTest, RequestsAreRateLimitedScopedOrderedAndCancellable)
     EXPECT_EQ(third.calls, 0);
     second->cancel();
     thirdRequest->cancel();
+    ASSERT_TRUE(waitUntil([&] { return waiting.calls + third.calls == 2; }));
+    spinFor(100ms);
     EXPECT_EQ(waiting.calls, 1);
     EXPECT_EQ(third.calls, 1);
+    EXPECT_EQ(server.service().keyRequestCount("ada"), 0);
 }
