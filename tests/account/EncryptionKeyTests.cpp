@@ -7,21 +7,6 @@ using orv::server::ScriptedResponse;
 
 namespace {
 
-struct KeyResult {
-    std::atomic<int> calls = 0;
-    bool success = false;
-    ORVError error;
-    ORVOrvellaTokenManager::EncryptionKeyCompletion handler()
-    {
-        return [this](bool s, const ORVError &e) {
-            success = s;
-            error = e;
-            ++calls;
-        };
-    }
-    bool wait() { return waitUntil([&] { return calls.load() > 0; }); }
-};
-
 class EncryptionKeyTest : public TokenManagerTest {
 protected:
     KeyResult *check(const QByteArray &key)

@@ -16,28 +16,13 @@ using namespace orv::test;
 
 namespace {
 
-struct Outcome {
-    int calls = 0;
-    bool success = false;
-    ORVError error;
-    ORVOrvellaTokenManager::EncryptionKeyCompletion handler()
-    {
-        return [this](bool s, const ORVError &e) {
-            success = s;
-            error = e;
-            ++calls;
-        };
-    }
-    bool wait() { return waitUntil([&] { return calls > 0; }); }
-};
-
 class KeyTransferTest : public TokenManagerTest {
 protected:
     void SetUp() override
     {
         TokenManagerTest::SetUp();
         accountKey = QByteArray::fromHex("00112233445566778899aabbccddeeff");
-        Outcome made;
+        KeyResult made;
         tokens->resetEncryptionKey(accountKey, made.handler());
         ASSERT_TRUE(made.wait());
         ASSERT_TRUE(made.success);
@@ -45,7 +30,7 @@ protected:
     }
 
     // A request from "the new device", waiting.
-    std::shared_ptr<ORVOrvellaKeyRequest> ask(Outcome &outcome, QString *code)
+    std::shared_ptr<ORVOrvellaKeyRequest> ask(KeyResult &outcome, QString *code)
     {
         auto request = ORVOrvellaKeyRequest::create(tokens);
         request->setPollInterval(40);
@@ -136,7 +121,7 @@ TEST_F(KeyTransferTest, ApprovalCarriesTheKeyWhichTheServerNeverSees)
             everything += file.readAll();
     };
 
-    Outcome received;
+    KeyResult received;
     QString requesterCode;
     auto request = ask(received, &requesterCode);
     snapshot();
@@ -149,7 +134,7 @@ TEST_F(KeyTransferTest, ApprovalCarriesTheKeyWhichTheServerNeverSees)
     EXPECT_TRUE(QRegularExpression("^\\d{3} \\d{3}$").match(approverCode).hasMatch()) << approverCode.toStdString();
     EXPECT_EQ(requesterCode, approverCode);
 
-    Outcome sent;
+    KeyResult sent;
     approval->approve(accountKey, approverCode.remove(' '), sent.handler());
     ASSERT_TRUE(sent.wait());
     EXPECT_TRUE(sent.success) << sent.error.code();
@@ -174,19 +159,19 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
 {
     // Refused on the old device.
     {
-        Outcome received;
+        KeyResult received;
         QString code;
         auto request = ask(received, &code);
         auto approval = takeUp(&code);
         ASSERT_TRUE(approval);
         // A code typed wrong sends nothing; the request still waits.
-        Outcome wrong;
+        KeyResult wrong;
         approval->approve(accountKey, QStringLiteral("000000") == code.remove(' ') ? "000001" : "000000", wrong.handler());
         ASSERT_TRUE(wrong.wait());
         EXPECT_EQ(wrong.error.code(), ORVOrvellaKeyApprovalCodeMismatchErrorCode);
         spinFor(150ms);
         EXPECT_EQ(received.calls, 0);
-        Outcome refused;
+        KeyResult refused;
         approval->refuse(refused.handler());
         ASSERT_TRUE(refused.wait());
         EXPECT_TRUE(refused.success);
@@ -195,7 +180,7 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
     }
     // A ciphertext altered on the way: the tag does not match.
     {
-        Outcome received;
+        KeyResult received;
         QString code;
         auto request = ask(received, &code);
         ASSERT_TRUE(takeUp(&code));
@@ -208,12 +193,12 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
     }
     // Sound encryption of a key that is not the account's: the record refuses it.
     {
-        Outcome received;
+        KeyResult received;
         QString code;
         auto request = ask(received, &code);
         auto approval = takeUp(&code);
         ASSERT_TRUE(approval);
-        Outcome sent;
+        KeyResult sent;
         approval->approve(QByteArray(16, '\x01'), code, sent.handler());
         ASSERT_TRUE(received.wait());
         EXPECT_EQ(received.error.code(), 14);
@@ -221,7 +206,7 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
     // Nobody answers in time.
     {
         server.service().setKeyRequestLifetime(std::chrono::seconds(1));
-        Outcome received;
+        KeyResult received;
         QString code;
         auto request = ask(received, &code);
         ASSERT_TRUE(waitUntil([&] { return received.calls > 0; }, 8s));
@@ -231,7 +216,7 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
     // Signed out while waiting: the wait ends at once, nothing is kept.
     {
         server.service().setKeyRequestLifetime(std::chrono::seconds(600));
-        Outcome received;
+        KeyResult received;
         QString code;
         auto request = ask(received, &code);
         auto signedOut = accounts->current()->copy();
@@ -251,7 +236,7 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
 
 TEST_F(KeyTransferTest, RecoveryCodeRestoresTheKeyAndATypoChangesNothing)
 {
-    Outcome typo;
+    KeyResult typo;
     QString code = ORVEncryptionKeyRecoveryCode(accountKey);
     code[3] = code[3] == 'A' ? 'B' : 'A';
     tokens->restoreEncryptionKeyWithRecoveryCode(code, typo.handler());
@@ -260,13 +245,13 @@ TEST_F(KeyTransferTest, RecoveryCodeRestoresTheKeyAndATypoChangesNothing)
     // Refused before the server was asked.
     EXPECT_EQ(server.requestCount("/keyvalue/v1/key/keyVerification"), 1u);
 
-    Outcome other;
+    KeyResult other;
     tokens->restoreEncryptionKeyWithRecoveryCode(ORVEncryptionKeyRecoveryCode(QByteArray(16, '\x07')), other.handler());
     ASSERT_TRUE(other.wait());
     EXPECT_EQ(other.error.code(), 14);
     EXPECT_TRUE(tokens->acceptedKeys.empty());
 
-    Outcome restored;
+    KeyResult restored;
     tokens->restoreEncryptionKeyWithRecoveryCode(ORVEncryptionKeyRecoveryCode(accountKey).toLower(), restored.handler());
     ASSERT_TRUE(restored.wait());
     EXPECT_TRUE(restored.success);
@@ -278,7 +263,7 @@ TEST_F(KeyTransferTest, RequestsAreRateLimitedScopedOrderedAndCancellable)
 {
     server.service().setKeyRequestHourlyLimit(3);
     // A cancel ends the wait once and deletes the request.
-    Outcome cancelled;
+    KeyResult cancelled;
     QString code;
     auto request = ask(cancelled, &code);
     EXPECT_EQ(server.service().keyRequestCount("ada"), 1);
@@ -292,7 +277,7 @@ TEST_F(KeyTransferTest, RequestsAreRateLimitedScopedOrderedAndCancellable)
     EXPECT_EQ(cancelled.calls, 1);
 
     // Another account sees nothing of ada's requests.
-    Outcome waiting;
+    KeyResult waiting;
     auto second = ask(waiting, &code);
     server.service().addAccount("eve", "eve@example.org", "pw", "Eve");
     const QString eve = QString::fromStdString(server.service().issueAccessToken("eve"));
@@ -314,9 +299,9 @@ TEST_F(KeyTransferTest, RequestsAreRateLimitedScopedOrderedAndCancellable)
     EXPECT_EQ(deliver(ORVOrvellaAccountRequest::requestWithURLRequest(early))->status(), 409);
 
     // Third request of the hour passes, the fourth is refused as too many.
-    Outcome third;
+    KeyResult third;
     auto thirdRequest = ask(third, &code);
-    Outcome fourth;
+    KeyResult fourth;
     auto fourthRequest = ask(fourth, &code);
     ASSERT_TRUE(fourth.wait());
     EXPECT_EQ(fourth.error.code(), ORVOrvellaKeyRequestRateLimitedErrorCode);

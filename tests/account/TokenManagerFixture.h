@@ -107,6 +107,22 @@ struct SignInResult {
     bool wait(std::chrono::milliseconds timeout = 5s) { return waitUntil([&] { return calls.load() > 0; }, timeout); }
 };
 
+// What a key check, reset or transfer's completion received.
+struct KeyResult {
+    std::atomic<int> calls = 0;
+    bool success = false;
+    ORVError error;
+    ORVOrvellaTokenManager::EncryptionKeyCompletion handler()
+    {
+        return [this](bool s, const ORVError &e) {
+            success = s;
+            error = e;
+            ++calls;
+        };
+    }
+    bool wait() { return waitUntil([&] { return calls.load() > 0; }); }
+};
+
 class TokenManagerTest : public AccountServerTest {
 protected:
     void SetUp() override
