@@ -211,7 +211,9 @@ public:
         if (!_approval || _answering)
             return;
         _answering = true;
-        _approval->approve(_key, typedCode, [this](bool success, const ORVError &error) {
+        _approval->approve(_key, typedCode, [this, approval = _approval](bool success, const ORVError &error) {
+            if (approval != _approval)
+                return; // dropped meanwhile (signed out)
             _answering = false;
             if (success) {
                 say("sent the encryption key to the other device, encrypted for it alone");
@@ -235,7 +237,9 @@ public:
         if (!_approval || _answering)
             return;
         _answering = true;
-        _approval->refuse([this, status](bool success, const ORVError &error) {
+        _approval->refuse([this, status, approval = _approval](bool success, const ORVError &error) {
+            if (approval != _approval)
+                return; // dropped meanwhile (signed out)
             _answering = false;
             say(success ? QStringLiteral("refused the other device's request for the key")
                         : QStringLiteral("could not refuse the request: ") + describe(error));
@@ -290,6 +294,7 @@ public:
         _offered.reset();
         _seenRequests.clear();
         _key.clear();
+        _answering = false;
         if (auto request = std::exchange(_keyRequest, nullptr))
             request->cancel();
         if (auto approval = std::exchange(_approval, nullptr))
@@ -651,14 +656,25 @@ private:
     // that must never repeat by itself.
     void lookForKeyRequests()
     {
-        if (_busy || _approval || _offered || _looking)
+        if (_busy || _approval || _answering || _looking)
             return;
         _looking = true;
         ORVOrvellaKeyApproval::pendingRequests(_tokens, [this](const QList<ORVOrvellaKeyRequestInfo> &requests,
-                                                               const ORVError &) {
+                                                               const ORVError &error) {
             _looking = false;
-            if (_busy || _approval || _offered || !_lookout.isActive())
+            if (_busy || _approval || _answering || !_lookout.isActive() || error)
                 return;
+            // An offer whose request went away (withdrawn, lapsed) goes too.
+            if (_offered) {
+                const bool stillThere = std::any_of(requests.begin(), requests.end(), [this](const auto &request) {
+                    return request.identifier == _offered->identifier;
+                });
+                if (stillThere)
+                    return;
+                _offered.reset();
+                if (approvalShown)
+                    approvalShown(QString());
+            }
             for (auto it = requests.rbegin(); it != requests.rend(); ++it) {
                 if (_seenRequests.contains(it->identifier))
                     continue;
@@ -678,7 +694,10 @@ private:
             say(ORVStringWithFormat("\"%@\" asks for the account's encryption key", request.deviceName));
         _approval = ORVOrvellaKeyApproval::create(_tokens, request);
         const QString name = request.deviceName;
-        _approval->begin([this, name](const QString &code, const ORVError &error) {
+        _approval->begin([this, name, approval = _approval](const QString &code, const ORVError &error) {
+            // Cancelled or refused meanwhile: whoever did it ends the approval.
+            if (approval != _approval || orv_isOrvellaKitCancelError(error))
+                return;
             if (code.isEmpty()) {
                 const bool suspicious = error.code() == ORVOrvellaKeyTransferUnverifiedErrorCode;
                 return approvalEnded(suspicious ? QStringLiteral("The device that asked could not be verified, so "
@@ -891,6 +910,10 @@ int main(int argc, char **argv)
     if (signInKind != QLatin1String("password") && signInKind != QLatin1String("google") &&
         signInKind != QLatin1String("apple")) {
         say(ORVStringWithFormat("--sign-in-with wants password, google or apple, not \"%@\"", signInKind));
+        return 2;
+    }
+    if (parser.isSet(approveDeviceOption) && parser.isSet(guiOption)) {
+        say("--approve-device is for the command line; with --gui the window shows requests for the key itself");
         return 2;
     }
     if (int(parser.isSet(requestKeyOption)) + int(parser.isSet(recoveryCodeOption)) + int(parser.isSet(resetKeyOption)) > 1) {
@@ -1125,13 +1148,15 @@ int main(int argc, char **argv)
         };
         actions.emailLink = [&session](const QString &email) { session.emailLinkTo(email); };
         actions.signOut = [&] {
+            // While the account still signs requests: a request for the key
+            // is withdrawn on the server.
+            session.stopKeyTransfers();
             auto signedOut = ORVFetchOrvellaAccount()->copy();
             tokens->resetTokensForAccountWithIdentifier(signedOut->identifier());
             signedOut->setUsername(std::nullopt);
             signedOut->setEmailAddress(QString());
             signedOut->setOrvellaAccountType(ORVOrvellaAccountTypeNone);
             accounts->save(signedOut);
-            session.stopKeyTransfers();
             secrets->clear();
             say("signed out: this device forgot the account and its credential");
             signInWindow->showSignIn();

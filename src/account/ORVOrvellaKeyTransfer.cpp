@@ -37,6 +37,10 @@ constexpr int kPublicKeyLength = 32;
 constexpr int kNonceLength = 12;
 constexpr int kTagLength = 16;
 constexpr double kTimeout = 30.0;
+// How long one exchange may take in all before its caller is told it failed:
+// past the token fetch's own bound (90 s) and the request's time-out. Only
+// a task dropped without its handler ever gets that far.
+constexpr std::chrono::seconds kBackstop{130};
 // Consecutive failed polls (the network gone for a while) before giving up.
 constexpr int kMaxPollFailures = 5;
 
@@ -216,20 +220,21 @@ QString printableName(const QString &name)
     return out.simplified();
 }
 
-// Calls `completion` once: with the network's answer, or with error 13 when
-// none came in time (a task dropped without its handler must not leave the
+// Calls `completion` once: with the answer, or with error 13 when none came
+// within kBackstop (a task dropped without its handler must not leave the
 // caller waiting for ever).
-ORVOrvellaTokenManager::EncryptionKeyCompletion guarded(ORVOrvellaTokenManager::EncryptionKeyCompletion completion)
+template <class Result>
+std::function<void(Result, const ORVError &)> guarded(std::function<void(Result, const ORVError &)> completion)
 {
-    auto pending = std::make_shared<ORVOrvellaTokenManager::EncryptionKeyCompletion>(std::move(completion));
-    QTimer::singleShot(std::chrono::milliseconds(static_cast<int>((kTimeout + 5) * 1000)), QCoreApplication::instance(),
-                       [pending] {
-                           if (auto called = std::exchange(*pending, nullptr))
-                               called(false, transferError(13, "The account server did not answer in time."));
-                       });
-    return [pending](bool success, const ORVError &error) {
+    using Completion = std::function<void(Result, const ORVError &)>;
+    auto pending = std::make_shared<Completion>(std::move(completion));
+    QTimer::singleShot(kBackstop, QCoreApplication::instance(), [pending] {
         if (auto called = std::exchange(*pending, nullptr))
-            called(success, error);
+            called(std::decay_t<Result>(), transferError(13, "The account server did not answer in time."));
+    });
+    return [pending](Result result, const ORVError &error) {
+        if (auto called = std::exchange(*pending, nullptr))
+            called(result, error);
     };
 }
 
@@ -644,16 +649,19 @@ void ORVOrvellaKeyRequest::check(const QByteArray &key)
     // Kept only when the server's record accepts it; a server that cannot
     // be reached is asked again, as the key exists nowhere else now.
     auto self = shared_from_this();
-    s.tokens->checkEncryptionKey(key, [self, key](bool success, const ORVError &error) {
+    s.tokens->checkEncryptionKey(key, guarded<bool>([self, key](bool success, const ORVError &error) {
         auto &s = *self->_state;
         if (!success && error.code() == 13 && ++s.checkFailures < kMaxPollFailures) {
             QTimer::singleShot(s.pollInterval, QCoreApplication::instance(), [self, key] { self->check(key); });
             return;
         }
+        // Signed out while the server was asked: not this account's key any more.
+        if (success && currentUsername() != s.username)
+            return self->finish(false, transferError(ORVOrvellaKeyTransferCannotStartErrorCode, "Nobody is signed in."));
         if (success)
             ORVLogInfo("Received the encryption key from another device");
         self->finish(success, error);
-    });
+    }));
 }
 
 void ORVOrvellaKeyRequest::cancel()
@@ -672,7 +680,9 @@ void ORVOrvellaKeyRequest::finish(bool success, const ORVError &error)
     if (s.finished)
         return;
     s.finished = true;
-    if (s.task)
+    // The request being made is left to finish, so that its reply can
+    // withdraw it; a poll or a reveal is cancelled.
+    if (s.task && !s.identifier.isEmpty())
         s.tokens->networkManager()->cancelTasks({s.task});
     s.task.reset();
     s.keyPair.reset();
@@ -693,7 +703,7 @@ void ORVOrvellaKeyRequest::finish(bool success, const ORVError &error)
     // The caller hears of the end once the server did, so that a program
     // that quits then does not cut the deletion off; at most a few seconds.
     if (s.identifier.isEmpty() || s.serverGone || !s.tokens)
-        return once();
+        return later(once); // never inside cancel()
     s.serverGone = true;
     call(s.tokens, QStringLiteral("DELETE"), s.identifier, std::nullopt, [once](int, const auto &, const auto &) { once(); });
     QTimer::singleShot(5000, QCoreApplication::instance(), once);
@@ -725,11 +735,15 @@ struct ORVOrvellaKeyApproval::State {
         if (task)
             tokens->networkManager()->cancelTasks({task});
         task.reset();
-        if (error)
+        if (error) {
             ORVLogError("Taking up the request for the encryption key failed: %@", error);
-        auto completion = std::move(codeCompletion);
-        if (completion)
-            completion(code, error);
+            keyPair.reset();
+        }
+        // Never inside cancel() or refuse(): the caller is mid-call.
+        later([completion = std::move(codeCompletion), code, error] {
+            if (completion)
+                completion(code, error);
+        });
     }
 };
 
@@ -761,7 +775,8 @@ void ORVOrvellaKeyApproval::pendingRequests(std::shared_ptr<ORVOrvellaTokenManag
         return;
     }
     call(tokenManager, QStringLiteral("GET"), QString(), std::nullopt,
-         [completion](int status, const std::optional<QJsonObject> &reply, const ORVError &error) {
+         [completion = guarded<const QList<ORVOrvellaKeyRequestInfo> &>(std::move(completion))](
+             int status, const std::optional<QJsonObject> &reply, const ORVError &error) {
         QList<ORVOrvellaKeyRequestInfo> requests;
         if (status != 200 || !reply) {
             if (completion)
@@ -910,7 +925,7 @@ void ORVOrvellaKeyApproval::approve(const QByteArray &key, const QString &typedC
     s.keyPair.reset();
     const QJsonObject body{{QStringLiteral("ciphertext"), QString::fromLatin1(sealed.toBase64())}};
     call(s.tokens, QStringLiteral("POST"), s.request.identifier + QStringLiteral("/answer"), body,
-         [completion = guarded(std::move(completion))](int status, const std::optional<QJsonObject> &, const ORVError &error) {
+         [completion = guarded<bool>(std::move(completion))](int status, const std::optional<QJsonObject> &, const ORVError &error) {
         const bool success = isSuccess(status);
         const ORVError result = success ? ORVError() : callError(status, error);
         if (success)
@@ -937,7 +952,7 @@ void ORVOrvellaKeyApproval::refuse(StepCompletion completion)
     s.done = true;
     s.keyPair.reset();
     call(s.tokens, QStringLiteral("POST"), s.request.identifier + QStringLiteral("/refuse"), QJsonObject(),
-         [completion = guarded(std::move(completion))](int status, const std::optional<QJsonObject> &, const ORVError &error) {
+         [completion = guarded<bool>(std::move(completion))](int status, const std::optional<QJsonObject> &, const ORVError &error) {
         const bool success = isSuccess(status);
         if (completion)
             completion(success, success ? ORVError() : callError(status, error));

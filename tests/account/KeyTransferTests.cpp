@@ -213,6 +213,24 @@ TEST_F(KeyTransferTest, RefusedMismatchedTamperedWrongAndExpiredChangeNothing)
         EXPECT_EQ(received.error.code(), ORVOrvellaKeyRequestExpiredErrorCode);
         EXPECT_TRUE(code.isEmpty());
     }
+    // Cancelled before the server even answered: withdrawn once it does.
+    {
+        server.clearRequests();
+        KeyResult cancelled;
+        auto request = ORVOrvellaKeyRequest::create(tokens);
+        request->start(QStringLiteral("Laptop"), nullptr, cancelled.handler());
+        request->cancel();
+        EXPECT_EQ(cancelled.calls, 0); // never inside cancel()
+        ASSERT_TRUE(cancelled.wait());
+        EXPECT_TRUE(orv_isOrvellaKitCancelError(cancelled.error));
+        const auto deleted = [&] {
+            const auto requests = server.requests();
+            return std::any_of(requests.begin(), requests.end(), [](const auto &r) { return r.method == "DELETE"; });
+        };
+        EXPECT_TRUE(waitUntil([&] { return deleted(); }));
+        EXPECT_EQ(server.requestCount("/v1/account/key-requests/"), 1u);
+        EXPECT_EQ(server.service().keyRequestCount("ada"), 0);
+    }
     // Signed out while waiting: the wait ends at once, nothing is kept.
     {
         server.service().setKeyRequestLifetime(std::chrono::seconds(600));
