@@ -204,16 +204,16 @@ KalendroSignInWindow::KalendroSignInWindow(Actions actions, QWidget *parent)
                                    keyPage);
     explanation->setWordWrap(true);
     keyColumn->addWidget(explanation);
-    auto *ask = new QPushButton(QStringLiteral("Approve from another device"), keyPage);
-    connect(ask, &QPushButton::clicked, this, [this] { _actions.requestKey(); });
-    keyColumn->addWidget(ask);
+    _ask = new QPushButton(QStringLiteral("Approve from another device"), keyPage);
+    connect(_ask, &QPushButton::clicked, this, [this] { _actions.requestKey(); });
+    keyColumn->addWidget(_ask);
     auto *codeRow = new QHBoxLayout;
     _recoveryCode = new QLineEdit(keyPage);
     _recoveryCode->setPlaceholderText(QStringLiteral("XXXX-XXXX-XXXX-XXXX-XXXX-XXXX-XXXX"));
-    auto *enter = new QPushButton(QStringLiteral("Enter recovery code"), keyPage);
-    connect(enter, &QPushButton::clicked, this, [this] { _actions.enterRecoveryCode(_recoveryCode->text()); });
+    _enter = new QPushButton(QStringLiteral("Enter recovery code"), keyPage);
+    connect(_enter, &QPushButton::clicked, this, [this] { _actions.enterRecoveryCode(_recoveryCode->text()); });
     codeRow->addWidget(_recoveryCode);
-    codeRow->addWidget(enter);
+    codeRow->addWidget(_enter);
     keyColumn->addLayout(codeRow);
     auto *resetRow = new QHBoxLayout;
     auto *warning = new QLabel(QStringLiteral("Reset makes a new key. Everything encrypted with the old key can "
@@ -329,6 +329,13 @@ void KalendroSignInWindow::showApprovalRequest(const QString &deviceName)
                                : QStringLiteral("“%1” asks for your encryption key. Continue only if you are setting "
                                                 "up that device now; otherwise refuse.")
                                      .arg(deviceName));
+}
+
+void KalendroSignInWindow::showKeyRequestRunning(bool asking)
+{
+    _ask->setText(asking ? QStringLiteral("Stop Asking") : QStringLiteral("Approve from another device"));
+    for (QWidget *other : std::initializer_list<QWidget *>{_recoveryCode, _enter, _reset})
+        other->setEnabled(!asking);
 }
 
 void KalendroSignInWindow::showApprovalCodeEntry()

@@ -68,6 +68,9 @@ public:
     void showApprovalRequest(const QString &deviceName);
     // Taken up: the field for the code the other device shows, "Approve".
     void showApprovalCodeEntry();
+    // While this device asks its other devices for the key: "Stop Asking",
+    // and the other ways wait.
+    void showKeyRequestRunning(bool asking);
     // On the account page: the recovery code, until the page is left.
     void showRecoveryCode(const QString &code);
 
@@ -112,6 +115,8 @@ private:
     QPushButton *_continue = nullptr;
     QPushButton *_approve = nullptr;
     QPushButton *_reset = nullptr;
+    QPushButton *_ask = nullptr;
+    QPushButton *_enter = nullptr;
     QString _approvingDevice;
     QLabel *_recoveryCodeText = nullptr;
 };

@@ -182,9 +182,14 @@ public:
     std::function<void(const QString &deviceName)> approvalShown;
     std::function<void()> approvalCodeWanted;
 
-    // What the key page asks for.
+    // Whether this device is asking its other devices for the key.
+    std::function<void(bool asking)> keyRequestRunning;
+
+    // What the key page asks for; asked again while asking, it stops.
     void requestKeyFromOtherDevice()
     {
+        if (_keyRequest)
+            return _keyRequest->cancel();
         if (begin(QStringLiteral("Asking your other devices for the key…")))
             askForKey();
     }
@@ -295,8 +300,13 @@ public:
         _seenRequests.clear();
         _key.clear();
         _answering = false;
-        if (auto request = std::exchange(_keyRequest, nullptr))
+        if (auto request = std::exchange(_keyRequest, nullptr)) {
+            // Its end is not waited for: the session is free again now.
+            _busy = false;
+            if (keyRequestRunning)
+                keyRequestRunning(false);
             request->cancel();
+        }
         if (auto approval = std::exchange(_approval, nullptr))
             approval->cancel();
     }
@@ -586,21 +596,33 @@ private:
         say(ORVStringWithFormat("asking your other devices for the account's encryption key, as \"%@\"; on one "
                                 "that has it, run kalendro-sample --approve-device or use its window",
                                 name));
-        _keyRequest = ORVOrvellaKeyRequest::create(_tokens);
-        _keyRequest->start(
+        auto request = ORVOrvellaKeyRequest::create(_tokens);
+        _keyRequest = request;
+        request->start(
             name,
             [this](const QString &code) {
                 say(ORVStringWithFormat("confirmation code: %@ (type it on the other device)", code));
                 if (keyCodeShown)
                     keyCodeShown(code);
             },
-            [this](bool success, const ORVError &error) {
+            [this, asked = std::weak_ptr(request)](bool success, const ORVError &error) {
+                if (asked.lock() != _keyRequest)
+                    return; // dropped meanwhile (signed out)
                 _keyRequest.reset();
+                if (keyRequestRunning)
+                    keyRequestRunning(false);
+                if (orv_isOrvellaKitCancelError(error) && keyChoices) {
+                    say("stopped asking the other devices for the key");
+                    _busy = false;
+                    return keyChoices(QStringLiteral("You stopped asking your other devices."));
+                }
                 if (!success)
                     return keyFailed("the encryption key did not come from another device", error);
                 say("encryption key received from the other device and accepted");
                 keyArrived();
             });
+        if (keyRequestRunning)
+            keyRequestRunning(true);
     }
 
     void restoreKeyWithCode(const QString &code)
@@ -1185,6 +1207,7 @@ int main(int argc, char **argv)
                                     code));
         };
         session.approvalShown = [&](const QString &deviceName) { signInWindow->showApprovalRequest(deviceName); };
+        session.keyRequestRunning = [&](bool asking) { signInWindow->showKeyRequestRunning(asking); };
         session.approvalCodeWanted = [&] { signInWindow->showApprovalCodeEntry(); };
         session.watchForKeyRequests(3000);
         session.failed = [&](const QString &what, const ORVError &error) {
@@ -1255,6 +1278,7 @@ int main(int argc, char **argv)
     session.keyCodeShown = nullptr;
     session.approvalShown = nullptr;
     session.approvalCodeWanted = nullptr;
+    session.keyRequestRunning = nullptr;
     session.stopBrowserSignIn();
     session.stopKeyTransfers();
     windows.reset();

@@ -149,6 +149,15 @@ TEST_F(SignInWindowTest, KeyPageResetsOnTheSecondPressAndApprovalAsksForConsentB
     window->button("Confirm Reset")->click();
     EXPECT_EQ(resets, 1);
 
+    // While asking another device, only "Stop Asking" works.
+    window->showKeyRequestRunning(true);
+    ASSERT_TRUE(window->button("Stop Asking"));
+    EXPECT_FALSE(window->button("Enter recovery code")->isEnabled());
+    EXPECT_FALSE(window->button("Reset")->isEnabled());
+    window->showKeyRequestRunning(false);
+    EXPECT_TRUE(window->button("Approve from another device"));
+    EXPECT_TRUE(window->button("Enter recovery code")->isEnabled());
+
     // A mistyped recovery code: the framework's reason, in German.
     ASSERT_TRUE(ORVInstallTranslations(QLocale(QLocale::German, QLocale::Germany)));
     QString typo = ORVEncryptionKeyRecoveryCode(QByteArray(16, '\x2a'));
